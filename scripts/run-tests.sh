@@ -1,0 +1,24 @@
+#!/usr/bin/env bash
+# The whole test suite, three legs: the x86-64 build, the same tests under AddressSanitizer and
+# UndefinedBehaviorSanitizer, and the aarch64 cross build run under qemu.
+source "$(dirname "$0")/common.sh"
+ensure_packages cmake ninja-build g++ libgtest-dev googletest g++-aarch64-linux-gnu qemu-user
+
+cd "$ROOT"
+run_leg() {
+    local title="$1" dir="$2"
+    shift 2
+    echo
+    echo "=== $title ==="
+    build_tree "$dir" "$@"
+    ctest --test-dir "$dir" --output-on-failure -j "$JOBS" --timeout 900
+}
+
+run_leg "x86-64" build/release -DCMAKE_BUILD_TYPE=RelWithDebInfo
+run_leg "x86-64, AddressSanitizer + UndefinedBehaviorSanitizer" build/sanitize \
+    -DCMAKE_BUILD_TYPE=RelWithDebInfo -DORVE_SANITIZE=ON -DORVE_BUILD_BENCH=OFF
+run_leg "aarch64 (cross-compiled, run under qemu-aarch64 -cpu max)" build/aarch64 \
+    -DCMAKE_BUILD_TYPE=RelWithDebInfo -DORVE_BUILD_BENCH=OFF \
+    -DCMAKE_TOOLCHAIN_FILE="$ROOT/cmake/aarch64-linux-gnu.cmake"
+echo
+echo "all three legs passed"

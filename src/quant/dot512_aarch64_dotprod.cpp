@@ -1,0 +1,33 @@
+// Arm kernels built on the signed 8-bit dot-product instruction (sdot): each 32-bit lane adds
+// the products of four adjacent byte pairs, exactly, for every int8 value.
+#include <arm_neon.h>
+
+#include "quant/dot512_kernels.h"
+
+namespace orve {
+
+int32_t dot512_sdot(const int8_t* a, const int8_t* b) {
+    // Four accumulators, chunk j of every 64-byte group into accumulator j, so consecutive
+    // sdot instructions do not wait on each other.
+    int32x4_t acc0 = vdupq_n_s32(0), acc1 = vdupq_n_s32(0);
+    int32x4_t acc2 = vdupq_n_s32(0), acc3 = vdupq_n_s32(0);
+    for (std::size_t i = 0; i < kRowBytes; i += 64) {
+        acc0 = vdotq_s32(acc0, vld1q_s8(a + i), vld1q_s8(b + i));
+        acc1 = vdotq_s32(acc1, vld1q_s8(a + i + 16), vld1q_s8(b + i + 16));
+        acc2 = vdotq_s32(acc2, vld1q_s8(a + i + 32), vld1q_s8(b + i + 32));
+        acc3 = vdotq_s32(acc3, vld1q_s8(a + i + 48), vld1q_s8(b + i + 48));
+    }
+    return vaddvq_s32(vaddq_s32(vaddq_s32(acc0, acc1), vaddq_s32(acc2, acc3)));
+}
+
+void dot512_sdot_many(const int8_t* q, const int8_t* rows, std::size_t n, int32_t* out) {
+    for (std::size_t r = 0; r < n; ++r) out[r] = dot512_sdot(q, rows + r * kRowBytes);
+}
+
+int32_t dot64_sdot(const int8_t* a, const int8_t* b) {
+    int32x4_t acc = vdupq_n_s32(0);
+    for (std::size_t i = 0; i < 64; i += 16) acc = vdotq_s32(acc, vld1q_s8(a + i), vld1q_s8(b + i));
+    return vaddvq_s32(acc);
+}
+
+}  // namespace orve

@@ -1,0 +1,50 @@
+/* A C99 host: compiles the public header as C and calls the library through the shared
+ * object. Exits non-zero on the first mismatch. */
+#include <stdio.h>
+#include <string.h>
+
+#include "semantic_vector_indexing.h"
+
+static int failures = 0;
+
+#define CHECK(cond)                                                     \
+    do {                                                                \
+        if (!(cond)) {                                                  \
+            fprintf(stderr, "%s:%d: check failed: %s\n", __FILE__, __LINE__, #cond); \
+            ++failures;                                                 \
+        }                                                               \
+    } while (0)
+
+int main(void) {
+    float v[512];
+    int8_t codes[512];
+    float scale = 0.0f, norm = 0.0f;
+    int i;
+    vector_similarity_result results[3];
+
+    CHECK(vector_similarity_query_sizeof() == sizeof(vector_similarity_query));
+    CHECK(vector_similarity_result_sizeof() == sizeof(vector_similarity_result));
+
+    memset(v, 0, sizeof v);
+    v[3] = 0.5f;
+    CHECK(orve_quantize_float_vector_symmetric(v, 512, codes, &scale, &norm) == 0);
+    CHECK(scale == 254.0f && norm == 0.5f && codes[3] == 127);
+    CHECK(orve_dotprod512_i8(codes, codes) == 127 * 127);
+
+    for (i = 0; i < 64; ++i) codes[i] = (int8_t)(i - 32);
+    memset(codes + 64, 1, 64);
+    CHECK(orve512_similarity_int8(codes, codes + 64) == -32);
+
+    memset(results, 0, sizeof results);
+    results[0].similarity = 0.1f;
+    results[1].similarity = 0.3f;
+    results[2].similarity = 0.2f;
+    results[0].node_id = 1;
+    results[1].node_id = 2;
+    results[2].node_id = 3;
+    sort_similarity_results(results, 3);
+    CHECK(results[0].node_id == 2 && results[1].node_id == 3 && results[2].node_id == 1);
+
+    printf("%d passed, %d failed\n", failures == 0 ? 1 : 0, failures == 0 ? 0 : 1);
+    return failures == 0 ? 0 : 1;
+}
