@@ -15,6 +15,7 @@
 #ifndef SEMANTIC_VECTOR_INDEXING_H
 #define SEMANTIC_VECTOR_INDEXING_H
 
+#include <stdbool.h>
 #include <stddef.h>
 #include <stdint.h>
 
@@ -190,28 +191,408 @@ ORVE_API float random_float(void);
 ORVE_API float random_float_range(float low, float high);
 
 /* ======================================================================================== */
+/* System object                                                                             */
+/* ======================================================================================== */
+
+/* The central object. Hosts never read its fields: allocate
+ * semantic_vector_indexing_system_sizeof() bytes (malloc alignment is enough), pass the block to
+ * semantic_vector_indexing_system_create, and end with semantic_vector_indexing_system_destroy.
+ * Create must be given a zeroed or destroyed block. */
+typedef struct semantic_vector_indexing_system semantic_vector_indexing_system;
+
+/* Capacity (rows) comes from the environment variable ORVE_VECTOR_CAPACITY, read at create:
+ * 1 to 1,100,000, default and fallback 1,100,000. */
+ORVE_API int semantic_vector_indexing_system_create(semantic_vector_indexing_system* sys);
+/* Releases everything and zero-fills the block; safe on a zeroed block and twice in a row. */
+ORVE_API void semantic_vector_indexing_system_destroy(semantic_vector_indexing_system* sys);
+ORVE_API uint64_t semantic_vector_indexing_system_sizeof(void);
+ORVE_API uint32_t semantic_vector_indexing_system_get_vec_dim(void); /* 512 */
+/* Node count, cluster count and silhouette of the clustering index; average similarity is
+ * always 0. -1 on null pointers or an object that is not created. */
+ORVE_API int semantic_vector_indexing_system_get_stats(semantic_vector_indexing_system* sys,
+                                                       uint32_t* out_node_count,
+                                                       uint32_t* out_cluster_count,
+                                                       float* out_avg_similarity,
+                                                       float* out_silhouette);
+/* Ingestion generation, and the generation the live IVF was built from; equal right after a
+ * successful IVF build. 0 for a null object. */
+ORVE_API uint64_t semantic_vector_indexing_system_get_ivf_generation(
+    semantic_vector_indexing_system* sys);
+ORVE_API uint64_t semantic_vector_indexing_system_get_ivf_built_generation(
+    semantic_vector_indexing_system* sys);
+
+/* Ingestion. Rows are filled in order; every failure leaves no trace. */
+ORVE_API int semantic_vector_indexing_system_add_embedding_orve512(
+    semantic_vector_indexing_system* sys, uint32_t node_id, const float* vec);
+/* n vectors of 512 floats back to back, identifiers 1-based row positions. Returns -1 when a
+ * precondition fails, else the number of rows committed. */
+ORVE_API int semantic_vector_indexing_system_load_vectors_f32(semantic_vector_indexing_system* sys,
+                                                              const float* vecs, uint32_t n);
+/* A node without a vector, from a host node record (see orve_host_node). */
+ORVE_API int semantic_vector_indexing_system_add_node(semantic_vector_indexing_system* sys,
+                                                      const void* host_node);
+ORVE_API int semantic_vector_indexing_system_rebuild_clustering(
+    semantic_vector_indexing_system* sys);
+ORVE_API int semantic_vector_indexing_system_update_embeddings(
+    semantic_vector_indexing_system* sys);
+/* Drops the flat int8 store for good (confirm must be nonzero); published indexes stay. */
+ORVE_API int orve512_drop_flat_slabs(semantic_vector_indexing_system* sys, bool confirm);
+ORVE_API int semantic_vector_indexing_system_evict_flat_slab(semantic_vector_indexing_system* sys);
+ORVE_API int orve_flat_index_ensure(semantic_vector_indexing_system* sys);
+ORVE_API void orve_flat_index_free(semantic_vector_indexing_system* sys);
+
+/* Replays the file's rows through ingestion, then keeps it open for appending. */
+ORVE_API int semantic_vector_indexing_system_open_sidecar(semantic_vector_indexing_system* sys,
+                                                          const char* path);
+
+/* Search. Returns 0 (also when nothing was found), -1 on failure, -7 when brute force is needed
+ * but the flat store was dropped. results must hold max_results records (1000 with use_lsh). */
+ORVE_API int semantic_vector_indexing_system_search_similar(semantic_vector_indexing_system* sys,
+                                                            const vector_similarity_query* query,
+                                                            vector_similarity_result* results,
+                                                            uint32_t* count);
+
+/* ======================================================================================== */
+/* Batch search                                                                              */
+/* ======================================================================================== */
+
+/* Several 512-dimension queries in one call. 56 bytes. */
+typedef struct orve512_batch_query {
+    uint32_t n_queries;                /* at least 1 */
+    uint32_t k;                        /* results per query, at least 1 */
+    float min_similarity;
+    uint32_t use_ivf;                  /* nonzero: use the published IVF */
+    uint32_t n_probe;
+    const float* queries;              /* n_queries x 512 floats */
+    vector_similarity_result* results; /* n_queries x k records; query i at record k * i */
+    uint32_t* counts;                  /* may be null; results per query */
+    uint32_t rerank;                   /* nonzero: exact re-ranking from the sidecar */
+    uint32_t rerank_factor;            /* 0 means 5 */
+} orve512_batch_query;
+
+ORVE_STATIC_ASSERT(sizeof(orve512_batch_query) == 56, batch_query_size);
+ORVE_STATIC_ASSERT(offsetof(orve512_batch_query, queries) == 24, batch_query_queries);
+ORVE_STATIC_ASSERT(offsetof(orve512_batch_query, results) == 32, batch_query_results);
+ORVE_STATIC_ASSERT(offsetof(orve512_batch_query, counts) == 40, batch_query_counts);
+ORVE_STATIC_ASSERT(offsetof(orve512_batch_query, rerank) == 48, batch_query_rerank);
+
+ORVE_API uint64_t orve512_batch_query_sizeof(void); /* 56 */
+
+/* ======================================================================================== */
 /* Vector sidecar file                                                                       */
 /* ======================================================================================== */
+
+/* An append-only file of exact float rows: a 32-byte header ("ORVEVECA", version 1, dimension
+ * 512, row size 2056, 12 reserved bytes), then rows of 2056 bytes (u32 id, u8 live, 3 reserved
+ * bytes, 512 float32), all little-endian. Row r starts at byte 32 + 2056 * r and is the r-th
+ * row appended.
+ *
+ * An open handle: the read-write descriptor (negative: none) and a copy of the path it was
+ * opened with, for reference only. Allocated by orve_vec_sidecar_open, freed by
+ * orve_vec_sidecar_close. The handle has no lock: serialise appends on one handle; row reads
+ * are positional and may run beside them. 4100 bytes. */
+typedef struct orve_vec_sidecar {
+    int32_t fd;
+    char path[4096]; /* NUL-terminated; at most 4095 characters of the given path */
+} orve_vec_sidecar;
+
+ORVE_STATIC_ASSERT(sizeof(orve_vec_sidecar) == 4100, vec_sidecar_size);
+ORVE_STATIC_ASSERT(offsetof(orve_vec_sidecar, path) == 4, vec_sidecar_path);
+
+/* Called by orve_vec_sidecar_load for each live row, in file order. values (512 floats) is
+ * valid only during the call. Return 0 to go on, anything else to stop the walk. */
+typedef int32_t (*orve_vec_sidecar_row_cb)(uint32_t id, const float* values, void* user);
+
+/* Opens path for appending, creating it (mode 0644) with a fresh header when it does not exist
+ * and reinitialising it, rows discarded, when its header does not validate. A trailing partial
+ * row (left by a crash during an append) is cut off, so every complete row keeps its number.
+ * 0 with *out_handle set, or -1 with nothing allocated and *out_handle untouched (also for a
+ * path that is not a regular file); the file may already have been created or reset then. */
+ORVE_API int32_t orve_vec_sidecar_open(const char* path, orve_vec_sidecar** out_handle);
+
+/* Appends one row (id nonzero, values 512 floats). 0 when the whole row was written, else -1;
+ * a write that fails partway is undone back to the previous row boundary. Not flushed to
+ * storage until close. */
+ORVE_API int32_t orve_vec_sidecar_append(orve_vec_sidecar* handle, uint32_t id,
+                                         const float* values);
+
+/* Reads the 512 values of row `row` into out without moving the file position. 0 when all of
+ * them were read; -1 otherwise, e.g. for a row beyond the end of the file. */
+ORVE_API int32_t orve_vec_sidecar_read_row_floats(const orve_vec_sidecar* handle, uint32_t row,
+                                                  float* out);
+
+/* Walks the file at path from the start and hands every row whose live byte and id are nonzero
+ * to callback. -1 when path or callback is null; the callback's nonzero value when it stopped
+ * the walk; otherwise 0, also for a missing, unreadable or foreign file and after a trailing
+ * partial row. Meant to run while no handle on the file is open. */
+ORVE_API int32_t orve_vec_sidecar_load(const char* path, orve_vec_sidecar_row_cb callback,
+                                       void* user);
+
+/* Flushes the file to storage, closes it and frees the handle; null is ignored. */
+ORVE_API void orve_vec_sidecar_close(orve_vec_sidecar* handle);
 
 /* ======================================================================================== */
 /* Node records                                                                              */
 /* ======================================================================================== */
 
+/* One row of the system's node table; row r of the table is row r of the flat int8 store.
+ * A cleared record is all zero with a null quantized pointer. 40 bytes. */
+typedef struct indexed_node {
+    uint32_t node_id;    /* identifier reported in results */
+    uint32_t cluster_id; /* cluster tag matched by cluster_filter; ingestion leaves it 0 */
+    float score;         /* reported as node_score; ingestion leaves it 0 */
+    uint32_t active;     /* 1 once ingested */
+    int64_t timestamp;   /* seconds since the epoch */
+    float weight;        /* 1.0, or the host node's weight */
+    uint8_t flags;       /* 0 */
+    orve_quantized_vector_record* quantized; /* owned by the node when set; normally null */
+} indexed_node;
+
+ORVE_STATIC_ASSERT(sizeof(indexed_node) == 40, indexed_node_size);
+ORVE_STATIC_ASSERT(offsetof(indexed_node, cluster_id) == 4, indexed_node_cluster_id);
+ORVE_STATIC_ASSERT(offsetof(indexed_node, score) == 8, indexed_node_score);
+ORVE_STATIC_ASSERT(offsetof(indexed_node, active) == 12, indexed_node_active);
+ORVE_STATIC_ASSERT(offsetof(indexed_node, timestamp) == 16, indexed_node_timestamp);
+ORVE_STATIC_ASSERT(offsetof(indexed_node, weight) == 24, indexed_node_weight);
+ORVE_STATIC_ASSERT(offsetof(indexed_node, flags) == 28, indexed_node_flags);
+ORVE_STATIC_ASSERT(offsetof(indexed_node, quantized) == 32, indexed_node_quantized);
+
 /* ======================================================================================== */
 /* LSH index                                                                                 */
 /* ======================================================================================== */
+
+/* Largest number of hash functions an index can have: an entry keeps at most this many. */
+#define ENHANCED_LSH_MAX_HASHES 8
+/* Slots per bucket; an entry offered to a full bucket is simply not recorded there. */
+#define ENHANCED_LSH_BUCKET_SLOTS 100
+/* Most results one search writes, whatever the query asks for. */
+#define ENHANCED_LSH_MAX_RESULTS 1000
+
+/* One added vector: its hash under every hash function and the bucket each hash falls in. */
+typedef struct lsh_entry {
+    uint32_t node_id;                          /* id given to add, never 0 */
+    uint64_t hashes[ENHANCED_LSH_MAX_HASHES];  /* first n_hashes used */
+    uint32_t buckets[ENHANCED_LSH_MAX_HASHES]; /* hashes[h] % n_buckets */
+    float confidence;                          /* 0.8 on add; not read */
+    uint32_t n_hashes;                         /* index's n_hashes at add time; not read */
+} lsh_entry;
+
+ORVE_STATIC_ASSERT(sizeof(lsh_entry) == 112, lsh_entry_size);
+ORVE_STATIC_ASSERT(offsetof(lsh_entry, hashes) == 8, lsh_entry_hashes);
+ORVE_STATIC_ASSERT(offsetof(lsh_entry, buckets) == 72, lsh_entry_buckets);
+ORVE_STATIC_ASSERT(offsetof(lsh_entry, confidence) == 104, lsh_entry_confidence);
+ORVE_STATIC_ASSERT(offsetof(lsh_entry, n_hashes) == 108, lsh_entry_n_hashes);
+
+/* Random-hyperplane LSH index over 128-float vectors. The caller owns the record; the index
+ * owns the five arrays (create allocates them, destroy frees them and zeroes the record).
+ * No lock of its own. */
+typedef struct enhanced_lsh_index {
+    lsh_entry* entries;      /* capacity entries, in insertion order */
+    uint32_t* bucket_table;  /* n_buckets x 100 entry indexes; bucket b owns b*100 .. b*100+99 */
+    uint32_t* bucket_counts; /* slots in use per bucket, at most 100 */
+    uint32_t n_buckets;      /* 1 << (n_hashes / 2) */
+    uint32_t n_hashes;       /* 1 .. 8 */
+    uint32_t dim;            /* stride of the hyperplane table, at least 128 */
+    uint32_t count;          /* entries added; index of the next entry */
+    uint32_t capacity;       /* maximum number of entries */
+    float* hyperplanes;      /* n_hashes x dim, components in [-1, 1] */
+    float* offsets;          /* n_hashes, in [0, 1] */
+} enhanced_lsh_index;
+
+ORVE_STATIC_ASSERT(sizeof(enhanced_lsh_index) == 64, lsh_index_size);
+ORVE_STATIC_ASSERT(offsetof(enhanced_lsh_index, bucket_table) == 8, lsh_index_bucket_table);
+ORVE_STATIC_ASSERT(offsetof(enhanced_lsh_index, bucket_counts) == 16, lsh_index_counts);
+ORVE_STATIC_ASSERT(offsetof(enhanced_lsh_index, n_buckets) == 24, lsh_index_n_buckets);
+ORVE_STATIC_ASSERT(offsetof(enhanced_lsh_index, capacity) == 40, lsh_index_capacity);
+ORVE_STATIC_ASSERT(offsetof(enhanced_lsh_index, hyperplanes) == 48, lsh_index_hyperplanes);
+ORVE_STATIC_ASSERT(offsetof(enhanced_lsh_index, offsets) == 56, lsh_index_offsets);
+
+/* Fills the record: zeroes it, allocates the arrays zero-filled, reseeds the process-wide
+ * rand() with srand(time(NULL)) and draws the hyperplanes and offsets from it. The capacity is
+ * ORVE_VECTOR_CAPACITY read as a base-10 integer (low 32 bits) when that is above 0, else
+ * 1,100,000 (a different rule from the system object's). -1 when index is null, dim is 0 or
+ * below 128, or n_hashes is 0 or above 8 (the record is then not touched), or when an
+ * allocation fails (the record is then left zeroed). */
+ORVE_API int enhanced_lsh_index_create(enhanced_lsh_index* index, uint32_t dim,
+                                       uint32_t n_hashes);
+
+/* Adds the first 128 floats of vector under node_id. -1 for a null argument, node_id 0 or a
+ * full index; a full bucket is not an error. */
+ORVE_API int enhanced_lsh_index_add_vector(enhanced_lsh_index* index, const float* vector,
+                                           uint32_t node_id);
+
+/* Reports every stored entry met in the query's buckets that shares at least one exact hash
+ * value with the query, as similarity 1.0, distance 0.0, cluster 0, node_score 1.0 and ranks
+ * 1, 2, ... Results are neither sorted nor de-duplicated. Writes up to 1000 records whatever
+ * the caller wants, so results must have room for 1000. min_similarity is accepted for the
+ * search front end's sake and ignored. -1 for a null pointer, else 0 (also with no hits). */
+ORVE_API int enhanced_lsh_index_search_similar(const enhanced_lsh_index* index,
+                                               const float* query, float min_similarity,
+                                               vector_similarity_result* results,
+                                               uint32_t* count);
+
+/* Frees the arrays and zeroes the record (which stays the caller's); null is ignored. */
+ORVE_API void enhanced_lsh_index_destroy(enhanced_lsh_index* index);
+
+/* (offset + dot(vector, hyperplane)) * 10^6 in single precision, dot over exactly 128
+ * components in index order, truncated toward zero to u64: negative or NaN gives 0, too large
+ * gives UINT64_MAX. 0 when vector or hyperplane is null. */
+ORVE_API uint64_t generate_lsh_hash(const float* vector, const float* hyperplane, float offset);
+
+/* (1 - similarity) ^ n_hashes by powf; 0.0 when similarity is outside [0, 1]. */
+ORVE_API float calculate_lsh_collision_probability(float similarity, uint32_t n_hashes);
 
 /* ======================================================================================== */
 /* Clustering index                                                                          */
 /* ======================================================================================== */
 
+/* One cluster: a 128-float centroid, a bounded member list and its quality metrics. The
+ * members are node identifiers when placed by enhanced_clustering_index_add_vector and node
+ * table positions when placed by a cluster pass. 560 bytes. */
+typedef struct enhanced_cluster {
+    uint32_t cluster_id; /* the record's own index */
+    float centroid[128];
+    uint32_t* members;               /* member_capacity entries, owned by the cluster */
+    uint32_t member_count;           /* entries in use */
+    uint32_t member_capacity;        /* 1000 */
+    float avg_member_distance;       /* mean member distance to the centroid */
+    float density;                   /* member_count / (avg_member_distance + 1) */
+    float intra_distance;            /* same value as avg_member_distance */
+    float nearest_centroid_distance; /* to the nearest other non-empty cluster; +inf if none */
+    float quality;                   /* in [0, 1] */
+} enhanced_cluster;
+
+/* The legacy clustering index over the first 128 components of a vector. The caller owns the
+ * record; create fills it and destroy frees what it holds and zeroes it. 48 bytes. */
+typedef struct enhanced_clustering_index {
+    enhanced_cluster* clusters; /* max_clusters records, or null */
+    uint32_t n_active;          /* clusters in use: 0 after create, max_clusters after a pass */
+    uint32_t max_clusters;
+    uint32_t dim;            /* informational */
+    float tolerance;         /* 0.001: convergence tolerance of the cluster pass */
+    uint32_t max_iterations; /* 100 */
+    float inertia;           /* total of the last stored iteration */
+    float silhouette;        /* mean silhouette of the last cluster pass */
+    uint8_t converged;       /* 1 when the last pass stopped on the tolerance */
+    uint32_t iterations;     /* iterations run by the last pass */
+} enhanced_clustering_index;
+
+ORVE_STATIC_ASSERT(sizeof(enhanced_cluster) == 560, enhanced_cluster_size);
+ORVE_STATIC_ASSERT(offsetof(enhanced_cluster, centroid) == 4, enhanced_cluster_centroid);
+ORVE_STATIC_ASSERT(offsetof(enhanced_cluster, members) == 520, enhanced_cluster_members);
+ORVE_STATIC_ASSERT(offsetof(enhanced_cluster, member_count) == 528, enhanced_cluster_count);
+ORVE_STATIC_ASSERT(offsetof(enhanced_cluster, quality) == 552, enhanced_cluster_quality);
+ORVE_STATIC_ASSERT(sizeof(enhanced_clustering_index) == 48, clustering_index_size);
+ORVE_STATIC_ASSERT(offsetof(enhanced_clustering_index, n_active) == 8, clustering_n_active);
+ORVE_STATIC_ASSERT(offsetof(enhanced_clustering_index, tolerance) == 20, clustering_tolerance);
+ORVE_STATIC_ASSERT(offsetof(enhanced_clustering_index, converged) == 36, clustering_converged);
+ORVE_STATIC_ASSERT(offsetof(enhanced_clustering_index, iterations) == 40, clustering_iterations);
+
+/* 0, or -1 when index is null or max_clusters or dim is 0, or on allocation failure (the
+ * record is then left zeroed or with a null cluster array). */
+ORVE_API int32_t enhanced_clustering_index_create(enhanced_clustering_index* index,
+                                                  uint32_t max_clusters, uint32_t dim);
+
+/* Frees the clusters and zeroes the record (which stays the caller's); null is ignored. */
+ORVE_API void enhanced_clustering_index_destroy(enhanced_clustering_index* index);
+
+/* Appends node_id to the cluster whose centroid is nearest to the first 128 floats of vector
+ * (cluster 0 while no cluster is active). 0, also when the cluster was full and the
+ * identifier dropped; -1 when index or vector is null or the record holds no clusters. */
+ORVE_API int32_t enhanced_clustering_index_add_vector(enhanced_clustering_index* index,
+                                                      const float* vector, uint32_t node_id);
+
+/* Lists the members of one active cluster (at most 1000) with similarity 1.0, distance 0.0
+ * and the cluster's quality as node_score. -1 when a pointer is null; otherwise *count is set
+ * to 0 first and -1 returned when cluster is not below n_active. */
+ORVE_API int32_t enhanced_clustering_index_search_by_cluster(const enhanced_clustering_index* index,
+                                                             uint32_t cluster,
+                                                             vector_similarity_result* results,
+                                                             uint32_t* count);
+
+/* The cluster pass over a node table: reseeds rand from the time, activates every cluster,
+ * iterates assignment and centroid updates until the total settles, then computes the metrics
+ * and the silhouette. -1 when index or nodes is null, node_count is 0, the record holds no
+ * clusters, or a step fails. */
+ORVE_API int32_t enhanced_clustering_index_cluster(enhanced_clustering_index* index,
+                                                   const indexed_node* nodes, uint32_t node_count);
+
+/* Steps of the cluster pass. Each returns -1 when index or nodes is null, else 0; nodes is only
+ * tested for null. Assignment also fails on a record that holds no clusters, having no cluster
+ * 0 to fall back on; the other two have nothing to do there. */
+ORVE_API int32_t assign_vectors_to_clusters(enhanced_clustering_index* index,
+                                            const indexed_node* nodes, uint32_t node_count);
+ORVE_API int32_t update_cluster_centroids(enhanced_clustering_index* index,
+                                          const indexed_node* nodes, uint32_t node_count);
+ORVE_API int32_t calculate_cluster_metrics(enhanced_clustering_index* index,
+                                           const indexed_node* nodes, uint32_t node_count);
+
+/* Mean silhouette over the nodes, each node's cluster read from its cluster_id; never NaN.
+ * 0 when index or nodes is null or node_count is 0. */
+ORVE_API float calculate_cluster_silhouette_score(const enhanced_clustering_index* index,
+                                                  const indexed_node* nodes, uint32_t node_count);
+
 /* ======================================================================================== */
 /* Hashed text and node embeddings                                                           */
 /* ======================================================================================== */
 
+/* Dimension of the hashed embeddings (that of the legacy float indexes). */
+#define ORVE_HASHED_EMBEDDING_DIM 128
+/* Longest joined "name description" text generate_node_embedding embeds, NUL included. */
+#define ORVE_NODE_TEXT_MAX 1024
+
+/* The host's description of a graph node, as semantic_vector_indexing_system_add_node and
+ * generate_node_embedding read it. The library reads it by byte position: the identifier at 0,
+ * the two texts from 12 and 76, the weight at 616 and the timestamp at 624, and nothing else.
+ * Each text is read as a C string starting at its position, so terminate it inside its own
+ * field. 632 bytes. */
+typedef struct orve_host_node {
+    uint32_t node_id;      /* identifier */
+    uint8_t host_data[8];  /* free for the host's own use; never read */
+    char name[64];         /* NUL-terminated */
+    char description[540]; /* NUL-terminated */
+    double weight;         /* stored as a float by add_node */
+    int64_t timestamp;     /* seconds since the epoch */
+} orve_host_node;
+
+ORVE_STATIC_ASSERT(sizeof(orve_host_node) == 632, host_node_size);
+ORVE_STATIC_ASSERT(offsetof(orve_host_node, node_id) == 0, host_node_id);
+ORVE_STATIC_ASSERT(offsetof(orve_host_node, name) == 12, host_node_name);
+ORVE_STATIC_ASSERT(offsetof(orve_host_node, description) == 76, host_node_description);
+ORVE_STATIC_ASSERT(offsetof(orve_host_node, weight) == 616, host_node_weight);
+ORVE_STATIC_ASSERT(offsetof(orve_host_node, timestamp) == 624, host_node_timestamp);
+
+/* Deterministic unit-length 128-float embedding of a NUL-terminated text: its 32-bit FNV-1a
+ * hash spread over the components, plus its first 128 bytes, normalised. 0, or -1 (output not
+ * touched) when text or output is null or the text is empty. */
+ORVE_API int generate_semantic_embedding(const char* text, float* output);
+
+/* generate_semantic_embedding of "<name> <description>", cut to 1023 bytes. -1 when node or
+ * output is null; two empty texts still embed the single blank " ". */
+ORVE_API int generate_node_embedding(const orve_host_node* node, float* output);
+
 /* ======================================================================================== */
 /* HRR fact encoder                                                                          */
 /* ======================================================================================== */
+
+/* Components of an HRR atom or fact vector. */
+#define ORVE_HRR_DIM 512
+
+/* Writes to out[0..511] the unit-length atom of the symbol `name` in the role `role` (the fact
+ * encoder uses "entity" and "relation") within the family `seed`. The atom is a function of
+ * (seed, role, name) alone, bit for bit the same in every process and on every machine, so no
+ * table of atoms needs keeping. role and name are NUL-terminated and may be empty; none of the
+ * pointers may be null. Stateless, allocation-free and safe to call from any number of threads. */
+ORVE_API void orve_hrr_atom(uint64_t seed, const char* role, const char* name, float* out);
+
+/* Writes to out[0..511] the unit-length vector of the fact (subject, relation, object): the
+ * subject's entity atom, plus the relation atom shifted cyclically one place toward higher
+ * indices, plus the object's entity atom shifted two places, normalised. Facts sharing symbols
+ * in the same positions get correlated vectors; swapping distinct subject and object gives a
+ * different vector. out is written only after the three atoms are complete. None of the
+ * pointers may be null. Stateless, allocation-free and safe to call from any number of threads. */
+ORVE_API void orve_hrr_encode(uint64_t seed, const char* subject_name, const char* relation_name,
+                              const char* object_name, float* out);
 
 #ifdef __cplusplus
 } /* extern "C" */

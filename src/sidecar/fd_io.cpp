@@ -1,0 +1,73 @@
+#include "sidecar/fd_io.h"
+
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <limits>
+
+namespace orve::sidecar {
+
+// Offsets go straight into off_t: the library is built for 64-bit Linux only.
+static_assert(sizeof(off_t) == 8, "64-bit file offsets are required");
+
+size_t read_full(int fd, void* buf, size_t n) {
+    auto* p = static_cast<unsigned char*>(buf);
+    size_t done = 0;
+    while (done < n) {
+        const ssize_t r = ::read(fd, p + done, n - done);
+        if (r > 0) {
+            done += static_cast<size_t>(r);
+        } else if (r == 0 || errno != EINTR) {
+            break;
+        }
+    }
+    return done;
+}
+
+size_t pread_full(int fd, void* buf, size_t n, uint64_t offset) {
+    if (offset > static_cast<uint64_t>(std::numeric_limits<off_t>::max()) - n) return 0;
+    auto* p = static_cast<unsigned char*>(buf);
+    size_t done = 0;
+    while (done < n) {
+        const ssize_t r = ::pread(fd, p + done, n - done, static_cast<off_t>(offset + done));
+        if (r > 0) {
+            done += static_cast<size_t>(r);
+        } else if (r == 0 || errno != EINTR) {
+            break;
+        }
+    }
+    return done;
+}
+
+size_t write_once(int fd, const void* buf, size_t n) {
+    ssize_t w;
+    do {
+        w = ::write(fd, buf, n);
+    } while (w < 0 && errno == EINTR);
+    return w < 0 ? 0 : static_cast<size_t>(w);
+}
+
+bool is_regular_file(int fd) {
+    struct stat st;
+    return ::fstat(fd, &st) == 0 && S_ISREG(st.st_mode);
+}
+
+int64_t file_length(int fd) {
+    struct stat st;
+    if (::fstat(fd, &st) != 0) return -1;
+    return static_cast<int64_t>(st.st_size);
+}
+
+// close is not retried after EINTR: on Linux the descriptor is gone either way, and a second
+// close could hit a descriptor another thread has just been given.
+unique_fd::~unique_fd() {
+    if (fd_ >= 0) ::close(fd_);
+}
+
+void unique_fd::reset(int fd) noexcept {
+    if (fd_ >= 0) ::close(fd_);
+    fd_ = fd;
+}
+
+}  // namespace orve::sidecar

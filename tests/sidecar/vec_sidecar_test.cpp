@@ -1,0 +1,350 @@
+// The sidecar file is checked byte for byte against encodings spelled out here, never against
+// the module's own encoder, and files for the reader are written by hand.
+#include <fcntl.h>
+#include <signal.h>
+#include <sys/resource.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <gtest/gtest.h>
+
+#include <initializer_list>
+#include <cstdint>
+#include <cstdlib>
+#include <cstring>
+#include <string>
+#include <vector>
+
+#include "semantic_vector_indexing.h"
+
+namespace {
+
+using bytes = std::vector<uint8_t>;
+
+constexpr size_t kRow = 2056;
+
+// "ORVEVECA", version 1, dim 512 (0x200), row size 2056 (0x808), 12 zero bytes.
+const bytes kFreshHeader = {'O', 'R', 'V', 'E', 'V', 'E', 'C', 'A', 1, 0, 0, 0, 0, 2, 0, 0,
+                            8,   8,   0,   0,   0,   0,   0,   0,   0, 0, 0, 0, 0, 0, 0, 0};
+
+void put_le32(bytes& b, uint32_t v) {
+    for (int i = 0; i < 4; ++i) b.push_back(static_cast<uint8_t>(v >> (8 * i)));
+}
+
+uint32_t bits(float f) {
+    uint32_t u;
+    std::memcpy(&u, &f, sizeof u);
+    return u;
+}
+
+bytes header(const char* magic, uint32_t version, uint32_t dim, uint32_t row_bytes) {
+    bytes b(magic, magic + 8);
+    put_le32(b, version);
+    put_le32(b, dim);
+    put_le32(b, row_bytes);
+    b.resize(32, 0);
+    return b;
+}
+
+bytes row(uint32_t id, uint8_t live, const std::vector<float>& v) {
+    bytes b;
+    put_le32(b, id);
+    b.insert(b.end(), {live, 0, 0, 0});
+    for (float f : v) put_le32(b, bits(f));
+    return b;
+}
+
+// Distinct per seed, with a negative zero and a NaN carrying a payload, which only survive a
+// bit-exact round trip.
+std::vector<float> vec(float seed) {
+    std::vector<float> v(512);
+    for (int i = 0; i < 512; ++i) v[i] = seed + 0.25f * static_cast<float>(i) - 40.0f;
+    v[0] = -0.0f;
+    uint32_t nan_bits = 0x7FC01234u;
+    std::memcpy(&v[1], &nan_bits, 4);
+    return v;
+}
+
+bytes cat(std::initializer_list<bytes> parts) {
+    bytes out;
+    for (const bytes& p : parts) out.insert(out.end(), p.begin(), p.end());
+    return out;
+}
+
+void expect_same_bits(const float* got, const std::vector<float>& want) {
+    for (int i = 0; i < 512; ++i) ASSERT_EQ(bits(got[i]), bits(want[i])) << "component " << i;
+}
+
+struct collected {
+    std::vector<uint32_t> ids;
+    std::vector<std::vector<float>> values;
+    size_t stop_at = 0;  // 0: never stop
+    int32_t stop_value = 0;
+};
+
+int32_t collect(uint32_t id, const float* values, void* user) {
+    auto* c = static_cast<collected*>(user);
+    c->ids.push_back(id);
+    c->values.emplace_back(values, values + 512);
+    return c->ids.size() == c->stop_at ? c->stop_value : 0;
+}
+
+class SidecarFile : public ::testing::Test {
+  protected:
+    void SetUp() override {
+        char tmpl[] = "/tmp/sidecar_test_XXXXXX";
+        ASSERT_NE(mkdtemp(tmpl), nullptr);
+        dir_ = tmpl;
+    }
+    void TearDown() override {
+        for (const std::string& n : names_) (void)unlink((dir_ + "/" + n).c_str());
+        (void)rmdir(dir_.c_str());
+    }
+    std::string path(const std::string& name) {
+        names_.push_back(name);
+        return dir_ + "/" + name;
+    }
+    static void write_file(const std::string& p, const bytes& b) {
+        const int fd = open(p.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
+        ASSERT_GE(fd, 0);
+        ASSERT_EQ(write(fd, b.data(), b.size()), static_cast<ssize_t>(b.size()));
+        close(fd);
+    }
+    static bytes read_file(const std::string& p) {
+        bytes b;
+        const int fd = open(p.c_str(), O_RDONLY);
+        if (fd < 0) return b;
+        uint8_t buf[4096];
+        for (ssize_t n; (n = read(fd, buf, sizeof buf)) > 0;) b.insert(b.end(), buf, buf + n);
+        close(fd);
+        return b;
+    }
+    static collected load(const std::string& p, int32_t* rc, size_t stop_at = 0,
+                          int32_t stop_value = 0) {
+        collected c;
+        c.stop_at = stop_at;
+        c.stop_value = stop_value;
+        *rc = orve_vec_sidecar_load(p.c_str(), collect, &c);
+        return c;
+    }
+
+    std::string dir_;
+    std::vector<std::string> names_;
+};
+
+TEST_F(SidecarFile, NewFileIsAHeaderAndRowsLandAtFixedOffsets) {
+    const std::string p = path("new.vec");
+    orve_vec_sidecar* h = nullptr;
+    ASSERT_EQ(orve_vec_sidecar_open(p.c_str(), &h), 0);
+    EXPECT_GE(h->fd, 0);
+    EXPECT_STREQ(h->path, p.c_str());
+    orve_vec_sidecar_close(h);
+    EXPECT_EQ(read_file(p), kFreshHeader);
+    const mode_t mask = umask(0);
+    umask(mask);
+    struct stat st;
+    ASSERT_EQ(stat(p.c_str(), &st), 0);
+    EXPECT_EQ(st.st_mode & 0777, 0644u & ~mask);
+    int32_t rc = -9;
+    EXPECT_TRUE(load(p, &rc).ids.empty());
+    EXPECT_EQ(rc, 0);
+
+    ASSERT_EQ(orve_vec_sidecar_open(p.c_str(), &h), 0);
+    ASSERT_EQ(orve_vec_sidecar_append(h, 0x01020304u, vec(1).data()), 0);
+    float out[512];
+    ASSERT_EQ(orve_vec_sidecar_read_row_floats(h, 0, out), 0);  // must not move the position
+    ASSERT_EQ(orve_vec_sidecar_append(h, 9, vec(2).data()), 0);
+    orve_vec_sidecar_close(h);
+    EXPECT_EQ(read_file(p), cat({kFreshHeader, row(0x01020304u, 1, vec(1)), row(9, 1, vec(2))}));
+}
+
+TEST_F(SidecarFile, ReopenReadsHandWrittenRowsAndAppendsAtTheEnd) {
+    const std::string p = path("three.vec");
+    const bytes before =
+        cat({kFreshHeader, row(1, 1, vec(10)), row(2, 1, vec(20)), row(3, 0, vec(30))});
+    write_file(p, before);
+    orve_vec_sidecar* h = nullptr;
+    ASSERT_EQ(orve_vec_sidecar_open(p.c_str(), &h), 0);
+    float out[512];
+    ASSERT_EQ(orve_vec_sidecar_read_row_floats(h, 1, out), 0);
+    expect_same_bits(out, vec(20));
+    ASSERT_EQ(orve_vec_sidecar_read_row_floats(h, 2, out), 0);  // dead rows read like any other
+    expect_same_bits(out, vec(30));
+    ASSERT_EQ(orve_vec_sidecar_append(h, 4, vec(40).data()), 0);
+    ASSERT_EQ(orve_vec_sidecar_read_row_floats(h, 3, out), 0);
+    expect_same_bits(out, vec(40));
+
+    std::vector<float> untouched(512, 5.0f);
+    for (uint32_t beyond : {4u, 1000u, UINT32_MAX}) {
+        EXPECT_EQ(orve_vec_sidecar_read_row_floats(h, beyond, untouched.data()), -1) << beyond;
+    }
+    EXPECT_EQ(untouched, std::vector<float>(512, 5.0f));
+    orve_vec_sidecar_close(h);
+    EXPECT_EQ(read_file(p), cat({before, row(4, 1, vec(40))}));
+}
+
+TEST_F(SidecarFile, HeaderThatDoesNotValidateIsReplacedAndItsRowsDropped) {
+    const bytes one_row = row(1, 1, vec(1));
+    const std::vector<bytes> foreign = {
+        bytes(10, 'x'),
+        {},
+        bytes(kFreshHeader.begin(), kFreshHeader.begin() + 31),
+        cat({header("ORVEVECA", 1, 512, 2057), one_row}),
+        cat({header("ORVEVECB", 1, 512, 2056), one_row}),
+        cat({header("ORVEVECA", 2, 512, 2056), one_row}),
+        cat({header("ORVEVECA", 1, 256, 2056), one_row}),
+    };
+    for (size_t i = 0; i < foreign.size(); ++i) {
+        const std::string p = path("foreign" + std::to_string(i));
+        write_file(p, foreign[i]);
+        int32_t rc = -9;
+        EXPECT_TRUE(load(p, &rc).ids.empty()) << i;
+        EXPECT_EQ(rc, 0) << i;
+        EXPECT_EQ(read_file(p), foreign[i]) << "load must not change the file, case " << i;
+        orve_vec_sidecar* h = nullptr;
+        ASSERT_EQ(orve_vec_sidecar_open(p.c_str(), &h), 0) << i;
+        orve_vec_sidecar_close(h);
+        EXPECT_EQ(read_file(p), kFreshHeader) << i;
+    }
+
+    // Reserved header bytes are not part of validation: the file and its row are kept.
+    const std::string p = path("reserved.vec");
+    bytes hdr = kFreshHeader;
+    std::fill(hdr.begin() + 20, hdr.end(), 0xFF);
+    write_file(p, cat({hdr, one_row}));
+    int32_t rc = -9;
+    EXPECT_EQ(load(p, &rc).ids, std::vector<uint32_t>{1});
+    orve_vec_sidecar* h = nullptr;
+    ASSERT_EQ(orve_vec_sidecar_open(p.c_str(), &h), 0);
+    orve_vec_sidecar_close(h);
+    EXPECT_EQ(read_file(p), cat({hdr, one_row}));
+}
+
+TEST_F(SidecarFile, PartialTrailingRowIsCutSoLaterRowsKeepTheirNumbers) {
+    const std::string p = path("crashed.vec");
+    const bytes whole = cat({kFreshHeader, row(1, 1, vec(1)), row(2, 1, vec(2))});
+    const bytes torn = row(3, 1, vec(3));
+    write_file(p, cat({whole, bytes(torn.begin(), torn.begin() + 1000)}));
+
+    int32_t rc = -9;
+    collected c = load(p, &rc);
+    EXPECT_EQ(rc, 0);
+    EXPECT_EQ(c.ids, (std::vector<uint32_t>{1, 2}));
+
+    orve_vec_sidecar* h = nullptr;
+    ASSERT_EQ(orve_vec_sidecar_open(p.c_str(), &h), 0);
+    EXPECT_EQ(read_file(p), whole);
+    ASSERT_EQ(orve_vec_sidecar_append(h, 9, vec(9).data()), 0);
+    float out[512];
+    ASSERT_EQ(orve_vec_sidecar_read_row_floats(h, 2, out), 0);
+    expect_same_bits(out, vec(9));
+    orve_vec_sidecar_close(h);
+    EXPECT_EQ(read_file(p), cat({whole, row(9, 1, vec(9))}));
+}
+
+// A file-size limit makes the kernel stop a write partway (or refuse it), as a full disk would.
+TEST_F(SidecarFile, AppendThatFailsLeavesNoPartialRowBehind) {
+    const std::string p = path("limited.vec");
+    orve_vec_sidecar* h = nullptr;
+    ASSERT_EQ(orve_vec_sidecar_open(p.c_str(), &h), 0);
+    ASSERT_EQ(orve_vec_sidecar_append(h, 1, vec(1).data()), 0);
+    const bytes one = cat({kFreshHeader, row(1, 1, vec(1))});
+
+    struct rlimit saved;
+    ASSERT_EQ(getrlimit(RLIMIT_FSIZE, &saved), 0);
+    void (*old_handler)(int) = signal(SIGXFSZ, SIG_IGN);
+    for (rlim_t limit : {static_cast<rlim_t>(32 + kRow + 1000), static_cast<rlim_t>(32 + kRow)}) {
+        struct rlimit lowered = saved;
+        lowered.rlim_cur = limit;
+        ASSERT_EQ(setrlimit(RLIMIT_FSIZE, &lowered), 0);
+        const int32_t rc = orve_vec_sidecar_append(h, 2, vec(2).data());
+        ASSERT_EQ(setrlimit(RLIMIT_FSIZE, &saved), 0);
+        EXPECT_EQ(rc, -1) << limit;
+        EXPECT_EQ(read_file(p), one) << limit;
+    }
+    signal(SIGXFSZ, old_handler);
+
+    ASSERT_EQ(orve_vec_sidecar_append(h, 3, vec(3).data()), 0);
+    orve_vec_sidecar_close(h);
+    EXPECT_EQ(read_file(p), cat({one, row(3, 1, vec(3))}));
+}
+
+TEST_F(SidecarFile, RowStillBeingWrittenIsNotReadPastTheEndOfFile) {
+    const std::string p = path("growing.vec");
+    orve_vec_sidecar* h = nullptr;
+    ASSERT_EQ(orve_vec_sidecar_open(p.c_str(), &h), 0);
+    ASSERT_EQ(orve_vec_sidecar_append(h, 1, vec(1).data()), 0);
+    const int other = open(p.c_str(), O_WRONLY | O_APPEND);
+    ASSERT_GE(other, 0);
+    const bytes half = row(2, 1, vec(2));
+    ASSERT_EQ(write(other, half.data(), 1000), 1000);
+    close(other);
+    std::vector<float> out(512, 5.0f);
+    EXPECT_EQ(orve_vec_sidecar_read_row_floats(h, 1, out.data()), -1);
+    EXPECT_EQ(out, std::vector<float>(512, 5.0f));
+    orve_vec_sidecar_close(h);
+}
+
+TEST_F(SidecarFile, BadArgumentsAndUnusablePathsFailWithoutSideEffects) {
+    const std::string p = path("args.vec");
+    orve_vec_sidecar* h = nullptr;
+    ASSERT_EQ(orve_vec_sidecar_open(p.c_str(), &h), 0);
+    const std::vector<float> v = vec(1);
+    float out[512];
+    EXPECT_EQ(orve_vec_sidecar_append(h, 0, v.data()), -1);
+    EXPECT_EQ(orve_vec_sidecar_append(h, 1, nullptr), -1);
+    EXPECT_EQ(orve_vec_sidecar_append(nullptr, 1, v.data()), -1);
+    EXPECT_EQ(orve_vec_sidecar_read_row_floats(nullptr, 0, out), -1);
+    EXPECT_EQ(orve_vec_sidecar_read_row_floats(h, 0, nullptr), -1);
+    orve_vec_sidecar no_file{};
+    no_file.fd = -1;
+    EXPECT_EQ(orve_vec_sidecar_append(&no_file, 1, v.data()), -1);
+    EXPECT_EQ(orve_vec_sidecar_read_row_floats(&no_file, 0, out), -1);
+    orve_vec_sidecar_close(h);
+    orve_vec_sidecar_close(nullptr);
+    EXPECT_EQ(read_file(p), kFreshHeader);
+
+    EXPECT_EQ(orve_vec_sidecar_open(nullptr, &h), -1);
+    EXPECT_EQ(orve_vec_sidecar_open(p.c_str(), nullptr), -1);
+    EXPECT_EQ(orve_vec_sidecar_load(nullptr, collect, nullptr), -1);
+    EXPECT_EQ(orve_vec_sidecar_load(p.c_str(), nullptr, nullptr), -1);
+
+    // A directory, a missing directory and a pipe cannot hold a sidecar; load sees no rows in
+    // them (and must not wait for a writer on the pipe).
+    const std::string fifo = path("pipe");
+    ASSERT_EQ(mkfifo(fifo.c_str(), 0600), 0);
+    for (const std::string& bad : {dir_, dir_ + "/missing/x.vec", fifo}) {
+        orve_vec_sidecar* sentinel = &no_file;
+        EXPECT_EQ(orve_vec_sidecar_open(bad.c_str(), &sentinel), -1) << bad;
+        EXPECT_EQ(sentinel, &no_file) << bad;
+        int32_t rc = -9;
+        EXPECT_TRUE(load(bad, &rc).ids.empty()) << bad;
+        EXPECT_EQ(rc, 0) << bad;
+    }
+}
+
+TEST_F(SidecarFile, LoadHandsLiveRowsWithNonzeroIdsInFileOrder) {
+    const std::string p = path("mixed.vec");
+    write_file(p, cat({kFreshHeader, row(5, 1, vec(5)), row(6, 0, vec(6)), row(0, 1, vec(0)),
+                       row(7, 2, vec(7))}));
+    int32_t rc = -9;
+    collected c = load(p, &rc);
+    EXPECT_EQ(rc, 0);
+    ASSERT_EQ(c.ids, (std::vector<uint32_t>{5, 7}));
+    expect_same_bits(c.values[0].data(), vec(5));
+    expect_same_bits(c.values[1].data(), vec(7));
+}
+
+TEST_F(SidecarFile, LoadReturnsTheCallbacksStopValue) {
+    const std::string p = path("stop.vec");
+    write_file(p, cat({kFreshHeader, row(1, 1, vec(1)), row(2, 1, vec(2)), row(3, 1, vec(3))}));
+    int32_t rc = 0;
+    EXPECT_EQ(load(p, &rc, 2, 7).ids, (std::vector<uint32_t>{1, 2}));
+    EXPECT_EQ(rc, 7);
+    EXPECT_EQ(load(p, &rc, 1, -3).ids, std::vector<uint32_t>{1});
+    EXPECT_EQ(rc, -3);
+    EXPECT_EQ(load(path("absent.vec"), &rc).ids.size(), 0u);
+    EXPECT_EQ(rc, 0);
+}
+
+}  // namespace
