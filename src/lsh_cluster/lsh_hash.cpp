@@ -1,0 +1,36 @@
+// The hash of the legacy LSH index and its collision-probability formula. The hash is an
+// offset projection scaled by 10^6 and truncated, so two vectors collide only when their
+// projections agree to about a millionth; it is computed in single precision throughout so an
+// index hashes identically on every build.
+#include <cmath>
+#include <cstdint>
+
+#include "semantic_vector_indexing.h"
+
+namespace {
+// The hash always reads this many components, whatever the index's hyperplane stride.
+constexpr int kHashedDim = 128;
+constexpr float kHashScale = 1000000.0f;
+// 2^64 as a float; every float at or above it is beyond the range of a u64.
+constexpr float kU64Limit = 18446744073709551616.0f;
+}  // namespace
+
+extern "C" ORVE_API uint64_t generate_lsh_hash(const float* vector, const float* hyperplane,
+                                               float offset) {
+    if (vector == nullptr || hyperplane == nullptr) return 0;
+    float dot = 0.0f;
+    for (int i = 0; i < kHashedDim; ++i) dot += vector[i] * hyperplane[i];
+    const float scaled = (offset + dot) * kHashScale;
+    // A float-to-integer conversion out of range is undefined, so the ends are clamped first;
+    // the negated comparison also sends NaN to 0.
+    if (!(scaled >= 0.0f)) return 0;
+    if (scaled >= kU64Limit) return UINT64_MAX;
+    return static_cast<uint64_t>(scaled);
+}
+
+extern "C" ORVE_API float calculate_lsh_collision_probability(float similarity, uint32_t n_hashes) {
+    // Parameter order: the similarity first, then the number of hash functions, the order in
+    // which the formula reads them.
+    if (similarity < 0.0f || similarity > 1.0f) return 0.0f;
+    return std::pow(1.0f - similarity, static_cast<float>(n_hashes));
+}
