@@ -1,0 +1,31 @@
+// Pieces shared by the clustering index's lifecycle, its cluster pass and its statistics.
+#pragma once
+
+#include <cstdint>
+
+#include "semantic_vector_indexing.h"
+
+namespace orve {
+
+// The index keeps member identifiers only, never vectors, so wherever the cluster pass needs a
+// member's vector it stands in this all-zero one. Every distance the pass and its statistics
+// measure is therefore taken from or to the zero vector.
+inline constexpr float _zero_emb128[128] = {};
+
+// Length of every member list; identifiers offered to a full list are dropped.
+inline constexpr uint32_t kClusterMemberCapacity = 1000;
+
+// Number of cluster records that may be touched as active. A destroyed or half-created record
+// has no cluster array, and a record the host has edited could claim more active clusters than
+// it holds; neither may send a loop past the array.
+inline uint32_t active_cluster_count(const enhanced_clustering_index* index) {
+    if (index->clusters == nullptr) return 0;
+    return index->n_active < index->max_clusters ? index->n_active : index->max_clusters;
+}
+
+// Index of the active cluster whose centroid is nearest to `vector` (first 128 floats): the
+// first strictly smaller distance wins, starting from +infinity, so ties go to the lowest
+// index. Cluster 0 when nothing is active or no distance is below +infinity.
+uint32_t nearest_active_cluster(const enhanced_clustering_index* index, const float* vector);
+
+}  // namespace orve
