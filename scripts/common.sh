@@ -22,11 +22,15 @@ ensure_packages() {
 }
 
 # build_tree DIR [cmake args...]: configure and build quietly; show the log only on failure.
+# BUILD_TARGETS, when set, names the targets to build instead of all.
 build_tree() {
     local dir="$1"
     shift
     mkdir -p "$dir"
-    if ! { cmake -S "$ROOT" -B "$dir" -G Ninja "$@" && cmake --build "$dir" -j "$JOBS"; } \
+    local targets=()
+    for t in ${BUILD_TARGETS:-}; do targets+=(--target "$t"); done
+    if ! { cmake -S "$ROOT" -B "$dir" -G Ninja "$@" &&
+        cmake --build "$dir" -j "$JOBS" "${targets[@]}"; } \
         >"$dir/build.log" 2>&1; then
         tail -n 60 "$dir/build.log" >&2
         echo "build failed in $dir (full log: $dir/build.log)" >&2

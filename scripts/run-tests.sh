@@ -1,6 +1,7 @@
 #!/usr/bin/env bash
-# The whole test suite, three legs: the x86-64 build, the same tests under AddressSanitizer and
-# UndefinedBehaviorSanitizer, and the aarch64 cross build run under qemu.
+# The whole test suite: the x86-64 build, the same tests under AddressSanitizer and
+# UndefinedBehaviorSanitizer, the concurrency tests under ThreadSanitizer, and the aarch64 cross
+# build run under qemu.
 source "$(dirname "$0")/common.sh"
 ensure_packages cmake ninja-build g++ libgtest-dev googletest g++-aarch64-linux-gnu qemu-user
 
@@ -17,8 +18,12 @@ run_leg() {
 run_leg "x86-64" build/release -DCMAKE_BUILD_TYPE=RelWithDebInfo
 run_leg "x86-64, AddressSanitizer + UndefinedBehaviorSanitizer" build/sanitize \
     -DCMAKE_BUILD_TYPE=RelWithDebInfo -DORVE_SANITIZE=ON -DORVE_BUILD_BENCH=OFF
+echo
+echo "=== x86-64, ThreadSanitizer (concurrency tests) ==="
+BUILD_TARGETS=test_concurrency build_tree build/tsan -DCMAKE_BUILD_TYPE=RelWithDebInfo -DORVE_TSAN=ON -DORVE_BUILD_BENCH=OFF
+ctest --test-dir build/tsan --output-on-failure -L concurrency --timeout 900
 run_leg "aarch64 (cross-compiled, run under qemu-aarch64 -cpu max)" build/aarch64 \
     -DCMAKE_BUILD_TYPE=RelWithDebInfo -DORVE_BUILD_BENCH=OFF \
     -DCMAKE_TOOLCHAIN_FILE="$ROOT/cmake/aarch64-linux-gnu.cmake"
 echo
-echo "all three legs passed"
+echo "all legs passed"

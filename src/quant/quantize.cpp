@@ -3,6 +3,7 @@
 #include <cmath>
 #include <cstdlib>
 
+#include "quant/cosine.h"
 #include "semantic_vector_indexing.h"
 #include "util/c_alloc.h"
 
@@ -55,10 +56,7 @@ extern "C" ORVE_API int orve_quantize_float_vector_symmetric(const float* in, in
 extern "C" ORVE_API float orve_cosine_from_quantized_dot(int32_t dot, float scale_a,
                                                          float scale_b, float norm_a,
                                                          float norm_b) {
-    if (scale_a <= 0.0f || scale_b <= 0.0f || norm_a <= 0.0f || norm_b <= 0.0f) return 0.0f;
-    const float d = ((scale_a * scale_b) * norm_a) * norm_b;
-    if (d <= 0.0f) return 0.0f;  // the product underflowed
-    return static_cast<float>(dot) / d;
+    return orve::cosine_from_dot(dot, scale_a, scale_b, norm_a, norm_b);
 }
 
 extern "C" ORVE_API int orve_quantized_vector_record_create(const float* vec, uint32_t id,

@@ -9,3 +9,7 @@ extern "C" ORVE_API uint64_t vector_similarity_query_sizeof(void) {
 extern "C" ORVE_API uint64_t vector_similarity_result_sizeof(void) {
     return sizeof(vector_similarity_result);
 }
+
+extern "C" ORVE_API uint64_t orve512_batch_query_sizeof(void) {
+    return sizeof(orve512_batch_query);
+}

@@ -1,0 +1,188 @@
+// End-to-end figures for the system object: ingestion rate (with and without a sidecar),
+// brute-force queries per second at two sizes with the scan rate as a fraction of this
+// machine's single-thread read bandwidth, and resident memory per stored row.
+//
+// Usage: bench_system [--rows N] (default 1000000; the small size is N / 10).
+#include <sys/resource.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <string>
+#include <vector>
+
+#include "semantic_vector_indexing.h"
+#include "util/c_alloc.h"
+
+namespace {
+
+using clock_type = std::chrono::steady_clock;
+
+double seconds_since(clock_type::time_point t0) {
+    return std::chrono::duration<double>(clock_type::now() - t0).count();
+}
+
+long resident_bytes() {
+    long pages = 0, resident = 0;
+    FILE* f = std::fopen("/proc/self/statm", "r");
+    if (f == nullptr) return 0;
+    if (std::fscanf(f, "%ld %ld", &pages, &resident) != 2) resident = 0;
+    std::fclose(f);
+    return resident * sysconf(_SC_PAGESIZE);
+}
+
+struct rng {
+    uint64_t s;
+    float next() {  // uniform in [-1, 1)
+        s ^= s << 13;
+        s ^= s >> 7;
+        s ^= s << 17;
+        return static_cast<float>(s >> 40) * 0x1p-23f - 1.0f;
+    }
+};
+
+// Fills a chunk of rows: a few hundred cluster centres plus noise, so queries have neighbours.
+void fill_rows(std::vector<float>& buf, std::size_t first_row, const std::vector<float>& centres,
+               rng& r) {
+    const std::size_t n = buf.size() / 512, nc = centres.size() / 512;
+    for (std::size_t i = 0; i < n; ++i) {
+        const float* c = &centres[((first_row + i) * 2654435761u % nc) * 512];
+        for (int d = 0; d < 512; ++d) buf[i * 512 + d] = c[d] + 0.5f * r.next();
+    }
+}
+
+double stream_bandwidth() {
+    const std::size_t bytes = std::size_t{1} << 30;
+    auto block = orve::c_aligned_array<uint64_t>(bytes / 8, 64);
+    if (!block) return 0;
+    std::memset(block.get(), 1, bytes);
+    double best = 0;
+    for (int rep = 0; rep < 5; ++rep) {
+        const auto t0 = clock_type::now();
+        uint64_t a = 0, b = 0, c = 0, d = 0;
+        const uint64_t* w = block.get();
+        for (std::size_t i = 0; i < bytes / 8; i += 4) {
+            a += w[i];
+            b += w[i + 1];
+            c += w[i + 2];
+            d += w[i + 3];
+        }
+        const double s = seconds_since(t0);
+        if (a + b + c + d == 42) std::puts("");
+        best = std::max(best, bytes / s);
+    }
+    return best;
+}
+
+struct object {
+    std::vector<unsigned char> mem;
+    semantic_vector_indexing_system* sys;
+    explicit object(std::size_t capacity) : mem(semantic_vector_indexing_system_sizeof()) {
+        sys = reinterpret_cast<semantic_vector_indexing_system*>(mem.data());
+        setenv("ORVE_VECTOR_CAPACITY", std::to_string(capacity).c_str(), 1);
+        if (semantic_vector_indexing_system_create(sys) != 0) {
+            std::fprintf(stderr, "create failed\n");
+            std::exit(1);
+        }
+    }
+    ~object() { semantic_vector_indexing_system_destroy(sys); }
+};
+
+// Ingests `rows` rows in chunks; returns rows per second.
+double ingest(object& o, std::size_t rows, const std::vector<float>& centres) {
+    rng r{12345};
+    std::vector<float> buf(10000 * 512);
+    double busy = 0;
+    for (std::size_t done = 0; done < rows;) {
+        const std::size_t n = std::min<std::size_t>(10000, rows - done);
+        buf.resize(n * 512);
+        fill_rows(buf, done, centres, r);
+        const auto t0 = clock_type::now();
+        const int got = semantic_vector_indexing_system_load_vectors_f32(
+            o.sys, buf.data(), static_cast<uint32_t>(n));
+        busy += seconds_since(t0);
+        if (got != static_cast<int>(n)) {
+            std::fprintf(stderr, "ingestion stopped at %zu rows\n", done);
+            std::exit(1);
+        }
+        done += n;
+    }
+    return rows / busy;
+}
+
+void brute_force(object& o, std::size_t rows, const std::vector<float>& centres, double bw) {
+    rng r{999};
+    std::vector<float> queries(64 * 512);
+    fill_rows(queries, 7, centres, r);
+    vector_similarity_query q;
+    std::memset(&q, 0, sizeof q);
+    q.use_orve512 = 1;
+    q.max_results = 10;
+    q.min_similarity = -2.0f;
+    vector_similarity_result res[10];
+    uint32_t n = 0;
+    const int reps = rows >= 1000000 ? 32 : 128;
+    const auto t0 = clock_type::now();
+    for (int i = 0; i < reps; ++i) {
+        q.query_vector = &queries[(i % 64) * 512];
+        semantic_vector_indexing_system_search_similar(o.sys, &q, res, &n);
+    }
+    const double s = seconds_since(t0) / reps;
+    const double rows_per_s = rows / s;
+    std::printf("brute force, %8zu rows: %8.1f queries/s, %.3e rows/s, %6.2f GB/s scanned, "
+                "%3.0f%% of read bandwidth\n",
+                rows, 1.0 / s, rows_per_s, rows_per_s * 512 / 1e9,
+                100.0 * rows_per_s * 512 / bw);
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    std::size_t big = 1000000;
+    for (int i = 1; i + 1 < argc; ++i) {
+        if (std::strcmp(argv[i], "--rows") == 0) big = std::strtoull(argv[i + 1], nullptr, 10);
+    }
+    const std::size_t small = big / 10;
+    std::vector<float> centres(256 * 512);
+    rng r{7};
+    for (float& x : centres) x = r.next();
+
+    const double bw = stream_bandwidth();
+    std::printf("single-thread streaming read: %.2f GB/s\n", bw / 1e9);
+
+    {
+        object o(small);
+        std::printf("ingestion, no sidecar:   %.0f rows/s (%zu rows)\n",
+                    ingest(o, small, centres), small);
+    }
+    {
+        char dir[] = "/tmp/orve_bench_XXXXXX";
+        if (mkdtemp(dir) == nullptr) return 1;
+        const std::string path = std::string(dir) + "/bench.sidecar";
+        {
+            object o(small);
+            if (semantic_vector_indexing_system_open_sidecar(o.sys, path.c_str()) != 0) return 1;
+            std::printf("ingestion, with sidecar: %.0f rows/s (%zu rows)\n",
+                        ingest(o, small, centres), small);
+        }
+        unlink(path.c_str());
+        rmdir(dir);
+    }
+    {
+        object o(small);
+        ingest(o, small, centres);
+        brute_force(o, small, centres, bw);
+    }
+    {
+        const long before = resident_bytes();
+        object o(big);
+        ingest(o, big, centres);
+        const long after = resident_bytes();
+        brute_force(o, big, centres, bw);
+        std::printf("resident memory: %.0f bytes per stored row (%zu rows)\n",
+                    static_cast<double>(after - before) / big, big);
+    }
+    return 0;
+}

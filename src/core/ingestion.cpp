@@ -1,0 +1,168 @@
+// Ingestion: rows are appended to the node table, quantised into the flat store, offered to
+// the legacy indexes and the sidecar. A row that fails at any step leaves no trace in the node
+// table, the valid map, the row count, the generation or the sidecar.
+#include <cstring>
+#include <cstdlib>
+#include <ctime>
+
+#include "core/system.h"
+#include "quant/dot512_kernels.h"
+
+namespace {
+
+void clear_node(indexed_node* n) { std::memset(n, 0, sizeof *n); }
+
+void fill_embedding_node(indexed_node* n, uint32_t node_id, int64_t timestamp) {
+    clear_node(n);
+    n->node_id = node_id;
+    n->active = 1;
+    n->timestamp = timestamp;
+    n->weight = 1.0f;
+}
+
+// Quantises vec into row r and offers it to the legacy indexes. On failure row r is left
+// invalid and its node record cleared; the caller holds the lock and has ensured the store.
+// A vector the LSH index took before the clustering index refused stays in the LSH index: the
+// LSH index has no removal.
+int write_row(semantic_vector_indexing_system* sys, uint32_t r, uint32_t node_id,
+              const float* vec) {
+    float scale = 0.0f, norm = 0.0f;
+    if (orve_quantize_float_vector_symmetric(vec, ORVE512_DIM, sys->slab_i8 + r * orve::kRowBytes,
+                                             &scale, &norm) != 0) {
+        clear_node(&sys->nodes[r]);
+        return -1;
+    }
+    sys->row_scale[r] = scale;
+    sys->row_norm[r] = norm;
+    sys->row_valid[r] = 1;
+    // A legacy index is missing only after its re-creation failed; ingestion then refuses
+    // rather than touch a destroyed index.
+    if (sys->lsh_index == nullptr || sys->clustering_index == nullptr ||
+        enhanced_lsh_index_add_vector(sys->lsh_index, vec, node_id) != 0 ||
+        enhanced_clustering_index_add_vector(sys->clustering_index, vec, node_id) != 0) {
+        sys->row_valid[r] = 0;
+        clear_node(&sys->nodes[r]);
+        return -1;
+    }
+    return 0;
+}
+
+void commit_row(semantic_vector_indexing_system* sys, uint32_t node_id, const float* vec) {
+    sys->node_count += 1;
+    sys->ingest_generation.fetch_add(1, std::memory_order_relaxed);
+    // Under the lock, so rows reach the file in row order. A failed append does not undo the
+    // row: it is in memory, only missing from the file.
+    if (sys->sidecar != nullptr) (void)orve_vec_sidecar_append(sys->sidecar, node_id, vec);
+}
+
+}  // namespace
+
+extern "C" ORVE_API int semantic_vector_indexing_system_add_embedding_orve512(
+    semantic_vector_indexing_system* sys, uint32_t node_id, const float* vec) {
+    if (sys == nullptr || vec == nullptr || !sys->initialized || node_id == 0 ||
+        sys->node_count >= sys->capacity) {
+        return -1;
+    }
+    orve::object_lock guard(sys);
+    // Another thread may have filled the last row since the unlocked test above.
+    if (sys->slabs_dropped || sys->node_count >= sys->capacity) return -1;
+    const uint32_t r = sys->node_count;
+    fill_embedding_node(&sys->nodes[r], node_id, static_cast<int64_t>(std::time(nullptr)));
+    if (orve_flat_index_ensure(sys) != 0) {
+        clear_node(&sys->nodes[r]);
+        return -1;
+    }
+    if (write_row(sys, r, node_id, vec) != 0) return -1;
+    commit_row(sys, node_id, vec);
+    sys->last_update_time = static_cast<int64_t>(std::time(nullptr));
+    return 0;
+}
+
+extern "C" ORVE_API int semantic_vector_indexing_system_load_vectors_f32(
+    semantic_vector_indexing_system* sys, const float* vecs, uint32_t n) {
+    if (sys == nullptr || vecs == nullptr || n == 0 || sys->initialized != 1) return -1;
+    if (static_cast<uint64_t>(sys->node_count) + n > sys->capacity) return -1;
+    orve::object_lock guard(sys);
+    if (static_cast<uint64_t>(sys->node_count) + n > sys->capacity) return -1;
+    if (sys->slabs_dropped || orve_flat_index_ensure(sys) != 0) return -1;
+    const int64_t t = static_cast<int64_t>(std::time(nullptr));
+    for (uint32_t k = 0; k < n; ++k) {
+        const uint32_t r = sys->node_count;
+        const uint32_t id = r + 1;  // identifiers are 1-based row positions
+        const float* vec = vecs + static_cast<std::size_t>(k) * ORVE512_DIM;
+        fill_embedding_node(&sys->nodes[r], id, t);
+        if (write_row(sys, r, id, vec) != 0) return static_cast<int>(k);
+        commit_row(sys, id, vec);
+    }
+    sys->last_update_time = t;
+    return static_cast<int>(n);
+}
+
+extern "C" ORVE_API int semantic_vector_indexing_system_add_node(
+    semantic_vector_indexing_system* sys, const void* host_node) {
+    if (sys == nullptr || host_node == nullptr || !sys->initialized ||
+        sys->node_count >= sys->capacity) {
+        return -1;
+    }
+    // The host record is read at fixed byte positions (see orve_host_node); memcpy because
+    // the host's block need not be aligned for these types.
+    const auto* bytes = static_cast<const unsigned char*>(host_node);
+    uint32_t id;
+    double weight;
+    int64_t timestamp;
+    std::memcpy(&id, bytes + 0, sizeof id);
+    std::memcpy(&weight, bytes + 616, sizeof weight);
+    std::memcpy(&timestamp, bytes + 624, sizeof timestamp);
+
+    const uint32_t r = sys->node_count;
+    indexed_node* n = &sys->nodes[r];
+    n->node_id = id;
+    n->active = 1;
+    n->timestamp = timestamp;
+    n->weight = static_cast<float>(weight);
+    n->flags = 0;
+    sys->node_count = r + 1;
+    sys->last_update_time = timestamp;
+    return 0;
+}
+
+extern "C" ORVE_API int semantic_vector_indexing_system_rebuild_clustering(
+    semantic_vector_indexing_system* sys) {
+    if (sys == nullptr || !sys->initialized) return -1;
+    enhanced_clustering_index* c = sys->clustering_index;
+    if (c == nullptr) {
+        // A previous rebuild lost the index; start from a fresh record.
+        c = static_cast<enhanced_clustering_index*>(std::malloc(sizeof *c));
+        if (c == nullptr) return -1;
+    } else {
+        enhanced_clustering_index_destroy(c);
+    }
+    if (enhanced_clustering_index_create(c, orve::kClusterCount, orve::kClusterDim) != 0) {
+        // Keep no pointer to a destroyed index: ingestion then fails cleanly with -1 until a
+        // later rebuild succeeds.
+        std::free(c);
+        sys->clustering_index = nullptr;
+        return -1;
+    }
+    sys->clustering_index = c;
+    return enhanced_clustering_index_cluster(c, sys->nodes, sys->node_count);
+}
+
+extern "C" ORVE_API int semantic_vector_indexing_system_update_embeddings(
+    semantic_vector_indexing_system* sys) {
+    if (sys == nullptr || !sys->initialized) return -1;
+    enhanced_lsh_index* l = sys->lsh_index;
+    if (l == nullptr) {
+        l = static_cast<enhanced_lsh_index*>(std::malloc(sizeof *l));
+        if (l == nullptr) return -1;
+    } else {
+        enhanced_lsh_index_destroy(l);
+    }
+    if (enhanced_lsh_index_create(l, orve::kLshDim, orve::kLshHashes) != 0) {
+        std::free(l);
+        sys->lsh_index = nullptr;
+        return -1;
+    }
+    sys->lsh_index = l;
+    return semantic_vector_indexing_system_rebuild_clustering(sys);
+}

@@ -1,0 +1,74 @@
+// The central object's layout and the few internal helpers that every part of the library that
+// touches it shares.
+#pragma once
+
+#include <pthread.h>
+
+#include <atomic>
+#include <cstdint>
+
+#include "semantic_vector_indexing.h"
+
+struct ivf_live;
+struct hivf_live;
+
+// Types of the sub-records are named by their struct tags so this layout does not depend on
+// which parts of the library are built.
+// Field order is part of the object's contract (tools and debuggers read it), so fields are
+// never reordered. The host sees only the size.
+struct semantic_vector_indexing_system {
+    struct indexed_node* nodes;
+    struct enhanced_lsh_index* lsh_index;
+    struct enhanced_clustering_index* clustering_index;
+    uint32_t node_count;
+    uint32_t capacity;
+    uint8_t initialized;
+    int64_t last_update_time;
+    int8_t* slab_i8;
+    float* row_scale;
+    float* row_norm;
+    uint8_t* row_valid;
+    float* dequant_cache;
+    std::atomic<ivf_live*> live_ivf;
+    std::atomic<uint64_t> ingest_generation;
+    std::atomic<uint64_t> ivf_built_generation;
+    pthread_mutex_t lock;
+    std::atomic<hivf_live*> live_hivf;
+    std::atomic<uint64_t> hivf_built_generation;
+    struct orve_vec_sidecar* sidecar;
+    struct orve_ivf_paged_index* paged;
+    uint8_t slabs_dropped;
+};
+
+namespace orve {
+
+constexpr uint32_t kMaxCapacity = 1100000;
+constexpr int kLshDim = 128;
+constexpr int kLshHashes = 8;
+constexpr int kClusterCount = 100;
+constexpr int kClusterDim = 128;
+
+// Holds the object's recursive lock for a scope.
+class object_lock {
+public:
+    explicit object_lock(semantic_vector_indexing_system* sys) : m_(&sys->lock) {
+        pthread_mutex_lock(m_);
+    }
+    ~object_lock() { pthread_mutex_unlock(m_); }
+    object_lock(const object_lock&) = delete;
+    object_lock& operator=(const object_lock&) = delete;
+
+private:
+    pthread_mutex_t* m_;
+};
+
+// Parses a capacity the way ORVE_VECTOR_CAPACITY is read: base-10 signed 64-bit, leading blanks
+// and a sign allowed, stopping at the first non-digit; the low 32 bits taken as unsigned; any
+// value outside 1..1,100,000 (or null text) gives 1,100,000.
+uint32_t parse_capacity(const char* text);
+
+// Swaps the published IVF and H-IVF out of the object and drops the object's reference to
+// each. The caller holds the object's lock.
+void retire_published_indexes(semantic_vector_indexing_system* sys);
+
+}  // namespace orve

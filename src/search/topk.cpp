@@ -1,0 +1,85 @@
+#include "search/topk.h"
+
+#include <cstdlib>
+
+void bf_topk_heap_push(bf_topk_entry* heap, uint32_t* count, uint32_t capacity,
+                       const bf_topk_entry* entry) {
+    if (capacity == 0) return;
+    if (*count < capacity) {
+        uint32_t i = (*count)++;
+        heap[i] = *entry;
+        while (i > 0) {
+            const uint32_t parent = (i - 1) / 2;
+            if (heap[i].score >= heap[parent].score) break;
+            const bf_topk_entry t = heap[i];
+            heap[i] = heap[parent];
+            heap[parent] = t;
+            i = parent;
+        }
+        return;
+    }
+    if (!(entry->score > heap[0].score)) return;
+    heap[0] = *entry;
+    uint32_t i = 0;
+    for (;;) {
+        const uint32_t l = 2 * i + 1;
+        const uint32_t r = 2 * i + 2;
+        uint32_t child;
+        if (l < capacity && heap[l].score < heap[i].score) {
+            child = (r < capacity && heap[r].score < heap[l].score) ? r : l;
+        } else if (r < capacity && heap[r].score < heap[i].score) {
+            child = r;
+        } else {
+            break;
+        }
+        const bf_topk_entry t = heap[i];
+        heap[i] = heap[child];
+        heap[child] = t;
+        i = child;
+    }
+}
+
+int cmp_bf_topk_desc(const void* a, const void* b) {
+    const float sa = static_cast<const bf_topk_entry*>(a)->score;
+    const float sb = static_cast<const bf_topk_entry*>(b)->score;
+    if (sa > sb) return -1;
+    if (sa < sb) return 1;
+    return 0;
+}
+
+namespace orve {
+
+uint32_t candidate_budget(const vector_similarity_query* q, bool sidecar_attached) {
+    uint32_t factor = 1;
+    if (q->rerank && sidecar_attached) factor = q->rerank_factor != 0 ? q->rerank_factor : 5;
+    return factor * q->max_results;  // wraps like the budget's definition; 0 finds nothing
+}
+
+void finish_results(bf_topk_entry* candidates, uint32_t found, const vector_similarity_query* q,
+                    orve_vec_sidecar* rerank_sidecar, vector_similarity_result* results,
+                    uint32_t* count) {
+    if (found == 0) {
+        *count = 0;
+        return;
+    }
+    if (rerank_sidecar != nullptr) {
+        rerank_from_sidecar(candidates, found, q->query_vector, rerank_sidecar);
+    } else {
+        // qsort rather than std::sort: NaN scores make the order inconsistent, which qsort
+        // tolerates and std::sort does not.
+        std::qsort(candidates, found, sizeof(bf_topk_entry), cmp_bf_topk_desc);
+    }
+    const uint32_t n = found < q->max_results ? found : q->max_results;
+    for (uint32_t i = 0; i < n; ++i) {
+        vector_similarity_result& r = results[i];
+        r.node_id = candidates[i].node_id;
+        r.similarity = candidates[i].score;
+        r.distance = 1.0f - candidates[i].score;
+        r.cluster_id = candidates[i].cluster_id;
+        r.node_score = candidates[i].node_score;
+        r.rank = i + 1;
+    }
+    *count = n;
+}
+
+}  // namespace orve

@@ -1,0 +1,44 @@
+// Candidates shared by every 512-dimension search path: the record, the bounded min-heap that
+// keeps the best of them while a path scores rows, and the step that turns them into results.
+#pragma once
+
+#include <cstdint>
+
+#include "semantic_vector_indexing.h"
+#include "util/c_alloc.h"
+
+struct bf_topk_entry {
+    float score;
+    uint32_t node_id;
+    uint32_t cluster_id;
+    float node_score;
+    uint32_t row;  // node-table slot, which is also the row number in the sidecar
+};
+static_assert(sizeof(bf_topk_entry) == 20);
+
+// Offers one candidate to a min-heap of at most `capacity` entries. When the heap is full the
+// candidate replaces the lowest score only if it is strictly greater: ties keep what came first.
+void bf_topk_heap_push(bf_topk_entry* heap, uint32_t* count, uint32_t capacity,
+                       const bf_topk_entry* entry);
+
+// Descending by score for qsort; NaN compares equal to everything.
+int cmp_bf_topk_desc(const void* a, const void* b);
+
+// Exact cosine of each candidate against its float row in the sidecar, then sorted by the new
+// scores. Does nothing when the query or the sidecar is null.
+void rerank_from_sidecar(bf_topk_entry* candidates, uint32_t count, const float* query,
+                         orve_vec_sidecar* sidecar);
+
+namespace orve {
+
+// Factor x k, in 32-bit unsigned arithmetic as the budget is defined; the factor is the query's
+// rerank factor (5 when 0) when re-ranking is asked for and a sidecar is attached, else 1.
+uint32_t candidate_budget(const vector_similarity_query* q, bool sidecar_attached);
+
+// Re-ranks (when asked) or sorts the candidates and writes min(found, max_results) results with
+// ranks from 1. Results past that are not touched.
+void finish_results(bf_topk_entry* candidates, uint32_t found, const vector_similarity_query* q,
+                    orve_vec_sidecar* rerank_sidecar, vector_similarity_result* results,
+                    uint32_t* count);
+
+}  // namespace orve

@@ -1,0 +1,148 @@
+// Searches that depend on the sidecar: restart from the file, and exact re-ranking.
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cmath>
+#include <string>
+#include <vector>
+
+#include "core/system.h"
+#include "search/topk.h"
+#include "support/system_fixture.h"
+
+namespace {
+
+using orve_test::create_with_capacity;
+using orve_test::system_block;
+
+class SidecarSearch : public ::testing::Test {
+protected:
+    void SetUp() override {
+        char t[] = "/tmp/orve_sidecar_search_XXXXXX";
+        ASSERT_NE(mkdtemp(t), nullptr);
+        dir = t;
+        path = dir + "/vectors.sidecar";
+    }
+    void TearDown() override {
+        unlink(path.c_str());
+        rmdir(dir.c_str());
+    }
+    std::string dir, path;
+};
+
+double exact_cosine(const float* a, const float* b) {
+    double ab = 0, aa = 0, bb = 0;
+    for (int i = 0; i < 512; ++i) {
+        ab += static_cast<double>(a[i]) * b[i];
+        aa += static_cast<double>(a[i]) * a[i];
+        bb += static_cast<double>(b[i]) * b[i];
+    }
+    return ab / (std::sqrt(aa) * std::sqrt(bb));
+}
+
+TEST_F(SidecarSearch, RestartGivesIdenticalAnswers) {
+    const auto vecs = orve_test::gaussian_vectors(500, 70);
+    const auto queries = orve_test::gaussian_vectors(4, 71);
+    std::vector<vector_similarity_result> before(4 * 8), after(4 * 8);
+    {
+        system_block b;
+        ASSERT_EQ(create_with_capacity(b.get(), "1000"), 0);
+        ASSERT_EQ(semantic_vector_indexing_system_open_sidecar(b.get(), path.c_str()), 0);
+        EXPECT_EQ(b.get()->node_count, 0u);
+        for (uint32_t r = 0; r < 500; ++r) {
+            ASSERT_EQ(semantic_vector_indexing_system_add_embedding_orve512(b.get(), 1000 + r,
+                                                                            &vecs[r * 512]),
+                      0);
+        }
+        for (int qi = 0; qi < 4; ++qi) {
+            auto q = orve_test::int8_query(&queries[qi * 512], 8);
+            q.rerank = qi % 2;
+            uint32_t n = 0;
+            ASSERT_EQ(semantic_vector_indexing_system_search_similar(b.get(), &q, &before[qi * 8],
+                                                                     &n),
+                      0);
+            ASSERT_EQ(n, 8u);
+        }
+    }
+    system_block b;
+    ASSERT_EQ(create_with_capacity(b.get(), "1000"), 0);
+    ASSERT_EQ(semantic_vector_indexing_system_open_sidecar(b.get(), path.c_str()), 0);
+    EXPECT_EQ(b.get()->node_count, 500u);
+    EXPECT_EQ(b.get()->ingest_generation.load(), 500u);
+    EXPECT_EQ(b.get()->nodes[499].node_id, 1499u);
+    for (int qi = 0; qi < 4; ++qi) {
+        auto q = orve_test::int8_query(&queries[qi * 512], 8);
+        q.rerank = qi % 2;
+        uint32_t n = 0;
+        ASSERT_EQ(
+            semantic_vector_indexing_system_search_similar(b.get(), &q, &after[qi * 8], &n), 0);
+        ASSERT_EQ(n, 8u);
+        for (int i = 0; i < 8; ++i) {
+            EXPECT_EQ(after[qi * 8 + i].node_id, before[qi * 8 + i].node_id);
+            EXPECT_EQ(after[qi * 8 + i].similarity, before[qi * 8 + i].similarity);
+        }
+    }
+    // The replay appended nothing; the next row goes to the end of the file.
+    auto extra = orve_test::gaussian_vectors(1, 72);
+    ASSERT_EQ(semantic_vector_indexing_system_add_embedding_orve512(b.get(), 7, extra.data()), 0);
+    float row[512];
+    ASSERT_EQ(orve_vec_sidecar_read_row_floats(b.get()->sidecar, 500, row), 0);
+    EXPECT_EQ(row[0], extra[0]);
+    EXPECT_EQ(orve_vec_sidecar_read_row_floats(b.get()->sidecar, 501, row), -1);
+}
+
+TEST_F(SidecarSearch, RerankUsesExactCosineAndOrdersByIt) {
+    // Rows close to the query in several directions: int8 rounding reorders near-ties, the
+    // exact pass must restore the true order.
+    const auto base = orve_test::gaussian_vectors(1, 80);
+    const auto noise = orve_test::gaussian_vectors(200, 81);
+    std::vector<float> vecs(200 * 512);
+    for (int r = 0; r < 200; ++r) {
+        for (int i = 0; i < 512; ++i) vecs[r * 512 + i] = base[i] + 0.3f * noise[r * 512 + i];
+    }
+    system_block b;
+    ASSERT_EQ(create_with_capacity(b.get(), "1000"), 0);
+    ASSERT_EQ(semantic_vector_indexing_system_open_sidecar(b.get(), path.c_str()), 0);
+    ASSERT_EQ(semantic_vector_indexing_system_load_vectors_f32(b.get(), vecs.data(), 200), 200);
+
+    auto q = orve_test::int8_query(base.data(), 10);
+    q.rerank = 1;  // factor 0 means 5: 50 candidates
+    vector_similarity_result res[10];
+    uint32_t n = 0;
+    ASSERT_EQ(semantic_vector_indexing_system_search_similar(b.get(), &q, res, &n), 0);
+    ASSERT_EQ(n, 10u);
+    orve_test::expect_well_formed(res, n);
+    std::vector<double> exact(200);
+    for (int r = 0; r < 200; ++r) exact[r] = exact_cosine(base.data(), &vecs[r * 512]);
+    std::vector<double> sorted = exact;
+    std::sort(sorted.rbegin(), sorted.rend());
+    for (uint32_t i = 0; i < n; ++i) {
+        EXPECT_EQ(res[i].similarity, static_cast<float>(exact[res[i].node_id - 1]));
+        EXPECT_EQ(res[i].similarity, static_cast<float>(sorted[i])) << i;
+    }
+}
+
+TEST_F(SidecarSearch, RerankKeepsInt8ScoreForUnreadableOrZeroRows) {
+    system_block b;
+    ASSERT_EQ(create_with_capacity(b.get(), "100"), 0);
+    ASSERT_EQ(semantic_vector_indexing_system_open_sidecar(b.get(), path.c_str()), 0);
+    std::vector<float> v(3 * 512, 0.0f);
+    for (int i = 0; i < 512; ++i) v[i] = (i % 5) - 2.0f;
+    ASSERT_EQ(semantic_vector_indexing_system_load_vectors_f32(b.get(), v.data(), 3), 3);
+    bf_topk_entry c[3] = {{0.80f, 1, 0, 0, 0}, {0.79f, 2, 0, 0, 1}, {0.5f, 3, 0, 0, 57}};
+    rerank_from_sidecar(c, 3, v.data(), b.get()->sidecar);
+    // Row 0 is the query itself (exact cosine 1); row 1 is all zero and row 57 does not
+    // exist, so both keep their int8 scores.
+    EXPECT_EQ(c[0].row, 0u);
+    EXPECT_EQ(c[0].score, 1.0f);
+    EXPECT_EQ(c[1].score, 0.79f);
+    EXPECT_EQ(c[2].score, 0.5f);
+    EXPECT_EQ(c[2].row, 57u);
+    // Null query or sidecar: untouched.
+    bf_topk_entry d[2] = {{0.1f, 1, 0, 0, 0}, {0.9f, 2, 0, 0, 1}};
+    rerank_from_sidecar(d, 2, nullptr, b.get()->sidecar);
+    EXPECT_EQ(d[0].score, 0.1f);
+}
+
+}  // namespace

@@ -1,0 +1,94 @@
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cmath>
+#include <random>
+#include <vector>
+
+#include "search/topk.h"
+
+namespace {
+
+bf_topk_entry entry(float score, uint32_t id) { return bf_topk_entry{score, id, 0, 0.0f, id}; }
+
+std::vector<float> scores_of(const bf_topk_entry* h, uint32_t n) {
+    std::vector<float> s;
+    for (uint32_t i = 0; i < n; ++i) s.push_back(h[i].score);
+    return s;
+}
+
+TEST(TopkHeap, KeepsTheBestAndTiesNeverReplaceTheRoot) {
+    bf_topk_entry heap[3];
+    uint32_t count = 0;
+    const float offered[] = {0.5f, 0.9f, 0.7f, 0.7f, 0.2f};
+    for (uint32_t i = 0; i < 3; ++i) {
+        const auto e = entry(offered[i], i);
+        bf_topk_heap_push(heap, &count, 3, &e);
+    }
+    auto kept = scores_of(heap, count);
+    std::sort(kept.begin(), kept.end());
+    EXPECT_EQ(kept, (std::vector<float>{0.5f, 0.7f, 0.9f}));
+    EXPECT_EQ(heap[0].score, 0.5f);  // min at the root
+    for (uint32_t i = 3; i < 5; ++i) {
+        const auto e = entry(offered[i], i);
+        bf_topk_heap_push(heap, &count, 3, &e);
+    }
+    std::qsort(heap, count, sizeof heap[0], cmp_bf_topk_desc);
+    EXPECT_EQ(scores_of(heap, count), (std::vector<float>{0.9f, 0.7f, 0.7f}));
+
+    // A full heap whose minimum is 0.7 does not take another 0.7.
+    const auto tie = entry(0.7f, 99);
+    bf_topk_heap_push(heap, &count, 3, &tie);
+    for (const auto& e : heap) EXPECT_NE(e.node_id, 99u);
+
+    uint32_t zero_count = 0;
+    bf_topk_heap_push(heap, &zero_count, 0, &tie);
+    EXPECT_EQ(zero_count, 0u);
+}
+
+TEST(TopkHeap, RandomStreamsKeepExactlyTheTopScores) {
+    std::mt19937 rng(8);
+    std::uniform_int_distribution<int> level(0, 50);  // many ties
+    for (uint32_t cap : {1u, 2u, 7u, 64u}) {
+        std::vector<bf_topk_entry> heap(cap);
+        uint32_t count = 0;
+        std::vector<float> all;
+        for (int i = 0; i < 500; ++i) {
+            const auto e = entry(level(rng) / 50.0f, i);
+            all.push_back(e.score);
+            bf_topk_heap_push(heap.data(), &count, cap, &e);
+            // Heap property after every push.
+            for (uint32_t j = 1; j < count; ++j) ASSERT_LE(heap[(j - 1) / 2].score, heap[j].score);
+        }
+        std::sort(all.rbegin(), all.rend());
+        all.resize(cap);
+        auto kept = scores_of(heap.data(), count);
+        std::sort(kept.rbegin(), kept.rend());
+        EXPECT_EQ(kept, all) << cap;
+    }
+}
+
+TEST(TopkCompare, DescendingAndNanIsEqual) {
+    auto a = entry(0.9f, 1), b = entry(0.1f, 2), n = entry(std::nanf(""), 3);
+    EXPECT_EQ(cmp_bf_topk_desc(&a, &b), -1);
+    EXPECT_EQ(cmp_bf_topk_desc(&b, &a), 1);
+    EXPECT_EQ(cmp_bf_topk_desc(&a, &a), 0);
+    EXPECT_EQ(cmp_bf_topk_desc(&a, &n), 0);
+    EXPECT_EQ(cmp_bf_topk_desc(&n, &b), 0);
+}
+
+TEST(CandidateBudget, FactorOnlyWithRerankAndSidecar) {
+    vector_similarity_query q{};
+    q.max_results = 10;
+    EXPECT_EQ(orve::candidate_budget(&q, true), 10u);
+    q.rerank = 1;
+    EXPECT_EQ(orve::candidate_budget(&q, false), 10u);
+    EXPECT_EQ(orve::candidate_budget(&q, true), 50u);
+    q.rerank_factor = 3;
+    EXPECT_EQ(orve::candidate_budget(&q, true), 30u);
+    q.rerank_factor = 0x80000000u;
+    q.max_results = 2;
+    EXPECT_EQ(orve::candidate_budget(&q, true), 0u);  // wraps in 32 bits
+}
+
+}  // namespace

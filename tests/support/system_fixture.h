@@ -1,0 +1,77 @@
+// A created object with a chosen capacity, for tests of the object and its search paths.
+#pragma once
+
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+#include <cstring>
+#include <random>
+#include <string>
+#include <vector>
+
+#include "semantic_vector_indexing.h"
+
+namespace orve_test {
+
+// Owns a host block for the object; create and destroy are explicit so tests can check them.
+class system_block {
+public:
+    system_block() : mem_(semantic_vector_indexing_system_sizeof(), 0) {}
+    semantic_vector_indexing_system* get() {
+        return reinterpret_cast<semantic_vector_indexing_system*>(mem_.data());
+    }
+    ~system_block() { semantic_vector_indexing_system_destroy(get()); }
+
+private:
+    std::vector<unsigned char> mem_;
+};
+
+// Sets ORVE_VECTOR_CAPACITY for one create and restores the old value afterwards.
+inline int create_with_capacity(semantic_vector_indexing_system* sys, const char* capacity) {
+    const char* old = std::getenv("ORVE_VECTOR_CAPACITY");
+    const std::string saved = old ? old : "";
+    if (capacity) {
+        setenv("ORVE_VECTOR_CAPACITY", capacity, 1);
+    } else {
+        unsetenv("ORVE_VECTOR_CAPACITY");
+    }
+    const int rc = semantic_vector_indexing_system_create(sys);
+    if (old) {
+        setenv("ORVE_VECTOR_CAPACITY", saved.c_str(), 1);
+    } else {
+        unsetenv("ORVE_VECTOR_CAPACITY");
+    }
+    return rc;
+}
+
+// n Gaussian vectors of 512 floats, back to back.
+inline std::vector<float> gaussian_vectors(std::size_t n, unsigned seed) {
+    std::mt19937 rng(seed);
+    std::normal_distribution<float> g;
+    std::vector<float> v(n * 512);
+    for (float& x : v) x = g(rng);
+    return v;
+}
+
+inline vector_similarity_query int8_query(const float* vec, uint32_t k) {
+    vector_similarity_query q;
+    std::memset(&q, 0, sizeof q);
+    q.use_orve512 = 1;
+    q.query_vector = vec;
+    q.max_results = k;
+    q.min_similarity = -2.0f;
+    return q;
+}
+
+// Checks what every int8 answer must satisfy: ranks 1..n, scores in order, distance = 1 - score.
+inline void expect_well_formed(const vector_similarity_result* r, uint32_t n) {
+    for (uint32_t i = 0; i < n; ++i) {
+        EXPECT_EQ(r[i].rank, i + 1);
+        EXPECT_EQ(r[i].distance, 1.0f - r[i].similarity);
+        if (i > 0) {
+            EXPECT_GE(r[i - 1].similarity, r[i].similarity);
+        }
+    }
+}
+
+}  // namespace orve_test
