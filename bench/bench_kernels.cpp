@@ -19,9 +19,9 @@
 
 namespace {
 
-constexpr std::size_t kL1Rows = 48;           // 24 KiB: inside any L1 data cache
-constexpr std::size_t kL2Rows = 1024;         // 512 KiB: inside a typical L2
-std::size_t g_slab_rows = (1u << 30) / 512;   // 1 GiB unless --slab-mib says otherwise
+constexpr std::size_t kL1Rows = 48;          // 24 KiB: inside any L1 data cache
+constexpr std::size_t kL2Rows = 1024;        // 512 KiB: inside a typical L2
+std::size_t g_slab_rows = (1u << 30) / 512;  // 1 GiB unless --slab-mib says otherwise
 
 uint64_t splitmix(uint64_t& s) {
     uint64_t z = (s += 0x9e3779b97f4a7c15ull);
@@ -60,9 +60,9 @@ void scan(benchmark::State& state, const orve::dot512_kernel* k, std::size_t row
         }
         benchmark::ClobberMemory();
     }
-    state.counters["rows_per_s"] = benchmark::Counter(
-        static_cast<double>(rows) * static_cast<double>(state.iterations()),
-        benchmark::Counter::kIsRate);
+    state.counters["rows_per_s"] =
+        benchmark::Counter(static_cast<double>(rows) * static_cast<double>(state.iterations()),
+                           benchmark::Counter::kIsRate);
     state.SetBytesProcessed(static_cast<int64_t>(rows * 512) * state.iterations());
 }
 
@@ -100,7 +100,7 @@ void quantize(benchmark::State& state) {
 
 // Collects the figures the summary needs while the console reporter prints as usual.
 class summary_reporter : public benchmark::ConsoleReporter {
-public:
+  public:
     void ReportRuns(const std::vector<Run>& runs) override {
         ConsoleReporter::ReportRuns(runs);
         for (const Run& r : runs) {
@@ -151,8 +151,8 @@ int main(int argc, char** argv) {
     auto& f = reporter.figures;
     const double stream = f["stream_read/" + slab_label + "/real_time"]["bytes_per_second"];
     std::printf("\nSummary (best kernel on this machine: %s)\n", orve::dot512_best().name);
-    std::printf("%-14s %16s %16s %14s %12s\n", "kernel", "L1 rows/s", "L2 rows/s",
-                "slab GB/s", "of stream");
+    std::printf("%-14s %16s %16s %14s %12s\n", "kernel", "L1 rows/s", "L2 rows/s", "slab GB/s",
+                "of stream");
     for (std::size_t i = 0; i < n; ++i) {
         const std::string name = std::string("dot512/") + ks[i].name;
         const double l1 = f[name + "/L1_48rows"]["rows_per_s"];

@@ -100,8 +100,8 @@ double ingest(object& o, std::size_t rows, const std::vector<float>& centres) {
         buf.resize(n * 512);
         fill_rows(buf, done, centres, r);
         const auto t0 = clock_type::now();
-        const int got = semantic_vector_indexing_system_load_vectors_f32(
-            o.sys, buf.data(), static_cast<uint32_t>(n));
+        const int got = semantic_vector_indexing_system_load_vectors_f32(o.sys, buf.data(),
+                                                                         static_cast<uint32_t>(n));
         busy += seconds_since(t0);
         if (got != static_cast<int>(n)) {
             std::fprintf(stderr, "ingestion stopped at %zu rows\n", done);
@@ -131,10 +131,10 @@ void brute_force(object& o, std::size_t rows, const std::vector<float>& centres,
     }
     const double s = seconds_since(t0) / reps;
     const double rows_per_s = rows / s;
-    std::printf("brute force, %8zu rows: %8.1f queries/s, %.3e rows/s, %6.2f GB/s scanned, "
-                "%3.0f%% of read bandwidth\n",
-                rows, 1.0 / s, rows_per_s, rows_per_s * 512 / 1e9,
-                100.0 * rows_per_s * 512 / bw);
+    std::printf(
+        "brute force, %8zu rows: %8.1f queries/s, %.3e rows/s, %6.2f GB/s scanned, "
+        "%3.0f%% of read bandwidth\n",
+        rows, 1.0 / s, rows_per_s, rows_per_s * 512 / 1e9, 100.0 * rows_per_s * 512 / bw);
 }
 
 }  // namespace
@@ -154,8 +154,8 @@ int main(int argc, char** argv) {
 
     {
         object o(small);
-        std::printf("ingestion, no sidecar:   %.0f rows/s (%zu rows)\n",
-                    ingest(o, small, centres), small);
+        std::printf("ingestion, no sidecar:   %.0f rows/s (%zu rows)\n", ingest(o, small, centres),
+                    small);
     }
     {
         char dir[] = "/tmp/orve_bench_XXXXXX";

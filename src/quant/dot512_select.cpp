@@ -56,7 +56,9 @@ const dot512_kernel* dot512_kernels_available(std::size_t* count) {
     return kAvailable.k;
 }
 
-const dot512_kernel& dot512_best() { return kAvailable.k[kAvailable.n - 1]; }
+const dot512_kernel& dot512_best() {
+    return kAvailable.k[kAvailable.n - 1];
+}
 
 }  // namespace orve
 

@@ -12,7 +12,9 @@
 namespace orve {
 namespace {
 
-inline __m512i load64(const int8_t* p) { return _mm512_loadu_si512(p); }
+inline __m512i load64(const int8_t* p) {
+    return _mm512_loadu_si512(p);
+}
 
 // Horizontal sum of the sixteen lanes.
 inline int32_t hsum_epi32(__m512i v) {

@@ -15,9 +15,8 @@ constexpr float kZeroMagnitude = 1e-12f;
 
 }  // namespace
 
-extern "C" ORVE_API int orve_quantize_float_vector_symmetric(const float* in, int dim,
-                                                             int8_t* out, float* out_scale,
-                                                             float* out_norm) {
+extern "C" ORVE_API int orve_quantize_float_vector_symmetric(const float* in, int dim, int8_t* out,
+                                                             float* out_scale, float* out_norm) {
     if (dim != ORVE512_DIM || in == nullptr || out == nullptr) return -1;
 
     // One pass for both the largest magnitude and the sum of squares. The sum is sequential on
@@ -53,9 +52,8 @@ extern "C" ORVE_API int orve_quantize_float_vector_symmetric(const float* in, in
     return 0;
 }
 
-extern "C" ORVE_API float orve_cosine_from_quantized_dot(int32_t dot, float scale_a,
-                                                         float scale_b, float norm_a,
-                                                         float norm_b) {
+extern "C" ORVE_API float orve_cosine_from_quantized_dot(int32_t dot, float scale_a, float scale_b,
+                                                         float norm_a, float norm_b) {
     return orve::cosine_from_dot(dot, scale_a, scale_b, norm_a, norm_b);
 }
 

@@ -24,8 +24,8 @@ TEST(Concurrency, SearchesWhileOneThreadIngests) {
     std::atomic<bool> failed{false};
     std::thread writer([&] {
         for (uint32_t r = 0; r < kRows; ++r) {
-            if (semantic_vector_indexing_system_add_embedding_orve512(sys, r + 1,
-                                                                      &vecs[r * 512]) != 0) {
+            if (semantic_vector_indexing_system_add_embedding_orve512(sys, r + 1, &vecs[r * 512]) !=
+                0) {
                 failed = true;
                 return;
             }
@@ -47,8 +47,7 @@ TEST(Concurrency, SearchesWhileOneThreadIngests) {
                 const uint32_t after = ingested.load(std::memory_order_acquire);
                 if (n > 10 || n < std::min<uint32_t>(before, 10)) failed = true;
                 for (uint32_t i = 0; i < n; ++i) {
-                    if (res[i].rank != i + 1 || res[i].node_id == 0 ||
-                        res[i].node_id > after + 1 ||
+                    if (res[i].rank != i + 1 || res[i].node_id == 0 || res[i].node_id > after + 1 ||
                         (i > 0 && res[i - 1].similarity < res[i].similarity)) {
                         failed = true;
                     }

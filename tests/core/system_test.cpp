@@ -27,8 +27,8 @@ TEST(Capacity, ParsingRules) {
 }
 
 TEST(SystemObject, CreateReadsCapacityFromEnvironment) {
-    for (auto [env, want] : {std::pair<const char*, uint32_t>{"2500", 2500},
-                             {nullptr, 1100000}, {"junk", 1100000}}) {
+    for (auto [env, want] :
+         {std::pair<const char*, uint32_t>{"2500", 2500}, {nullptr, 1100000}, {"junk", 1100000}}) {
         system_block b;
         ASSERT_EQ(create_with_capacity(b.get(), env), 0);
         EXPECT_EQ(b.get()->capacity, want);

@@ -25,7 +25,9 @@ bool should_fail() {
 }  // namespace
 
 extern "C" {
-void* __wrap_malloc(std::size_t n) { return should_fail() ? nullptr : __real_malloc(n); }
+void* __wrap_malloc(std::size_t n) {
+    return should_fail() ? nullptr : __real_malloc(n);
+}
 void* __wrap_calloc(std::size_t n, std::size_t size) {
     return should_fail() ? nullptr : __real_calloc(n, size);
 }

@@ -9,8 +9,7 @@
 
 static int g_override_calls = 0;
 
-extern "C" int32_t orve512_similarity_int8__challenger_override(const int8_t* a,
-                                                                const int8_t* b) {
+extern "C" int32_t orve512_similarity_int8__challenger_override(const int8_t* a, const int8_t* b) {
     ++g_override_calls;
     // A recognisable answer that no real dot product of these inputs gives.
     return (a == nullptr || b == nullptr) ? -7 : 424242;

@@ -9,7 +9,9 @@
 
 namespace {
 
-std::vector<float> zeros() { return std::vector<float>(512, 0.0f); }
+std::vector<float> zeros() {
+    return std::vector<float>(512, 0.0f);
+}
 
 TEST(Quantize, AllZeroInputGivesZeroCodesScaleAndNorm) {
     std::vector<float> v = zeros();

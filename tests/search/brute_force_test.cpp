@@ -48,7 +48,7 @@ float model_cosine(const model_row& a, const model_row& b) {
 }
 
 class BruteForce : public ::testing::Test {
-protected:
+  protected:
     void SetUp() override {
         ASSERT_EQ(create_with_capacity(b.get(), "5000"), 0);
         vecs = orve_test::gaussian_vectors(kRows, 21);
@@ -81,7 +81,8 @@ TEST_F(BruteForce, MatchesIndependentModelOfInt8Scoring) {
         orve_test::expect_well_formed(res, n);
         for (uint32_t i = 0; i < n; ++i) {
             EXPECT_EQ(res[i].similarity, want[i].first) << "query " << qi << " rank " << i;
-            if (want[i].first != want[i + 1].first && (i == 0 || want[i].first != want[i - 1].first)) {
+            if (want[i].first != want[i + 1].first &&
+                (i == 0 || want[i].first != want[i - 1].first)) {
                 EXPECT_EQ(res[i].node_id, want[i].second) << "query " << qi << " rank " << i;
             }
         }

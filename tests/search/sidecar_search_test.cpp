@@ -17,7 +17,7 @@ using orve_test::create_with_capacity;
 using orve_test::system_block;
 
 class SidecarSearch : public ::testing::Test {
-protected:
+  protected:
     void SetUp() override {
         char t[] = "/tmp/orve_sidecar_search_XXXXXX";
         ASSERT_NE(mkdtemp(t), nullptr);
@@ -59,9 +59,9 @@ TEST_F(SidecarSearch, RestartGivesIdenticalAnswers) {
             auto q = orve_test::int8_query(&queries[qi * 512], 8);
             q.rerank = qi % 2;
             uint32_t n = 0;
-            ASSERT_EQ(semantic_vector_indexing_system_search_similar(b.get(), &q, &before[qi * 8],
-                                                                     &n),
-                      0);
+            ASSERT_EQ(
+                semantic_vector_indexing_system_search_similar(b.get(), &q, &before[qi * 8], &n),
+                0);
             ASSERT_EQ(n, 8u);
         }
     }
@@ -75,8 +75,8 @@ TEST_F(SidecarSearch, RestartGivesIdenticalAnswers) {
         auto q = orve_test::int8_query(&queries[qi * 512], 8);
         q.rerank = qi % 2;
         uint32_t n = 0;
-        ASSERT_EQ(
-            semantic_vector_indexing_system_search_similar(b.get(), &q, &after[qi * 8], &n), 0);
+        ASSERT_EQ(semantic_vector_indexing_system_search_similar(b.get(), &q, &after[qi * 8], &n),
+                  0);
         ASSERT_EQ(n, 8u);
         for (int i = 0; i < 8; ++i) {
             EXPECT_EQ(after[qi * 8 + i].node_id, before[qi * 8 + i].node_id);

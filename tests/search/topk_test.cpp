@@ -9,7 +9,9 @@
 
 namespace {
 
-bf_topk_entry entry(float score, uint32_t id) { return bf_topk_entry{score, id, 0, 0.0f, id}; }
+bf_topk_entry entry(float score, uint32_t id) {
+    return bf_topk_entry{score, id, 0, 0.0f, id};
+}
 
 std::vector<float> scores_of(const bf_topk_entry* h, uint32_t n) {
     std::vector<float> s;

@@ -15,14 +15,14 @@ namespace orve_test {
 
 // Owns a host block for the object; create and destroy are explicit so tests can check them.
 class system_block {
-public:
+  public:
     system_block() : mem_(semantic_vector_indexing_system_sizeof(), 0) {}
     semantic_vector_indexing_system* get() {
         return reinterpret_cast<semantic_vector_indexing_system*>(mem_.data());
     }
     ~system_block() { semantic_vector_indexing_system_destroy(get()); }
 
-private:
+  private:
     std::vector<unsigned char> mem_;
 };
 
