@@ -1,0 +1,115 @@
+// The IVF index record: compaction of assigned rows into contiguous buckets, and its teardown.
+#include <cstdlib>
+#include <cstring>
+
+#include "ivf/ivf_internal.h"
+#include "quant/dot512_kernels.h"
+#include "util/c_alloc.h"
+
+namespace {
+
+// Row blocks start on a cache line so that every 512-byte row does.
+constexpr std::size_t kRowAlignment = 64;
+
+}  // namespace
+
+int cmp_route(const void* a, const void* b) {
+    const auto* pa = static_cast<const ivf_route_pair*>(a);
+    const auto* pb = static_cast<const ivf_route_pair*>(b);
+    if (pa->bucket < pb->bucket) return -1;
+    if (pa->bucket > pb->bucket) return 1;
+    if (pa->row < pb->row) return -1;
+    if (pa->row > pb->row) return 1;
+    return 0;
+}
+
+int ivf_finish_index(uint32_t n, uint32_t n_buckets, const uint32_t* assignment,
+                     const float* centroids, const int8_t* codes, const float* scales,
+                     const float* norms, orve_ivf_index* out) {
+    using orve::kRowBytes;
+    std::memset(out, 0, sizeof *out);
+
+    // Every array stays with its owner until the whole index is complete, so a failure at any
+    // step frees what exists and leaves `out` all zero.
+    orve::c_unique<ivf_route_pair[]> pairs = orve::c_alloc_array<ivf_route_pair>(n);
+    if (!pairs) return -1;
+    for (uint32_t i = 0; i < n; ++i) pairs[i] = ivf_route_pair{assignment[i], i};
+    std::qsort(pairs.get(), n, sizeof(ivf_route_pair), cmp_route);
+
+    orve::c_unique<uint32_t[]> sizes = orve::c_calloc_array<uint32_t>(n_buckets);
+    if (!sizes) return -1;
+    orve::c_unique<uint32_t[]> offsets = orve::c_calloc_array<uint32_t>(n_buckets);
+    if (!offsets) return -1;
+    for (uint32_t p = 0; p < n; ++p) ++sizes[pairs[p].bucket];
+    uint32_t running = 0;
+    for (uint32_t b = 0; b < n_buckets; ++b) {
+        offsets[b] = running;
+        running += sizes[b];
+    }
+
+    orve::c_unique<int8_t[]> row_codes =
+        orve::c_aligned_array<int8_t>(static_cast<std::size_t>(n) * kRowBytes, kRowAlignment);
+    if (!row_codes) return -1;
+    orve::c_unique<float[]> row_scales = orve::c_alloc_array<float>(n);
+    if (!row_scales) return -1;
+    orve::c_unique<float[]> row_norms = orve::c_alloc_array<float>(n);
+    if (!row_norms) return -1;
+    orve::c_unique<uint32_t[]> row_ids = orve::c_alloc_array<uint32_t>(n);
+    if (!row_ids) return -1;
+    for (uint32_t p = 0; p < n; ++p) {
+        const uint32_t r = pairs[p].row;
+        row_ids[p] = r;
+        std::memcpy(row_codes.get() + static_cast<std::size_t>(p) * kRowBytes,
+                    codes + static_cast<std::size_t>(r) * kRowBytes, kRowBytes);
+        row_scales[p] = scales[r];
+        row_norms[p] = norms[r];
+    }
+    pairs.reset();
+
+    orve::c_unique<int8_t[]> centroid_codes = orve::c_aligned_array<int8_t>(
+        static_cast<std::size_t>(n_buckets) * kRowBytes, kRowAlignment);
+    if (!centroid_codes) return -1;
+    orve::c_unique<float[]> centroid_scales = orve::c_alloc_array<float>(n_buckets);
+    if (!centroid_scales) return -1;
+    orve::c_unique<float[]> centroid_norms = orve::c_alloc_array<float>(n_buckets);
+    if (!centroid_norms) return -1;
+    for (uint32_t b = 0; b < n_buckets; ++b) {
+        if (orve_quantize_float_vector_symmetric(
+                centroids + static_cast<std::size_t>(b) * kRowBytes, ORVE512_DIM,
+                centroid_codes.get() + static_cast<std::size_t>(b) * kRowBytes, &centroid_scales[b],
+                &centroid_norms[b]) != 0) {
+            return -1;
+        }
+    }
+
+    out->n_rows = n;
+    out->n_buckets = n_buckets;
+    out->codes = row_codes.release();
+    out->row_scales = row_scales.release();
+    out->row_norms = row_norms.release();
+    out->centroid_codes = centroid_codes.release();
+    out->centroid_scales = centroid_scales.release();
+    out->centroid_norms = centroid_norms.release();
+    out->bucket_offsets = offsets.release();
+    out->bucket_sizes = sizes.release();
+    out->row_ids = row_ids.release();
+    return 0;
+}
+
+void orve_ivf_index_destroy_impl(orve_ivf_index* index) {
+    std::free(index->codes);
+    std::free(index->row_scales);
+    std::free(index->row_norms);
+    std::free(index->centroid_codes);
+    std::free(index->centroid_scales);
+    std::free(index->centroid_norms);
+    std::free(index->bucket_offsets);
+    std::free(index->bucket_sizes);
+    std::free(index->row_ids);
+    std::memset(index, 0, sizeof *index);
+}
+
+extern "C" ORVE_API void orve_ivf_index_destroy(orve_ivf_index* index) {
+    if (index == nullptr) return;
+    orve_ivf_index_destroy_impl(index);
+}

@@ -1,0 +1,97 @@
+// Module-internal helpers of the IVF and H-IVF indexes, shared between the builders, the
+// routing functions and the code that publishes and searches the indexes.
+#pragma once
+
+#include <cstdint>
+
+#include "semantic_vector_indexing.h"
+
+// A row waiting to be placed by the compaction: its bucket and its input row index.
+struct ivf_route_pair {
+    uint32_t bucket;
+    uint32_t row;
+};
+static_assert(sizeof(ivf_route_pair) == 8);
+
+// A centroid (or leaf) with its score for one query.
+struct ivf_scored_pair {
+    float score;
+    uint32_t index;
+};
+static_assert(sizeof(ivf_scored_pair) == 8);
+
+// qsort comparator over ivf_route_pair: bucket ascending, then row ascending (both unsigned).
+int cmp_route(const void* a, const void* b);
+
+// qsort comparator over ivf_scored_pair that puts the best pair first: score descending;
+// equal scores, and any comparison involving NaN, fall back to the lower index first.
+int cmp_scored_desc(const void* a, const void* b);
+
+// Builds `out` from rows that already have a bucket each: rows are copied bucket by bucket in
+// ascending input order and the float centroids (n_buckets x 512) are quantised. Every value of
+// `assignment` must be below n_buckets; the caller checks its inputs. 0, or -1 with `out` all
+// zero.
+int ivf_finish_index(uint32_t n, uint32_t n_buckets, const uint32_t* assignment,
+                     const float* centroids, const int8_t* codes, const float* scales,
+                     const float* norms, orve_ivf_index* out);
+
+// Frees the nine arrays of a non-null index (null arrays are skipped) and zeroes the record.
+void orve_ivf_index_destroy_impl(orve_ivf_index* index);
+
+// Squared Euclidean distance of two 512-float rows, accumulated with fused multiply-adds in 16
+// partial sums (lane j of every 16-lane block into sum j) and combined in a fixed tree, so the
+// result is the same bit for bit whichever kernel computes it.
+float l2sq_512(const float* a, const float* b);
+
+// Exact squared Euclidean distance of two 512-byte code rows.
+int32_t l2sq_512_i8(const int8_t* a, const int8_t* b);
+
+// Scales a 512-float row to unit length (sum of squares in double); rows whose sum of squares
+// is at most 1e-30 are left as they are.
+void l2_normalize_inplace(float* row);
+
+// k-means++ seeding over n float rows: k row indexes into out. The first is uniform, each next
+// one weighted by the squared distance to the nearest row picked so far. Draws from *state with
+// rand_r. 0, or -1 when k = 0, k > n, rows or out is null, or the scratch allocation fails.
+int pick_kmeans_pp_indices(const float* rows, uint32_t n, uint32_t k, unsigned int* state,
+                           uint32_t* out);
+
+// The same over int8 code rows, with distances between the raw codes.
+int pick_kmeans_pp_indices_i8(const int8_t* codes, uint32_t n, uint32_t k, unsigned int* state,
+                              uint32_t* out);
+
+namespace orve {
+
+// Rounds of assignment and update in every k-means; there is no early stop.
+constexpr int kKmeansRounds = 25;
+
+// The training's random state for a caller's seed: 0 acts as 1.
+inline unsigned int kmeans_seed_state(uint32_t seed) {
+    return seed == 0 ? 1u : seed;
+}
+
+// rand_r(state) mod n, the remainder taken on signed 32-bit integers.
+uint32_t kmeans_rand_index(unsigned int* state, uint32_t n);
+
+// Float row value i of a code row: code x (1 / scale), computed in float; 0 when scale <= 0.
+void dequantize_row(const int8_t* code, float scale, float* out);
+
+// Spherical k-means over n float rows: normalised working copy, k-means++ seeding, 25 rounds,
+// final assignment. Fills centroids (k x 512, caller's) and assignment (n, caller's). 0, or -1
+// when its scratch cannot be allocated or the seeding fails. Requires 1 <= k <= n.
+int kmeans_f32_train(const float* rows, uint32_t n, uint32_t k, uint32_t seed, float* centroids,
+                     uint32_t* assignment);
+
+// The same, choosing whether the int8 screen may be used. Both choices give identical results;
+// the plain full scans exist as the reference the screened training is checked against.
+int kmeans_f32_train_with(const float* rows, uint32_t n, uint32_t k, uint32_t seed,
+                          float* centroids, uint32_t* assignment, bool use_screen);
+
+// Spherical k-means directly over m int8 codes (raw integer dot products for the assignment,
+// dequantised codes for the updates). Fills the k float centroids (k x 512), their k int8 codes
+// (k x 512) and the assignment (m). 0, or -1 when scratch cannot be allocated or the seeding
+// fails. Requires 1 <= k <= m.
+int kmeans_i8_train(const int8_t* codes, const float* scales, uint32_t m, uint32_t k, uint32_t seed,
+                    float* centroids, int8_t* centroid_codes, uint32_t* assignment);
+
+}  // namespace orve

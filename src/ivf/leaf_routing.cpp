@@ -1,0 +1,81 @@
+// Routing a query to the H-IVF leaves to scan: the best level-1 buckets, and inside each of
+// them its best leaves.
+#include <cstdlib>
+
+#include "ivf/ivf_internal.h"
+#include "quant/cosine.h"
+#include "quant/dot512_kernels.h"
+#include "util/c_alloc.h"
+
+namespace {
+
+// Scores the query code against `count` consecutive centroid codes and sorts best first.
+void score_and_sort(const int8_t* qcode, float qscale, float qnorm, const int8_t* codes,
+                    const float* scales, const float* norms, uint32_t count,
+                    ivf_scored_pair* pairs) {
+    const orve::dot512_one_fn dot = orve::dot512_best().one;
+    for (uint32_t j = 0; j < count; ++j) {
+        const int32_t d = dot(qcode, codes + static_cast<std::size_t>(j) * orve::kRowBytes);
+        pairs[j] = ivf_scored_pair{orve::cosine_from_dot(d, qscale, scales[j], qnorm, norms[j]), j};
+    }
+    std::qsort(pairs, count, sizeof(ivf_scored_pair), cmp_scored_desc);
+}
+
+}  // namespace
+
+extern "C" ORVE_API int orve_hivf_route_top_leaves(const orve_hivf_index* index, const float* query,
+                                                   uint32_t n_probe_l1, uint32_t n_probe_l2,
+                                                   uint32_t* out_l1, uint32_t* out_l2,
+                                                   uint32_t* out_count) {
+    if (index == nullptr || query == nullptr || out_l1 == nullptr || out_l2 == nullptr ||
+        out_count == nullptr || index->b1 == 0 || index->b2 == 0) {
+        return -1;
+    }
+    // Choice: a record that claims buckets but lacks its arrays is malformed; refuse it rather
+    // than read through a null pointer (a built H-IVF always has them).
+    if (index->l1_centroid_codes == nullptr || index->l1_centroid_scales == nullptr ||
+        index->l1_centroid_norms == nullptr || index->l2_indexes == nullptr) {
+        return -1;
+    }
+    const uint32_t b1 = index->b1, b2 = index->b2;
+    const uint32_t p1 = n_probe_l1 < b1 ? n_probe_l1 : b1;
+    const uint32_t p2 = n_probe_l2 < b2 ? n_probe_l2 : b2;
+
+    orve::c_unique<int8_t[]> qcode = orve::c_alloc_array<int8_t>(orve::kRowBytes);
+    if (!qcode) return -1;
+    float qscale = 0.0f, qnorm = 0.0f;
+    if (orve_quantize_float_vector_symmetric(query, ORVE512_DIM, qcode.get(), &qscale, &qnorm) !=
+        0) {
+        return -1;
+    }
+    orve::c_unique<ivf_scored_pair[]> level1 = orve::c_alloc_array<ivf_scored_pair>(b1);
+    if (!level1) return -1;
+    score_and_sort(qcode.get(), qscale, qnorm, index->l1_centroid_codes, index->l1_centroid_scales,
+                   index->l1_centroid_norms, b1, level1.get());
+    orve::c_unique<ivf_scored_pair[]> leaves = orve::c_alloc_array<ivf_scored_pair>(b2);
+    if (!leaves) return -1;
+
+    uint32_t count = 0;
+    for (uint32_t t1 = 0; t1 < p1; ++t1) {
+        const uint32_t i = level1[t1].index;
+        const orve_ivf_index& e = index->l2_indexes[i];
+        const uint32_t nb = e.n_buckets;
+        if (nb == 0) continue;  // a bucket without rows; no other bucket takes its place
+        // Choice: a leaf count above b2, or a leaf without centroid arrays, cannot come from a
+        // build and would overrun the b2-entry scratch; such a record is refused.
+        if (nb > b2 || e.centroid_codes == nullptr || e.centroid_scales == nullptr ||
+            e.centroid_norms == nullptr) {
+            return -1;
+        }
+        score_and_sort(qcode.get(), qscale, qnorm, e.centroid_codes, e.centroid_scales,
+                       e.centroid_norms, nb, leaves.get());
+        const uint32_t take = p2 < nb ? p2 : nb;
+        for (uint32_t t = 0; t < take; ++t) {
+            out_l1[count] = i;
+            out_l2[count] = leaves[t].index;
+            ++count;
+        }
+    }
+    *out_count = count;
+    return 0;
+}

@@ -1,0 +1,200 @@
+// The two-level H-IVF builds (from int8 codes and from float rows) and their teardown.
+#include <gtest/gtest.h>
+
+#include <cstring>
+#include <vector>
+
+#include "ivf_test_data.h"
+
+namespace {
+
+using ivf_test::dataset;
+using ivf_test::zero_hivf;
+
+using hivf_builder = int (*)(const dataset&, uint32_t, uint32_t, uint32_t, orve_hivf_index*);
+
+int build_i8(const dataset& d, uint32_t b1, uint32_t b2, uint32_t seed, orve_hivf_index* out) {
+    return orve_hivf_build_i8(d.codes.data(), d.scales.data(), d.norms.data(), d.n, b1, b2, seed,
+                              out);
+}
+int build_f32(const dataset& d, uint32_t b1, uint32_t b2, uint32_t seed, orve_hivf_index* out) {
+    return orve_hivf_build(d.rows.data(), d.n, b1, b2, seed, d.codes.data(), d.scales.data(),
+                           d.norms.data(), nullptr, out);
+}
+const hivf_builder kBuilders[] = {build_i8, build_f32};
+
+// Checks every structural promise of a built H-IVF against its input.
+void expect_invariants(const orve_hivf_index& h, const dataset& d, uint32_t b1, uint32_t b2) {
+    ASSERT_EQ(h.b1, b1);
+    ASSERT_EQ(h.b2, b2);
+    ASSERT_NE(h.l2_indexes, nullptr);
+    EXPECT_EQ(reinterpret_cast<uintptr_t>(h.l1_centroid_codes) % 16, 0u);
+    std::vector<int> seen(d.n, 0);
+    uint64_t total = 0;
+    for (uint32_t i = 0; i < b1; ++i) {
+        const orve_ivf_index& e = h.l2_indexes[i];
+        if (e.n_rows == 0) {
+            EXPECT_TRUE(ivf_test::all_zero(&e, sizeof e)) << "entry " << i;
+            continue;
+        }
+        total += e.n_rows;
+        EXPECT_EQ(e.n_buckets, e.n_rows < b2 ? e.n_rows : b2) << "entry " << i;
+        EXPECT_EQ(reinterpret_cast<uintptr_t>(e.codes) % 64, 0u);
+        uint32_t offset = 0;
+        for (uint32_t b = 0; b < e.n_buckets; ++b) {
+            ASSERT_EQ(e.bucket_offsets[b], offset);
+            for (uint32_t p = offset; p < offset + e.bucket_sizes[b]; ++p) {
+                const uint32_t r = e.row_ids[p];
+                ASSERT_LT(r, d.n);
+                if (p > offset) {
+                    EXPECT_LT(e.row_ids[p - 1], r) << "leaf " << i << "/" << b;
+                }
+                ++seen[r];
+                EXPECT_EQ(std::memcmp(e.codes + 512 * static_cast<size_t>(p), d.code(r), 512), 0);
+                EXPECT_EQ(e.row_scales[p], d.scales[r]);
+                EXPECT_EQ(e.row_norms[p], d.norms[r]);
+            }
+            offset += e.bucket_sizes[b];
+        }
+        EXPECT_EQ(offset, e.n_rows);
+    }
+    EXPECT_EQ(total, d.n);
+    for (uint32_t r = 0; r < d.n; ++r) EXPECT_EQ(seen[r], 1) << "row " << r;
+}
+
+TEST(HivfBuild, InvariantsHoldForBothBuilders) {
+    const dataset d = ivf_test::clustered_rows(700, 8, 0.6f, 61);
+    for (hivf_builder build : kBuilders) {
+        orve_hivf_index h = zero_hivf();
+        ASSERT_EQ(build(d, 6, 5, 11, &h), 0);
+        expect_invariants(h, d, 6, 5);
+        orve_hivf_index_destroy(&h);
+        EXPECT_TRUE(ivf_test::all_zero(&h, sizeof h));
+    }
+}
+
+TEST(HivfBuild, OneLevelOneBucketAndSmallBucketsGetFewerLeaves) {
+    const dataset d = ivf_test::random_rows(40, 62);
+    for (hivf_builder build : kBuilders) {
+        orve_hivf_index h = zero_hivf();
+        ASSERT_EQ(build(d, 1, 7, 3, &h), 0);
+        EXPECT_EQ(h.l2_indexes[0].n_rows, 40u);
+        EXPECT_EQ(h.l2_indexes[0].n_buckets, 7u);
+        expect_invariants(h, d, 1, 7);
+        orve_hivf_index_destroy(&h);
+    }
+    // Three rows along one direction and 97 along the opposite one: the small group becomes
+    // a level-1 bucket of its own, with one leaf per row instead of b2 = 8.
+    dataset two = ivf_test::random_rows(100, 63);
+    ivf_test::int_rng g(64);
+    for (uint32_t r = 0; r < two.n; ++r) {
+        const float sign = r < 3 ? 1.0f : -1.0f;
+        for (int l = 0; l < 512; ++l) two.rows[512 * r + l] = sign * (1.0f + 0.05f * g.bell());
+    }
+    two.quantise();
+    for (hivf_builder build : kBuilders) {
+        orve_hivf_index h = zero_hivf();
+        ASSERT_EQ(build(two, 2, 8, 5, &h), 0);
+        expect_invariants(h, two, 2, 8);
+        const orve_ivf_index& a = h.l2_indexes[0];
+        const orve_ivf_index& b = h.l2_indexes[1];
+        const orve_ivf_index& small = a.n_rows == 3 ? a : b;
+        const orve_ivf_index& large = a.n_rows == 3 ? b : a;
+        EXPECT_EQ(small.n_rows, 3u);
+        EXPECT_EQ(small.n_buckets, 3u);
+        EXPECT_EQ(large.n_buckets, 8u);
+        orve_hivf_index_destroy(&h);
+    }
+}
+
+TEST(HivfBuild, LevelOneBucketWithoutRowsLeavesAnAllZeroEntry) {
+    // Identical rows whose mean is exactly the row again: every row stays in bucket 0.
+    dataset d = ivf_test::random_rows(10, 65);
+    std::fill(d.rows.begin(), d.rows.end(), 0.0f);
+    for (uint32_t r = 0; r < d.n; ++r) {
+        for (int l : {1, 2, 3, 4}) d.rows[512 * r + l] = 0.5f;
+    }
+    d.quantise();
+    for (hivf_builder build : kBuilders) {
+        orve_hivf_index h = zero_hivf();
+        ASSERT_EQ(build(d, 3, 2, 1, &h), 0);
+        EXPECT_EQ(h.l2_indexes[0].n_rows, 10u);
+        EXPECT_TRUE(ivf_test::all_zero(&h.l2_indexes[1], sizeof(orve_ivf_index)));
+        EXPECT_TRUE(ivf_test::all_zero(&h.l2_indexes[2], sizeof(orve_ivf_index)));
+        expect_invariants(h, d, 3, 2);
+        orve_hivf_index_destroy(&h);
+    }
+}
+
+TEST(HivfBuild, ArgumentLimitsAndUntouchedOutputOnRejection) {
+    const dataset d = ivf_test::random_rows(4, 66);
+    for (hivf_builder build : kBuilders) {
+        orve_hivf_index h = zero_hivf();
+        ASSERT_EQ(build(d, 4, 4, 1, &h), 0);  // n = b1 = b2
+        expect_invariants(h, d, 4, 4);
+        orve_hivf_index_destroy(&h);
+
+        std::memset(&h, 0xCD, sizeof h);
+        const orve_hivf_index before = h;
+        EXPECT_EQ(build(d, 5, 1, 1, &h), -1);
+        EXPECT_EQ(build(d, 1, 5, 1, &h), -1);
+        EXPECT_EQ(build(d, 0, 1, 1, &h), -1);
+        EXPECT_EQ(build(d, 1, 0, 1, &h), -1);
+        EXPECT_EQ(build(d, 1, 1, 1, nullptr), -1);
+        EXPECT_EQ(std::memcmp(&h, &before, sizeof h), 0);
+    }
+    orve_hivf_index h;
+    std::memset(&h, 0xCD, sizeof h);
+    EXPECT_EQ(orve_hivf_build_i8(nullptr, d.scales.data(), d.norms.data(), 4, 1, 1, 1, &h), -1);
+    EXPECT_EQ(orve_hivf_build_i8(d.codes.data(), d.scales.data(), nullptr, 4, 1, 1, 1, &h), -1);
+    EXPECT_EQ(orve_hivf_build(nullptr, 4, 1, 1, 1, d.codes.data(), d.scales.data(), d.norms.data(),
+                              nullptr, &h),
+              -1);
+    EXPECT_EQ(h.b1, 0xCDCDCDCDu);
+}
+
+uint64_t level1_digest(const orve_hivf_index& h) {
+    uint64_t x = ivf_test::fnv1a(ivf_test::kFnvOffset, h.l1_centroid_codes, 512 * h.b1);
+    x = ivf_test::fnv1a(x, h.l1_centroid_scales, 4 * h.b1);
+    return ivf_test::fnv1a(x, h.l1_centroid_norms, 4 * h.b1);
+}
+uint64_t leaves_digest(const orve_hivf_index& h) {
+    uint64_t x = ivf_test::kFnvOffset;
+    for (uint32_t i = 0; i < h.b1; ++i) {
+        if (h.l2_indexes[i].n_rows > 0) x = ivf_test::digest_ivf(x, h.l2_indexes[i]);
+    }
+    return x;
+}
+
+TEST(HivfBuild, DeterministicAndSeedZeroSharesLevelOneWithSeedOneOnly) {
+    const dataset d = ivf_test::clustered_rows(400, 5, 0.7f, 67);
+    for (hivf_builder build : kBuilders) {
+        uint64_t l1[3], l2[3];
+        const uint32_t seeds[3] = {0, 1, 1};
+        for (int i = 0; i < 3; ++i) {
+            orve_hivf_index h = zero_hivf();
+            ASSERT_EQ(build(d, 4, 6, seeds[i], &h), 0);
+            l1[i] = level1_digest(h);
+            l2[i] = leaves_digest(h);
+            orve_hivf_index_destroy(&h);
+        }
+        EXPECT_EQ(l1[1], l1[2]);
+        EXPECT_EQ(l2[1], l2[2]);
+        EXPECT_EQ(l1[0], l1[1]);  // level 1 starts from 1 either way
+        EXPECT_NE(l2[0], l2[1]);  // leaves start from 1 + i and 2 + i
+    }
+}
+
+TEST(HivfIndexDestroy, NullZeroedAndTwiceAreHarmless) {
+    orve_hivf_index_destroy(nullptr);
+    orve_hivf_index h = zero_hivf();
+    orve_hivf_index_destroy(&h);
+    EXPECT_TRUE(ivf_test::all_zero(&h, sizeof h));
+    const dataset d = ivf_test::random_rows(20, 68);
+    ASSERT_EQ(build_i8(d, 2, 3, 1, &h), 0);
+    orve_hivf_index_destroy(&h);
+    orve_hivf_index_destroy(&h);
+    EXPECT_TRUE(ivf_test::all_zero(&h, sizeof h));
+}
+
+}  // namespace

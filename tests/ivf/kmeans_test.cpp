@@ -1,0 +1,270 @@
+// Centroid training: k-means++ seeding, the float and int8 k-means, and the two IVF builders.
+#include <gtest/gtest.h>
+
+#include <stdlib.h>
+
+#include <cmath>
+#include <cstring>
+#include <vector>
+
+#include "ivf/ivf_internal.h"
+#include "ivf_test_data.h"
+
+namespace {
+
+using ivf_test::dataset;
+using ivf_test::zero_ivf;
+
+uint64_t digest(const orve_ivf_index& x) {
+    return ivf_test::digest_ivf(ivf_test::kFnvOffset, x);
+}
+
+// Three rows at squared distances 0, 1 and 3 from row 0 (the design's weighted-pick example).
+struct three_rows {
+    std::vector<int8_t> codes = std::vector<int8_t>(512 * 3, 0);
+    std::vector<float> rows = std::vector<float>(512 * 3, 0.0f);
+    three_rows() {
+        for (int l : {512, 1024, 1025, 1026}) {  // row 1: one lane at 1; row 2: three lanes
+            codes[l] = 1;
+            rows[l] = 1.0f;
+        }
+    }
+};
+
+TEST(KmeansPlusPlus, WeightedPickFollowsTheRunningSum) {
+    three_rows t;
+    int to_row1 = 0, to_row2 = 0;
+    for (unsigned seed = 1; seed < 400; ++seed) {
+        unsigned int probe = seed;
+        if (rand_r(&probe) % 3 != 0) continue;  // first pick must be row 0: d = (0, 1, 3)
+        const double target = static_cast<double>(rand_r(&probe)) / 2147483647.0 * 4.0;
+        // Running sums 0, 1, 4: the first one >= target.
+        const uint32_t want = target <= 0.0 ? 0 : (target <= 1.0 ? 1 : 2);
+        uint32_t out_i8[2], out_f[2];
+        unsigned int si = seed, sf = seed;
+        ASSERT_EQ(pick_kmeans_pp_indices_i8(t.codes.data(), 3, 2, &si, out_i8), 0);
+        ASSERT_EQ(pick_kmeans_pp_indices(t.rows.data(), 3, 2, &sf, out_f), 0);
+        EXPECT_EQ(out_i8[0], 0u);
+        EXPECT_EQ(out_i8[1], want) << "seed " << seed;
+        EXPECT_EQ(out_f[1], want) << "seed " << seed;
+        EXPECT_EQ(si, probe);  // exactly two draws
+        (want == 1 ? to_row1 : to_row2) += 1;
+    }
+    EXPECT_GT(to_row1, 0);
+    EXPECT_GT(to_row2, 0);
+}
+
+TEST(KmeansPlusPlus, IdenticalRowsMakeEveryFurtherPickUniform) {
+    std::vector<int8_t> codes(512 * 7, 5);
+    std::vector<float> rows(512 * 7, 0.25f);
+    unsigned int ref = 77, si = 77, sf = 77;
+    std::vector<uint32_t> want(5), got_i8(5), got_f(5);
+    for (auto& w : want) w = static_cast<uint32_t>(rand_r(&ref) % 7);
+    ASSERT_EQ(pick_kmeans_pp_indices_i8(codes.data(), 7, 5, &si, got_i8.data()), 0);
+    ASSERT_EQ(pick_kmeans_pp_indices(rows.data(), 7, 5, &sf, got_f.data()), 0);
+    EXPECT_EQ(got_i8, want);
+    EXPECT_EQ(got_f, want);
+}
+
+TEST(KmeansPlusPlus, RejectsBadArguments) {
+    three_rows t;
+    uint32_t out[4];
+    unsigned int s = 1;
+    EXPECT_EQ(pick_kmeans_pp_indices(t.rows.data(), 3, 0, &s, out), -1);
+    EXPECT_EQ(pick_kmeans_pp_indices(t.rows.data(), 3, 4, &s, out), -1);
+    EXPECT_EQ(pick_kmeans_pp_indices(nullptr, 3, 1, &s, out), -1);
+    EXPECT_EQ(pick_kmeans_pp_indices(t.rows.data(), 3, 1, &s, nullptr), -1);
+    EXPECT_EQ(pick_kmeans_pp_indices_i8(t.codes.data(), 3, 0, &s, out), -1);
+    EXPECT_EQ(pick_kmeans_pp_indices_i8(t.codes.data(), 3, 4, &s, out), -1);
+    EXPECT_EQ(pick_kmeans_pp_indices_i8(nullptr, 3, 1, &s, out), -1);
+    EXPECT_EQ(pick_kmeans_pp_indices_i8(t.codes.data(), 3, 1, &s, nullptr), -1);
+    EXPECT_EQ(s, 1u);  // no draw on a rejected call
+}
+
+using builder = int (*)(const float*, uint32_t, uint32_t, uint32_t, const int8_t*, const float*,
+                        const float*, const uint8_t*, orve_ivf_index*);
+const builder kBuilders[] = {orve_ivf_build_kmeans_centroids, orve_ivf_build_random_centroids};
+
+TEST(IvfBuilders, BadArgumentsLeaveOutUntouched) {
+    const dataset d = ivf_test::random_rows(10, 51);
+    for (builder build : kBuilders) {
+        orve_ivf_index out;
+        std::memset(&out, 0xAB, sizeof out);
+        const orve_ivf_index before = out;
+        const float* r = d.rows.data();
+        const int8_t* c = d.codes.data();
+        const float* s = d.scales.data();
+        const float* m = d.norms.data();
+        EXPECT_EQ(build(nullptr, 10, 2, 1, c, s, m, nullptr, &out), -1);
+        EXPECT_EQ(build(r, 10, 2, 1, nullptr, s, m, nullptr, &out), -1);
+        EXPECT_EQ(build(r, 10, 2, 1, c, s, nullptr, nullptr, &out), -1);
+        EXPECT_EQ(build(r, 10, 2, 1, c, s, m, nullptr, nullptr), -1);
+        EXPECT_EQ(build(r, 0, 1, 1, c, s, m, nullptr, &out), -1);
+        EXPECT_EQ(build(r, 10, 0, 1, c, s, m, nullptr, &out), -1);
+        EXPECT_EQ(build(r, 10, 11, 1, c, s, m, nullptr, &out), -1);
+        EXPECT_EQ(std::memcmp(&out, &before, sizeof out), 0);
+    }
+}
+
+TEST(IvfBuilders, DeterministicSeedZeroActsAsOneAndFlagsAreIgnored) {
+    const dataset d = ivf_test::clustered_rows(500, 9, 0.6f, 52);
+    std::vector<uint8_t> flags(d.n, 0);
+    for (builder build : kBuilders) {
+        uint64_t h[4];
+        const uint32_t seeds[4] = {7, 7, 0, 1};
+        for (int i = 0; i < 4; ++i) {
+            orve_ivf_index idx = zero_ivf();
+            ASSERT_EQ(build(d.rows.data(), d.n, 12, seeds[i], d.codes.data(), d.scales.data(),
+                            d.norms.data(), i == 1 ? flags.data() : nullptr, &idx),
+                      0);
+            h[i] = digest(idx);
+            orve_ivf_index_destroy(&idx);
+        }
+        EXPECT_EQ(h[0], h[1]);
+        EXPECT_EQ(h[2], h[3]);
+        EXPECT_NE(h[0], h[2]);
+    }
+}
+
+TEST(IvfKmeans, OneBucketHoldsEveryRowAroundTheMeanDirection) {
+    const dataset d = ivf_test::clustered_rows(200, 1, 0.8f, 53);
+    orve_ivf_index idx = zero_ivf();
+    ASSERT_EQ(orve_ivf_build_kmeans_centroids(d.rows.data(), d.n, 1, 4, d.codes.data(),
+                                              d.scales.data(), d.norms.data(), nullptr, &idx),
+              0);
+    EXPECT_EQ(idx.bucket_sizes[0], d.n);
+    // Independent estimate of the direction: the double-precision mean of the unit rows.
+    std::vector<double> mean(512, 0.0);
+    for (uint32_t r = 0; r < d.n; ++r) {
+        double s = 0.0;
+        for (int l = 0; l < 512; ++l) s += double{d.row(r)[l]} * d.row(r)[l];
+        for (int l = 0; l < 512; ++l) mean[l] += d.row(r)[l] / std::sqrt(s);
+    }
+    double dot = 0.0, mm = 0.0, cc = 0.0;
+    for (int l = 0; l < 512; ++l) {
+        const double c = idx.centroid_codes[l];
+        dot += mean[l] * c;
+        mm += mean[l] * mean[l];
+        cc += c * c;
+    }
+    EXPECT_GT(dot / std::sqrt(mm * cc), 0.999);
+    EXPECT_NEAR(idx.centroid_norms[0], 1.0f, 1e-5f);
+    orve_ivf_index_destroy(&idx);
+}
+
+TEST(IvfKmeans, IdenticalRowsAllGoToBucketZeroAndAZeroRowTakesPart) {
+    // Four lanes of 0.5: unit length, and the mean of any number of copies is exactly the row
+    // again, so every centroid, updated or re-seeded, sits at distance 0 from every row.
+    dataset d = ivf_test::random_rows(30, 54);
+    std::fill(d.rows.begin(), d.rows.end(), 0.0f);
+    for (uint32_t r = 0; r < d.n; ++r) {
+        for (int l : {3, 70, 200, 511}) d.rows[512 * r + l] = 0.5f;
+    }
+    d.quantise();
+    orve_ivf_index idx = zero_ivf();
+    ASSERT_EQ(orve_ivf_build_kmeans_centroids(d.rows.data(), d.n, 5, 9, d.codes.data(),
+                                              d.scales.data(), d.norms.data(), nullptr, &idx),
+              0);
+    EXPECT_EQ(idx.bucket_sizes[0], d.n);
+    for (uint32_t b = 1; b < 5; ++b) EXPECT_EQ(idx.bucket_sizes[b], 0u);
+    orve_ivf_index_destroy(&idx);
+
+    dataset z = ivf_test::clustered_rows(40, 3, 0.3f, 55);
+    std::fill(&z.rows[512 * 17], &z.rows[512 * 18], 0.0f);
+    z.quantise();
+    ASSERT_EQ(orve_ivf_build_kmeans_centroids(z.rows.data(), z.n, 40, 9, z.codes.data(),
+                                              z.scales.data(), z.norms.data(), nullptr, &idx),
+              0);  // n_buckets = n is accepted
+    uint32_t total = 0;
+    for (uint32_t b = 0; b < 40; ++b) total += idx.bucket_sizes[b];
+    EXPECT_EQ(total, 40u);
+    orve_ivf_index_destroy(&idx);
+}
+
+TEST(IvfRandomCentroids, EveryRowIsItsOwnCentroidWhenBucketsEqualRows) {
+    const dataset d = ivf_test::random_rows(25, 56);
+    orve_ivf_index idx = zero_ivf();
+    ASSERT_EQ(orve_ivf_build_random_centroids(d.rows.data(), d.n, d.n, 3, d.codes.data(),
+                                              d.scales.data(), d.norms.data(), nullptr, &idx),
+              0);
+    for (uint32_t b = 0; b < d.n; ++b) {
+        ASSERT_EQ(idx.bucket_sizes[b], 1u) << b;  // no row drawn twice
+        const uint32_t p = idx.bucket_offsets[b];
+        // The centroid is the row itself, unnormalised, so it quantises to the row's codes.
+        EXPECT_EQ(std::memcmp(idx.centroid_codes + 512 * b, idx.codes + 512 * p, 512), 0);
+        EXPECT_EQ(idx.centroid_norms[b], d.norms[idx.row_ids[p]]);
+    }
+    orve_ivf_index_destroy(&idx);
+
+    // Two identical rows: both go to whichever of their centroids has the lower index.
+    dataset dup = d;
+    std::memcpy(&dup.rows[512 * 4], dup.row(9), 2048);
+    dup.quantise();
+    ASSERT_EQ(orve_ivf_build_random_centroids(dup.rows.data(), dup.n, dup.n, 3, dup.codes.data(),
+                                              dup.scales.data(), dup.norms.data(), nullptr, &idx),
+              0);
+    uint32_t twice = 0, empty = 0;
+    for (uint32_t b = 0; b < dup.n; ++b) {
+        if (idx.bucket_sizes[b] == 2) {
+            ++twice;
+            EXPECT_EQ(idx.row_ids[idx.bucket_offsets[b]], 4u);
+            EXPECT_EQ(idx.row_ids[idx.bucket_offsets[b] + 1], 9u);
+        }
+        if (idx.bucket_sizes[b] == 0) {
+            ++empty;
+            for (uint32_t c = 0; c < dup.n; ++c) {
+                if (idx.bucket_sizes[c] == 2) {
+                    EXPECT_LT(c, b);
+                }
+            }
+        }
+    }
+    EXPECT_EQ(twice, 1u);
+    EXPECT_EQ(empty, 1u);
+    orve_ivf_index_destroy(&idx);
+}
+
+TEST(Int8Kmeans, IdenticalCodesAllGoToCentroidZeroAndTrainingIsDeterministic) {
+    std::vector<int8_t> codes(512 * 12, 9);
+    std::vector<float> scales(12, 2.0f);
+    std::vector<float> cent(512 * 4);
+    std::vector<int8_t> ccodes(512 * 4);
+    std::vector<uint32_t> assignment(12, 99);
+    ASSERT_EQ(orve::kmeans_i8_train(codes.data(), scales.data(), 12, 4, 0, cent.data(),
+                                    ccodes.data(), assignment.data()),
+              0);
+    EXPECT_EQ(assignment, std::vector<uint32_t>(12, 0));
+    // Every centroid is a re-seeded, normalised dequantised code: all lanes 1 / sqrt(512).
+    EXPECT_NEAR(cent[512 * 3 + 100], 1.0f / std::sqrt(512.0f), 1e-6f);
+    EXPECT_EQ(ccodes[512 * 2 + 7], 127);
+
+    const dataset d = ivf_test::clustered_rows(300, 6, 0.7f, 57);
+    std::vector<float> c1(512 * 10), c2(512 * 10);
+    std::vector<int8_t> q1(512 * 10), q2(512 * 10);
+    std::vector<uint32_t> a1(d.n), a2(d.n);
+    ASSERT_EQ(orve::kmeans_i8_train(d.codes.data(), d.scales.data(), d.n, 10, 5, c1.data(),
+                                    q1.data(), a1.data()),
+              0);
+    ASSERT_EQ(orve::kmeans_i8_train(d.codes.data(), d.scales.data(), d.n, 10, 5, c2.data(),
+                                    q2.data(), a2.data()),
+              0);
+    EXPECT_EQ(a1, a2);
+    EXPECT_EQ(c1, c2);
+    EXPECT_EQ(q1, q2);
+    // The final assignment is the largest raw dot product against the final centroid codes.
+    for (uint32_t i = 0; i < d.n; ++i) {
+        int64_t best = INT64_MIN;
+        uint32_t want = 0;
+        for (uint32_t c = 0; c < 10; ++c) {
+            int64_t dot = 0;
+            for (int l = 0; l < 512; ++l) dot += int64_t{d.code(i)[l]} * q1[512 * c + l];
+            if (dot > best) {
+                best = dot;
+                want = c;
+            }
+        }
+        ASSERT_EQ(a1[i], want) << i;
+    }
+}
+
+}  // namespace

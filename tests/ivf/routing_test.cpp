@@ -1,0 +1,183 @@
+// Bucket routing, leaf routing and the scored-pair order they share.
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <cstdlib>
+#include <utility>
+#include <vector>
+
+#include "ivf/ivf_internal.h"
+#include "ivf_test_data.h"
+
+namespace {
+
+// Centroids given by their cosine with the query e0: t e0 + sqrt(1 - t^2) e1, quantised.
+struct centroid_set {
+    std::vector<int8_t> codes;
+    std::vector<float> scales, norms;
+    explicit centroid_set(std::initializer_list<float> cosines) {
+        for (float t : cosines) {
+            std::vector<float> v(512, 0.0f);
+            v[0] = t;
+            v[1] = std::sqrt(1.0f - t * t);
+            codes.resize(codes.size() + 512);
+            scales.push_back(0.0f);
+            norms.push_back(0.0f);
+            orve_quantize_float_vector_symmetric(v.data(), 512, codes.data() + codes.size() - 512,
+                                                 &scales.back(), &norms.back());
+        }
+    }
+    uint32_t size() const { return static_cast<uint32_t>(scales.size()); }
+    void point(orve_ivf_index* x) {
+        x->n_buckets = size();
+        x->centroid_codes = codes.data();
+        x->centroid_scales = scales.data();
+        x->centroid_norms = norms.data();
+    }
+};
+
+std::vector<float> e0_query() {
+    std::vector<float> q(512, 0.0f);
+    q[0] = 1.0f;
+    return q;
+}
+
+std::vector<uint32_t> route(const orve_ivf_index& idx, const std::vector<float>& q,
+                            uint32_t n_probe) {
+    std::vector<uint32_t> out(idx.n_buckets, 0xDEADu);
+    EXPECT_EQ(orve_ivf_route_top_buckets(&idx, q.data(), n_probe, out.data()), 0);
+    out.resize(n_probe < idx.n_buckets ? n_probe : idx.n_buckets);
+    return out;
+}
+
+TEST(ScoredPairOrder, ScoreDescendingThenLowerIndexAlsoForNaN) {
+    ivf_scored_pair p[] = {{0.5f, 4}, {0.9f, 7}, {0.5f, 2}, {-1.0f, 0}, {0.9f, 3}};
+    std::qsort(p, 5, sizeof p[0], cmp_scored_desc);
+    const uint32_t want[] = {3, 7, 2, 4, 0};
+    for (int i = 0; i < 5; ++i) EXPECT_EQ(p[i].index, want[i]) << i;
+
+    const ivf_scored_pair a{0.1f, 1}, b{0.1f, 1}, c{NAN, 5}, d{0.7f, 2}, e{-0.3f, 9};
+    EXPECT_EQ(cmp_scored_desc(&a, &b), 0);
+    EXPECT_EQ(cmp_scored_desc(&d, &a), -1);  // higher score first
+    EXPECT_EQ(cmp_scored_desc(&a, &d), 1);
+    // NaN on either side: the index decides.
+    EXPECT_EQ(cmp_scored_desc(&c, &d), 1);
+    EXPECT_EQ(cmp_scored_desc(&d, &c), -1);
+    EXPECT_EQ(cmp_scored_desc(&c, &e), -1);
+    EXPECT_EQ(cmp_scored_desc(&c, &c), 0);
+    const ivf_scored_pair hi{0.1f, 0xFFFFFFFFu}, lo{0.1f, 1};
+    EXPECT_EQ(cmp_scored_desc(&lo, &hi), -1);  // unsigned indexes
+}
+
+TEST(BucketRouting, DesignExampleTiesAndProbeClamping) {
+    centroid_set cs{0.5f, 0.9f, 0.5f, -0.1f};
+    orve_ivf_index idx = ivf_test::zero_ivf();
+    cs.point(&idx);
+    const auto q = e0_query();
+    EXPECT_EQ(route(idx, q, 3), (std::vector<uint32_t>{1, 0, 2}));
+    EXPECT_EQ(route(idx, q, 100), (std::vector<uint32_t>{1, 0, 2, 3}));
+    EXPECT_EQ(route(idx, q, 1), (std::vector<uint32_t>{1}));
+    // A query below the quantiser's zero threshold scores 0 everywhere: ascending order.
+    const std::vector<float> tiny(512, 1e-13f);
+    EXPECT_EQ(route(idx, tiny, 4), (std::vector<uint32_t>{0, 1, 2, 3}));
+    // A centroid stored with scale 0 scores 0: after positive scores, before negative ones.
+    cs.scales[1] = 0.0f;
+    EXPECT_EQ(route(idx, q, 4), (std::vector<uint32_t>{0, 2, 1, 3}));
+}
+
+TEST(BucketRouting, RejectsBadArgumentsWithoutWriting) {
+    centroid_set cs{0.5f, 0.9f};
+    orve_ivf_index idx = ivf_test::zero_ivf();
+    cs.point(&idx);
+    const auto q = e0_query();
+    uint32_t out[2] = {77, 77};
+    EXPECT_EQ(orve_ivf_route_top_buckets(nullptr, q.data(), 1, out), -1);
+    EXPECT_EQ(orve_ivf_route_top_buckets(&idx, nullptr, 1, out), -1);
+    EXPECT_EQ(orve_ivf_route_top_buckets(&idx, q.data(), 1, nullptr), -1);
+    EXPECT_EQ(orve_ivf_route_top_buckets(&idx, q.data(), 0, out), -1);
+    orve_ivf_index empty = ivf_test::zero_ivf();
+    EXPECT_EQ(orve_ivf_route_top_buckets(&empty, q.data(), 1, out), -1);
+    orve_ivf_index broken = idx;
+    broken.centroid_norms = nullptr;
+    EXPECT_EQ(orve_ivf_route_top_buckets(&broken, q.data(), 1, out), -1);
+    EXPECT_EQ(out[0], 77u);
+    EXPECT_EQ(out[1], 77u);
+}
+
+// An H-IVF whose level-1 and leaf centroids are given by their cosines with e0; an empty
+// list makes an all-zero leaf entry.
+struct hand_hivf {
+    centroid_set level1;
+    std::vector<centroid_set> leaves;
+    std::vector<orve_ivf_index> entries;
+    orve_hivf_index h = ivf_test::zero_hivf();
+
+    hand_hivf(std::initializer_list<float> l1, std::vector<centroid_set> l2, uint32_t b2)
+        : level1(l1), leaves(std::move(l2)), entries(leaves.size(), ivf_test::zero_ivf()) {
+        for (size_t i = 0; i < leaves.size(); ++i) {
+            if (leaves[i].size() > 0) leaves[i].point(&entries[i]);
+        }
+        h.b1 = level1.size();
+        h.b2 = b2;
+        h.l1_centroid_codes = level1.codes.data();
+        h.l1_centroid_scales = level1.scales.data();
+        h.l1_centroid_norms = level1.norms.data();
+        h.l2_indexes = entries.data();
+    }
+};
+
+using leaf_list = std::vector<std::pair<uint32_t, uint32_t>>;
+
+leaf_list leaves_of(const orve_hivf_index& h, const std::vector<float>& q, uint32_t p1,
+                    uint32_t p2) {
+    std::vector<uint32_t> l1(64, 0xDEAD), l2(64, 0xDEAD);
+    uint32_t count = 0xDEAD;
+    EXPECT_EQ(orve_hivf_route_top_leaves(&h, q.data(), p1, p2, l1.data(), l2.data(), &count), 0);
+    leaf_list out;
+    for (uint32_t t = 0; t < count && t < 64; ++t) out.emplace_back(l1[t], l2[t]);
+    return out;
+}
+
+TEST(LeafRouting, DesignExampleGroupsLeavesUnderTheirLevelOneBucket) {
+    hand_hivf x({0.2f, 0.8f, 0.5f},
+                {centroid_set{0.3f, 0.95f}, centroid_set{0.1f, 0.7f}, centroid_set{0.4f}}, 2);
+    const auto q = e0_query();
+    EXPECT_EQ(leaves_of(x.h, q, 2, 2), (leaf_list{{1, 1}, {1, 0}, {2, 0}}));
+    EXPECT_EQ(leaves_of(x.h, q, 0, 2), leaf_list{});
+    EXPECT_EQ(leaves_of(x.h, q, 2, 0), leaf_list{});
+    // Probes at or above b1 and b2: every leaf exactly once.
+    EXPECT_EQ(leaves_of(x.h, q, 9, 9), (leaf_list{{1, 1}, {1, 0}, {2, 0}, {0, 1}, {0, 0}}));
+    // A zero query ties everything at 0: ascending at both levels.
+    const std::vector<float> tiny(512, 1e-13f);
+    EXPECT_EQ(leaves_of(x.h, tiny, 3, 2), (leaf_list{{0, 0}, {0, 1}, {1, 0}, {1, 1}, {2, 0}}));
+}
+
+TEST(LeafRouting, EmptyLevelOneBucketContributesNothingAndIsNotReplaced) {
+    hand_hivf x({0.2f, 0.8f, 0.5f}, {centroid_set{0.3f, 0.95f}, centroid_set{}, centroid_set{0.4f}},
+                2);
+    EXPECT_EQ(leaves_of(x.h, e0_query(), 2, 2), (leaf_list{{2, 0}}));
+}
+
+TEST(LeafRouting, RejectsBadArgumentsAndMalformedRecords) {
+    hand_hivf x({0.2f, 0.8f}, {centroid_set{0.3f}, centroid_set{0.1f, 0.7f}}, 2);
+    const auto q = e0_query();
+    uint32_t l1[8], l2[8], count = 77;
+    EXPECT_EQ(orve_hivf_route_top_leaves(nullptr, q.data(), 1, 1, l1, l2, &count), -1);
+    EXPECT_EQ(orve_hivf_route_top_leaves(&x.h, nullptr, 1, 1, l1, l2, &count), -1);
+    EXPECT_EQ(orve_hivf_route_top_leaves(&x.h, q.data(), 1, 1, nullptr, l2, &count), -1);
+    EXPECT_EQ(orve_hivf_route_top_leaves(&x.h, q.data(), 1, 1, l1, nullptr, &count), -1);
+    EXPECT_EQ(orve_hivf_route_top_leaves(&x.h, q.data(), 1, 1, l1, l2, nullptr), -1);
+    orve_hivf_index bad = x.h;
+    bad.b2 = 0;
+    EXPECT_EQ(orve_hivf_route_top_leaves(&bad, q.data(), 1, 1, l1, l2, &count), -1);
+    bad = x.h;
+    bad.b1 = 0;
+    EXPECT_EQ(orve_hivf_route_top_leaves(&bad, q.data(), 1, 1, l1, l2, &count), -1);
+    // A leaf count above b2 cannot come from a build and would overrun the leaf scratch.
+    bad = x.h;
+    bad.b2 = 1;
+    EXPECT_EQ(orve_hivf_route_top_leaves(&bad, q.data(), 2, 1, l1, l2, &count), -1);
+    EXPECT_EQ(count, 77u);
+}
+
+}  // namespace

@@ -1,0 +1,234 @@
+// The int8 screen of the float k-means must never change a decision: its kernels are exact, its
+// intervals hold, and screened assignments, seedings and whole trainings equal the full scans.
+#include <gtest/gtest.h>
+
+#include <cfloat>
+#include <cmath>
+#include <cstring>
+#include <vector>
+
+#include "ivf/ivf_internal.h"
+#include "ivf/l2sq_screen.h"
+#include "ivf_test_data.h"
+
+namespace {
+
+using ivf_test::dataset;
+
+std::vector<orve::screen_kernel> screen_kernels() {
+    size_t n = 0;
+    const orve::screen_kernel* k = orve::screen_kernels_available(&n);
+    return {k, k + n};
+}
+
+uint32_t full_scan(const float* x, const float* centroids, uint32_t k) {
+    float best = FLT_MAX;
+    uint32_t choice = 0;
+    for (uint32_t c = 0; c < k; ++c) {
+        const float d = l2sq_512(x, centroids + 512 * c);
+        if (d < best) {
+            best = d;
+            choice = c;
+        }
+    }
+    return choice;
+}
+
+std::vector<uint32_t> full_assignment(const dataset& d, const std::vector<float>& centroids) {
+    const uint32_t k = static_cast<uint32_t>(centroids.size() / 512);
+    std::vector<uint32_t> a(d.n);
+    for (uint32_t i = 0; i < d.n; ++i) a[i] = full_scan(d.row(i), centroids.data(), k);
+    return a;
+}
+
+// Centroids taken from rows (normalised or not), as the training starts.
+std::vector<float> centroids_from(const dataset& d, uint32_t k, uint32_t stride) {
+    std::vector<float> c(512 * k);
+    for (uint32_t j = 0; j < k; ++j) std::memcpy(&c[512 * j], d.row((j * stride) % d.n), 2048);
+    return c;
+}
+
+TEST(ScreenKernels, DotProductsAreExactForEveryKernel) {
+    constexpr uint32_t k = 22, k4 = 24;
+    ivf_test::int_rng g(41);
+    orve::row_sketches block;
+    ASSERT_TRUE(block.allocate(k));  // codes padded to 32 zero rows
+    std::vector<int8_t> rows(512 * 4);
+    for (auto& v : rows) v = static_cast<int8_t>(g.next());
+    for (uint32_t c = 0; c < k; ++c) {
+        int32_t sum = 0;
+        for (int l = 0; l < 512; ++l) {
+            const int8_t v = static_cast<int8_t>(g.next());
+            block.codes[512 * c + l] = v;
+            sum += v;
+        }
+        block.code_sums[c] = sum;
+    }
+    // Extremes in one row and one centroid.
+    std::memset(rows.data(), 0x80, 512);
+    std::memset(block.codes.get() + 512 * 5, 0x80, 512);
+    block.code_sums[5] = -128 * 512;
+    const int8_t* four[4] = {rows.data(), rows.data() + 512, rows.data() + 1024,
+                             rows.data() + 1536};
+    for (const auto& kernel : screen_kernels()) {
+        std::vector<int32_t> out(4 * 32, 0x5a5a5a5a);
+        kernel.dots4(four, block.codes.get(), block.code_sums.get(), k4, out.data(), 32);
+        for (uint32_t r = 0; r < 4; ++r) {
+            for (uint32_t c = 0; c < k4; ++c) {
+                int64_t want = 0;
+                for (int l = 0; l < 512; ++l)
+                    want += int64_t{four[r][l]} * block.codes[512 * c + l];
+                ASSERT_EQ(out[32 * r + c], want) << kernel.name << " r" << r << " c" << c;
+            }
+            EXPECT_EQ(out[32 * r + k4], 0x5a5a5a5a) << "wrote past k4";
+        }
+    }
+}
+
+TEST(ScreenKernels, CandidatesMatchThePlainComparison) {
+    ivf_test::int_rng g(42);
+    std::vector<float> lo(77);
+    for (auto& v : lo) v = static_cast<float>(g.next() % 9);
+    lo[3] = NAN;
+    for (const auto& kernel : screen_kernels()) {
+        std::vector<uint32_t> want, got(lo.size());
+        for (uint32_t c = 0; c < lo.size(); ++c) {
+            if (lo[c] <= 4.0f) want.push_back(c);
+        }
+        got.resize(
+            kernel.candidates(lo.data(), static_cast<uint32_t>(lo.size()), 4.0f, got.data()));
+        EXPECT_EQ(got, want) << kernel.name;
+    }
+}
+
+TEST(ScreenBounds, IntervalsContainTheFloatDistance) {
+    // Unit rows, raw rows of magnitudes 2^-25 .. 2^4, a zero row and a row below the
+    // quantiser's zero threshold.
+    dataset d = ivf_test::random_rows(32, 43);
+    for (uint32_t r = 0; r < 20; ++r) l2_normalize_inplace(&d.rows[512 * r]);
+    for (uint32_t r = 20; r < 30; ++r) {
+        for (int l = 0; l < 512; ++l)
+            d.rows[512 * r + l] *= std::ldexp(1.0f, static_cast<int>(r) - 25);
+    }
+    std::fill(&d.rows[512 * 30], &d.rows[512 * 31], 0.0f);
+    std::fill(&d.rows[512 * 31], &d.rows[512 * 32], 1e-13f);
+    orve::row_sketches all, one;
+    ASSERT_TRUE(all.allocate(d.n));
+    ASSERT_TRUE(one.allocate(1));
+    all.fill(d.rows.data());
+    ASSERT_TRUE(all.all_usable);
+    for (const auto& kernel : screen_kernels()) {
+        for (uint32_t c = 0; c < d.n; ++c) {
+            one.fill(d.row(c));  // a block of one row: its smallest upper bound is its own
+            for (uint32_t i = 0; i < d.n; ++i) {
+                int32_t dots[16] = {};
+                for (int l = 0; l < 512; ++l) dots[0] += all.code(i)[l] * one.code(0)[l];
+                float lo[16];
+                const float hi = kernel.bounds(all.point(i), one.columns(), dots, lo);
+                const float f = l2sq_512(d.row(i), d.row(c));
+                ASSERT_LE(lo[0], f) << kernel.name << " " << i << "," << c;
+                ASSERT_GE(hi, f) << kernel.name << " " << i << "," << c;
+            }
+        }
+    }
+}
+
+// Rows the screen must handle: clusters, exact duplicates (ties), a zero row, and rows it may
+// not screen (NaN, too large), which fall back to full scans.
+dataset awkward_dataset() {
+    dataset d = ivf_test::clustered_rows(400, 12, 0.4f, 44);
+    for (uint32_t r = 0; r < d.n; ++r) l2_normalize_inplace(&d.rows[512 * r]);
+    std::memcpy(&d.rows[512 * 10], d.row(11), 2048);
+    std::memcpy(&d.rows[512 * 12], d.row(11), 2048);
+    std::fill(&d.rows[512 * 20], &d.rows[512 * 21], 0.0f);
+    d.rows[512 * 30 + 7] = NAN;
+    for (int l = 0; l < 512; ++l) d.rows[512 * 31 + l] *= 1e12f;
+    return d;
+}
+
+TEST(ScreenedAssignment, EqualsTheFullScanIncludingTiesAndUnscreenableRows) {
+    dataset d = awkward_dataset();
+    // Centroids: rows 11 (duplicated as centroids 0 and 3 to force exact ties) and others.
+    std::vector<float> centroids = centroids_from(d, 40, 9);
+    std::memcpy(&centroids[512 * 0], d.row(11), 2048);
+    std::memcpy(&centroids[512 * 3], d.row(11), 2048);
+    const uint32_t k = 40;
+    orve::l2sq_screen s;
+    ASSERT_TRUE(s.init(d.rows.data(), d.n, k));
+    s.set_centroids(centroids.data());
+    std::vector<uint32_t> got(d.n);
+    orve::assign_nearest_l2sq(d.rows.data(), d.n, centroids.data(), k, &s, got.data());
+    EXPECT_EQ(got, full_assignment(d, centroids));
+    EXPECT_EQ(got[10], 0u);  // tie between centroids 0 and 3 goes to the lower index
+    EXPECT_EQ(got[11], 0u);
+    EXPECT_GT(s.rows_screened, 0u);
+    EXPECT_EQ(s.rows_scanned, 2u);  // the NaN row and the huge row
+
+    // A NaN centroid turns the screen off for the whole pass; the result is still the same.
+    centroids[512 * 7 + 3] = NAN;
+    s.set_centroids(centroids.data());
+    orve::assign_nearest_l2sq(d.rows.data(), d.n, centroids.data(), k, &s, got.data());
+    EXPECT_EQ(got, full_assignment(d, centroids));
+}
+
+TEST(ScreenedAssignment, BoundsCarriedAcrossMovingCentroidsStayExact) {
+    dataset d = ivf_test::clustered_rows(600, 10, 0.3f, 45);
+    for (uint32_t r = 0; r < d.n; ++r) l2_normalize_inplace(&d.rows[512 * r]);
+    const uint32_t k = 30;
+    std::vector<float> centroids = centroids_from(d, k, 17);
+    orve::l2sq_screen s;
+    ASSERT_TRUE(s.init(d.rows.data(), d.n, k));
+    std::vector<uint32_t> got(d.n);
+    ivf_test::int_rng g(46);
+    for (int round = 0; round < 6; ++round) {
+        s.set_centroids(centroids.data());
+        orve::assign_nearest_l2sq(d.rows.data(), d.n, centroids.data(), k, &s, got.data());
+        ASSERT_EQ(got, full_assignment(d, centroids)) << "round " << round;
+        // Move every centroid a little and one of them far (as a re-seeded empty cluster).
+        for (auto& v : centroids) v += 0.002f * g.bell();
+        std::memcpy(&centroids[512 * (round % k)], d.row(g.next() % d.n), 2048);
+    }
+    EXPECT_GT(s.rows_by_drift, 0u);
+    EXPECT_GT(s.rows_screened, 0u);
+}
+
+TEST(ScreenedSeeding, PicksEqualTheFullScans) {
+    for (uint64_t seed : {47u, 48u}) {
+        dataset d = seed == 47 ? awkward_dataset() : ivf_test::random_rows(300, seed);
+        for (uint32_t r = 0; r < d.n; ++r) {
+            if (seed == 48) l2_normalize_inplace(&d.rows[512 * r]);
+        }
+        orve::l2sq_screen s;
+        ASSERT_TRUE(s.init(d.rows.data(), d.n, 50));
+        std::vector<uint32_t> a(50), b(50);
+        unsigned int sa = 99, sb = 99;
+        ASSERT_EQ(orve::pick_kmeans_pp_indices_screened(d.rows.data(), d.n, 50, &sa, a.data(), &s),
+                  0);
+        ASSERT_EQ(pick_kmeans_pp_indices(d.rows.data(), d.n, 50, &sb, b.data()), 0);
+        EXPECT_EQ(a, b);
+        EXPECT_EQ(sa, sb);
+    }
+}
+
+TEST(ScreenedTraining, WholeTrainingEqualsTheFullScanTraining) {
+    struct Case {
+        dataset d;
+        uint32_t k;
+    };
+    Case cases[] = {{ivf_test::clustered_rows(500, 15, 0.5f, 49), 20},
+                    {ivf_test::random_rows(250, 50), 12}};
+    for (auto& c : cases) {
+        std::vector<float> ca(512 * c.k), cb(512 * c.k);
+        std::vector<uint32_t> aa(c.d.n), ab(c.d.n);
+        ASSERT_EQ(
+            orve::kmeans_f32_train_with(c.d.rows.data(), c.d.n, c.k, 3, ca.data(), aa.data(), true),
+            0);
+        ASSERT_EQ(orve::kmeans_f32_train_with(c.d.rows.data(), c.d.n, c.k, 3, cb.data(), ab.data(),
+                                              false),
+                  0);
+        EXPECT_EQ(aa, ab);
+        EXPECT_EQ(std::memcmp(ca.data(), cb.data(), ca.size() * 4), 0);
+    }
+}
+
+}  // namespace
