@@ -2,6 +2,7 @@
 // hold row addresses), freed at teardown or dropped for good once other indexes serve queries.
 #include <cstdlib>
 
+#include "core/dequant_cache.h"
 #include "core/system.h"
 #include "quant/dot512_kernels.h"
 #include "util/c_alloc.h"
@@ -9,12 +10,11 @@
 namespace {
 
 void free_flat_arrays(semantic_vector_indexing_system* sys) {
-    std::free(sys->dequant_cache);
+    orve::dequant_cache_free(sys);
     std::free(sys->slab_i8);
     std::free(sys->row_scale);
     std::free(sys->row_norm);
     std::free(sys->row_valid);
-    sys->dequant_cache = nullptr;
     sys->slab_i8 = nullptr;
     sys->row_scale = nullptr;
     sys->row_norm = nullptr;
@@ -23,23 +23,13 @@ void free_flat_arrays(semantic_vector_indexing_system* sys) {
 
 }  // namespace
 
-namespace orve {
-
-void retire_published_indexes(semantic_vector_indexing_system* sys) {
-    // Index publication arrives with the IVF builds; until then the holders are always null and
-    // there is no reference to drop.
-    sys->live_ivf.exchange(nullptr, std::memory_order_acq_rel);
-    sys->live_hivf.exchange(nullptr, std::memory_order_acq_rel);
-}
-
-}  // namespace orve
-
 extern "C" ORVE_API int orve_flat_index_ensure(semantic_vector_indexing_system* sys) {
     if (sys == nullptr) return -1;
     if (sys->slab_i8 != nullptr) return 0;
     // The code block is not zero-filled: its pages are touched only as rows arrive, so a large
     // capacity costs address space, not memory. Scans read only rows marked valid.
-    auto slab = orve::c_aligned_array<int8_t>(static_cast<std::size_t>(sys->capacity) * orve::kRowBytes, 64);
+    auto slab = orve::c_aligned_array<int8_t>(
+        static_cast<std::size_t>(sys->capacity) * orve::kRowBytes, 64);
     if (!slab) return -1;
     sys->slab_i8 = slab.release();
     sys->row_scale = static_cast<float*>(std::calloc(sys->capacity, sizeof(float)));

@@ -10,7 +10,9 @@
 
 namespace {
 
-void clear_node(indexed_node* n) { std::memset(n, 0, sizeof *n); }
+void clear_node(indexed_node* n) {
+    std::memset(n, 0, sizeof *n);
+}
 
 void fill_embedding_node(indexed_node* n, uint32_t node_id, int64_t timestamp) {
     clear_node(n);
@@ -48,7 +50,7 @@ int write_row(semantic_vector_indexing_system* sys, uint32_t r, uint32_t node_id
 }
 
 void commit_row(semantic_vector_indexing_system* sys, uint32_t node_id, const float* vec) {
-    sys->node_count += 1;
+    orve::store_node_count(sys, sys->node_count + 1);
     sys->ingest_generation.fetch_add(1, std::memory_order_relaxed);
     // Under the lock, so rows reach the file in row order. A failed append does not undo the
     // row: it is in memory, only missing from the file.
@@ -60,7 +62,7 @@ void commit_row(semantic_vector_indexing_system* sys, uint32_t node_id, const fl
 extern "C" ORVE_API int semantic_vector_indexing_system_add_embedding_orve512(
     semantic_vector_indexing_system* sys, uint32_t node_id, const float* vec) {
     if (sys == nullptr || vec == nullptr || !sys->initialized || node_id == 0 ||
-        sys->node_count >= sys->capacity) {
+        orve::load_node_count(sys) >= sys->capacity) {
         return -1;
     }
     orve::object_lock guard(sys);
@@ -81,7 +83,7 @@ extern "C" ORVE_API int semantic_vector_indexing_system_add_embedding_orve512(
 extern "C" ORVE_API int semantic_vector_indexing_system_load_vectors_f32(
     semantic_vector_indexing_system* sys, const float* vecs, uint32_t n) {
     if (sys == nullptr || vecs == nullptr || n == 0 || sys->initialized != 1) return -1;
-    if (static_cast<uint64_t>(sys->node_count) + n > sys->capacity) return -1;
+    if (static_cast<uint64_t>(orve::load_node_count(sys)) + n > sys->capacity) return -1;
     orve::object_lock guard(sys);
     if (static_cast<uint64_t>(sys->node_count) + n > sys->capacity) return -1;
     if (sys->slabs_dropped || orve_flat_index_ensure(sys) != 0) return -1;
@@ -101,7 +103,7 @@ extern "C" ORVE_API int semantic_vector_indexing_system_load_vectors_f32(
 extern "C" ORVE_API int semantic_vector_indexing_system_add_node(
     semantic_vector_indexing_system* sys, const void* host_node) {
     if (sys == nullptr || host_node == nullptr || !sys->initialized ||
-        sys->node_count >= sys->capacity) {
+        orve::load_node_count(sys) >= sys->capacity) {
         return -1;
     }
     // The host record is read at fixed byte positions (see orve_host_node); memcpy because
@@ -121,7 +123,7 @@ extern "C" ORVE_API int semantic_vector_indexing_system_add_node(
     n->timestamp = timestamp;
     n->weight = static_cast<float>(weight);
     n->flags = 0;
-    sys->node_count = r + 1;
+    orve::store_node_count(sys, r + 1);
     sys->last_update_time = timestamp;
     return 0;
 }

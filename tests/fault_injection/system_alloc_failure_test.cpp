@@ -151,3 +151,68 @@ TEST(AllocFailure, SidecarAttachReplaysOrFailsWithoutAttaching) {
 }
 
 }  // namespace
+
+namespace {
+
+// The builds and the index searches under failing allocations: a failed build publishes
+// nothing and leaves the previous index serving; a failed index search falls back to brute
+// force, so the front end still answers.
+TEST(AllocFailure, IndexBuildsAndIndexSearches) {
+    orve_test::system_block b;
+    auto* sys = b.get();
+    ASSERT_EQ(orve_test::create_with_capacity(sys, "2000"), 0);
+    const auto vecs = orve_test::gaussian_vectors(1000, 54);
+    ASSERT_EQ(semantic_vector_indexing_system_load_vectors_f32(sys, vecs.data(), 1000), 1000);
+    for (int which = 0; which < 2; ++which) {
+        for (long k = 1;; ++k) {
+            const void* before = which == 0 ? static_cast<const void*>(sys->live_ivf.load())
+                                            : static_cast<const void*>(sys->live_hivf.load());
+            int rc = 0;
+            const bool injected = orve_test::run_with_failing_allocation(k, [&] {
+                rc = which == 0 ? semantic_vector_indexing_system_build_ivf(sys, 4, 1)
+                                : semantic_vector_indexing_system_build_ivf_level2(sys, 2, 2, 1);
+            });
+            const void* after = which == 0 ? static_cast<const void*>(sys->live_ivf.load())
+                                           : static_cast<const void*>(sys->live_hivf.load());
+            if (!injected) {
+                EXPECT_EQ(rc, 0);
+                break;
+            }
+            // Some scratch is optional (the training falls back to a slower exact path
+            // without it), so a build may still succeed; a failed one publishes nothing.
+            ASSERT_TRUE(rc == 0 || rc == -1) << rc;
+            if (rc == -1) {
+                EXPECT_EQ(after, before) << "allocation " << k;
+            } else {
+                EXPECT_NE(after, before) << "allocation " << k;
+            }
+        }
+    }
+    auto q = orve_test::int8_query(vecs.data() + 512 * 10, 3);
+    q.use_ivf = 1;
+    q.n_probe = 2;
+    q.use_hivf = 1;
+    q.n_probe_l1 = 1;
+    q.n_probe_l2 = 2;
+    for (long k = 1;; ++k) {
+        vector_similarity_result r[3];
+        uint32_t n = 0;
+        int rc = 0;
+        const bool injected = orve_test::run_with_failing_allocation(
+            k, [&] { rc = semantic_vector_indexing_system_search_similar(sys, &q, r, &n); });
+        if (!injected) {
+            EXPECT_EQ(rc, 0);
+            EXPECT_EQ(r[0].node_id, 11u);
+            break;
+        }
+        // Every index path falls through to brute force, which fails only when its own
+        // allocations do.
+        if (rc == 0) {
+            EXPECT_EQ(r[0].node_id, 11u);
+        } else {
+            EXPECT_EQ(rc, -1);
+        }
+    }
+}
+
+}  // namespace

@@ -1,0 +1,293 @@
+// Building and publishing the IVF and H-IVF from a snapshot of the flat store.
+//
+// A build holds the object's lock only for three short sections: reading the row count and
+// generation, copying the snapshot, and publishing. Allocation and training run unlocked, so
+// ingestion and searches go on meanwhile; a build publishes only if no row arrived during it.
+#include "core/publication.h"
+
+#include <cstdlib>
+#include <cstring>
+
+#include "core/dequant_cache.h"
+#include "core/system.h"
+#include "quant/dot512_kernels.h"
+#include "util/c_alloc.h"
+
+namespace {
+
+constexpr uint32_t kMinRowsForIndex = 1000;
+constexpr int kSnapshotAttempts = 8;
+
+struct snapshot {
+    orve::c_unique<float[]> floats;  // only for the IVF
+    orve::c_unique<int8_t[]> codes;
+    orve::c_unique<float[]> scales;
+    orve::c_unique<float[]> norms;
+    orve::c_unique<uint8_t[]> valid;  // only for the IVF
+    uint32_t n = 0;
+    uint64_t generation = 0;
+};
+
+bool all_rows_valid(const semantic_vector_indexing_system* sys, uint32_t n) {
+    for (uint32_t r = 0; r < n; ++r) {
+        if (!sys->row_valid[r]) return false;
+    }
+    return true;
+}
+
+// Copies the flat store into private buffers, retrying while ingestion moves under it. With
+// floats, the dequantised cache is copied too, extended first when rows arrived after it was
+// built. Returns 0 with `s` filled, -1 after an allocation failure or eight moving attempts.
+int take_snapshot(semantic_vector_indexing_system* sys, bool with_floats, snapshot& s) {
+    for (int attempt = 0; attempt < kSnapshotAttempts; ++attempt) {
+        uint32_t n;
+        uint64_t g;
+        {
+            orve::object_lock guard(sys);
+            n = sys->node_count;
+            g = sys->ingest_generation.load(std::memory_order_acquire);
+        }
+        s = snapshot{};
+        const std::size_t n_sz = n;
+        s.codes = orve::c_aligned_array<int8_t>(n_sz * orve::kRowBytes, 64);
+        s.scales = orve::c_alloc_array<float>(n_sz);
+        s.norms = orve::c_alloc_array<float>(n_sz);
+        if (with_floats) {
+            s.floats = orve::c_alloc_array<float>(n_sz * ORVE512_DIM);
+            s.valid = orve::c_alloc_array<uint8_t>(n_sz);
+        }
+        if (!s.codes || !s.scales || !s.norms || (with_floats && (!s.floats || !s.valid))) {
+            return -1;
+        }
+        orve::object_lock guard(sys);
+        if (sys->slab_i8 == nullptr) return -1;  // dropped while the buffers were allocated
+        if (sys->ingest_generation.load(std::memory_order_acquire) != g || sys->node_count != n) {
+            continue;
+        }
+        if (with_floats && orve::dequant_cache_extend(sys, n) != 0) return -1;
+        std::memcpy(s.codes.get(), sys->slab_i8, n_sz * orve::kRowBytes);
+        std::memcpy(s.scales.get(), sys->row_scale, n_sz * sizeof(float));
+        std::memcpy(s.norms.get(), sys->row_norm, n_sz * sizeof(float));
+        if (with_floats) {
+            std::memcpy(s.floats.get(), sys->dequant_cache, n_sz * ORVE512_DIM * sizeof(float));
+            std::memcpy(s.valid.get(), sys->row_valid, n_sz);
+        }
+        s.n = n;
+        s.generation = g;
+        return 0;
+    }
+    return -1;
+}
+
+template <typename Holder>
+using holder_ptr = std::atomic<Holder*> semantic_vector_indexing_system::*;
+
+// Publishes `fresh` if the object is still at the snapshot's generation and row count, and
+// drops the object's reference to the index it replaces. Called with the lock held; on a
+// mismatch nothing changes and the caller destroys `fresh`.
+template <typename Holder>
+bool publish_locked(semantic_vector_indexing_system* sys, Holder* fresh, uint32_t n,
+                    uint64_t generation, holder_ptr<Holder> live,
+                    std::atomic<uint64_t>& built_generation, void (*release)(Holder*)) {
+    if (sys->ingest_generation.load(std::memory_order_acquire) != generation ||
+        sys->node_count != n) {
+        return false;
+    }
+    fresh->refs.store(1, std::memory_order_relaxed);
+    fresh->generation = generation;
+    Holder* old = (sys->*live).exchange(fresh, std::memory_order_acq_rel);
+    built_generation.store(generation, std::memory_order_seq_cst);
+    release(old);
+    return true;
+}
+
+}  // namespace
+
+// ---- reference counting -----------------------------------------------------------------
+
+ivf_live* ivf_live_retain(ivf_live* holder) {
+    if (holder != nullptr) holder->refs.fetch_add(1, std::memory_order_acquire);
+    return holder;
+}
+
+void ivf_live_release(ivf_live* holder) {
+    if (holder == nullptr) return;
+    if (holder->refs.fetch_sub(1, std::memory_order_acq_rel) == 1) {
+        orve_ivf_index_destroy(&holder->index);
+        std::free(holder);
+    }
+}
+
+hivf_live* hivf_live_retain(hivf_live* holder) {
+    if (holder != nullptr) holder->refs.fetch_add(1, std::memory_order_acquire);
+    return holder;
+}
+
+void hivf_live_release(hivf_live* holder) {
+    if (holder == nullptr) return;
+    if (holder->refs.fetch_sub(1, std::memory_order_acq_rel) == 1) {
+        orve_hivf_index_destroy(&holder->index);
+        std::free(holder);
+    }
+}
+
+namespace orve {
+
+void retire_published_indexes(semantic_vector_indexing_system* sys) {
+    orve_ivf_ptr_free_unlocked(sys);
+    orve_hivf_ptr_free_unlocked(sys);
+}
+
+}  // namespace orve
+
+extern "C" ORVE_API void orve_ivf_ptr_free_unlocked(semantic_vector_indexing_system* sys) {
+    if (sys == nullptr) return;
+    ivf_live_release(sys->live_ivf.exchange(nullptr, std::memory_order_acq_rel));
+}
+
+extern "C" ORVE_API void orve_hivf_ptr_free_unlocked(semantic_vector_indexing_system* sys) {
+    if (sys == nullptr) return;
+    hivf_live_release(sys->live_hivf.exchange(nullptr, std::memory_order_acq_rel));
+}
+
+extern "C" ORVE_API void orve_ivf_snapshot_buffers_free(float* floats, int8_t* codes, float* scales,
+                                                        float* norms, uint8_t* valid) {
+    std::free(floats);
+    std::free(codes);
+    std::free(scales);
+    std::free(norms);
+    std::free(valid);
+}
+
+// ---- builds ---------------------------------------------------------------------------------
+
+extern "C" ORVE_API int semantic_vector_indexing_system_build_ivf(
+    semantic_vector_indexing_system* sys, uint32_t nlist, uint32_t seed) {
+    if (sys == nullptr || !sys->initialized) return -1;
+    {
+        orve::object_lock guard(sys);
+        const uint32_t n = sys->node_count;
+        if (n < kMinRowsForIndex || nlist == 0 || nlist > n || sys->slab_i8 == nullptr ||
+            sys->row_valid == nullptr) {
+            return -1;
+        }
+        if (orve::dequant_cache_extend(sys, n) != 0) return -1;
+        if (!all_rows_valid(sys, n)) return -1;
+    }
+    snapshot s;
+    if (take_snapshot(sys, true, s) != 0) return -1;
+
+    orve::c_unique<ivf_live> fresh(static_cast<ivf_live*>(std::calloc(1, sizeof(ivf_live))));
+    if (!fresh) return -1;
+    if (orve_ivf_build_kmeans_centroids(s.floats.get(), s.n, nlist, seed, s.codes.get(),
+                                        s.scales.get(), s.norms.get(), s.valid.get(),
+                                        &fresh->index) != 0) {
+        orve_ivf_index_destroy(&fresh->index);
+        return -1;
+    }
+    const uint32_t n = s.n;
+    const uint64_t g = s.generation;
+    s = snapshot{};  // the index holds its own copies of the rows
+
+    orve::object_lock guard(sys);
+    if (!publish_locked<ivf_live>(sys, fresh.get(), n, g,
+                                  &semantic_vector_indexing_system::live_ivf,
+                                  sys->ivf_built_generation, ivf_live_release)) {
+        orve_ivf_index_destroy(&fresh->index);
+        return -1;
+    }
+    fresh.release();
+    orve::dequant_cache_free(sys);
+    return 0;
+}
+
+extern "C" ORVE_API int semantic_vector_indexing_system_build_ivf_level2(
+    semantic_vector_indexing_system* sys, uint32_t b1, uint32_t b2, uint32_t seed) {
+    if (sys == nullptr || !sys->initialized) return -1;
+    {
+        orve::object_lock guard(sys);
+        const uint32_t n = sys->node_count;
+        if (n < kMinRowsForIndex || b1 == 0 || b2 == 0 || static_cast<uint64_t>(b1) * b2 > n ||
+            sys->slab_i8 == nullptr || sys->row_valid == nullptr || !all_rows_valid(sys, n)) {
+            return -1;
+        }
+    }
+    snapshot s;
+    if (take_snapshot(sys, false, s) != 0) return -1;
+
+    orve::c_unique<hivf_live> fresh(static_cast<hivf_live*>(std::calloc(1, sizeof(hivf_live))));
+    if (!fresh) return -1;
+    if (orve_hivf_build_i8(s.codes.get(), s.scales.get(), s.norms.get(), s.n, b1, b2, seed,
+                           &fresh->index) != 0) {
+        orve_hivf_index_destroy(&fresh->index);
+        return -1;
+    }
+    const uint32_t n = s.n;
+    const uint64_t g = s.generation;
+    s = snapshot{};
+
+    orve::object_lock guard(sys);
+    if (!publish_locked<hivf_live>(sys, fresh.get(), n, g,
+                                   &semantic_vector_indexing_system::live_hivf,
+                                   sys->hivf_built_generation, hivf_live_release)) {
+        orve_hivf_index_destroy(&fresh->index);
+        return -1;
+    }
+    fresh.release();
+    return 0;
+}
+
+extern "C" ORVE_API void semantic_vector_indexing_system_destroy_ivf(
+    semantic_vector_indexing_system* sys) {
+    if (sys == nullptr) return;
+    {
+        orve::object_lock guard(sys);
+        orve_ivf_ptr_free_unlocked(sys);
+    }
+    // Makes builds that snapshotted before the teardown fail at publication, and a published
+    // H-IVF stale for new searches.
+    sys->ingest_generation.fetch_add(1, std::memory_order_relaxed);
+}
+
+extern "C" ORVE_API void semantic_vector_indexing_system_destroy_hivf(
+    semantic_vector_indexing_system* sys) {
+    if (sys == nullptr) return;
+    orve::object_lock guard(sys);
+    orve_hivf_ptr_free_unlocked(sys);
+}
+
+// ---- pinning --------------------------------------------------------------------------------
+
+namespace {
+
+template <typename Holder>
+int pin_live(semantic_vector_indexing_system* sys, holder_ptr<Holder> live,
+             Holder* (*retain)(Holder*), void (*release)(Holder*), Holder** out) {
+    if (sys == nullptr) return -1;
+    Holder* h;
+    {
+        // Writers exchange and release the object's reference only under the lock, so the
+        // holder loaded here cannot be freed before the retain.
+        orve::object_lock guard(sys);
+        h = retain((sys->*live).load(std::memory_order_acquire));
+    }
+    if (h == nullptr) return -1;
+    if (sys->ingest_generation.load(std::memory_order_acquire) != h->generation) {
+        release(h);
+        return -1;
+    }
+    *out = h;
+    return 0;
+}
+
+}  // namespace
+
+int ivf_rcu_pin_live(semantic_vector_indexing_system* sys, ivf_live** out) {
+    return pin_live<ivf_live>(sys, &semantic_vector_indexing_system::live_ivf, ivf_live_retain,
+                              ivf_live_release, out);
+}
+
+int hivf_rcu_pin_live(semantic_vector_indexing_system* sys, hivf_live** out) {
+    return pin_live<hivf_live>(sys, &semantic_vector_indexing_system::live_hivf, hivf_live_retain,
+                               hivf_live_release, out);
+}

@@ -1,0 +1,72 @@
+// Several queries in one call. With the IVF, one pin serves the whole batch, so every answer
+// comes from the same index even if a rebuild publishes another meanwhile.
+#include <cstring>
+
+#include "core/publication.h"
+#include "core/system.h"
+#include "search/ivf_pinned_search.h"
+
+namespace {
+
+vector_similarity_query query_for(const orve512_batch_query* b, uint32_t i, bool use_ivf) {
+    vector_similarity_query q;
+    std::memset(&q, 0, sizeof q);
+    q.max_results = b->k;
+    q.min_similarity = b->min_similarity;
+    q.use_orve512 = 1;
+    q.query_vector = b->queries + static_cast<std::size_t>(i) * ORVE512_DIM;
+    q.use_ivf = use_ivf ? 1 : 0;
+    q.n_probe = b->n_probe;
+    q.rerank = b->rerank != 0 ? 1 : 0;
+    q.rerank_factor = b->rerank_factor;
+    return q;
+}
+
+vector_similarity_result* block_of(const orve512_batch_query* b, uint32_t i) {
+    vector_similarity_result* block = b->results + static_cast<std::size_t>(b->k) * i;
+    std::memset(block, 0, sizeof(vector_similarity_result) * b->k);
+    return block;
+}
+
+// Every query against one pinned IVF; false when a query could not run on it.
+bool answer_pinned(semantic_vector_indexing_system* sys, const orve512_batch_query* b,
+                   ivf_live* pinned) {
+    for (uint32_t i = 0; i < b->n_queries; ++i) {
+        const vector_similarity_query q = query_for(b, i, true);
+        uint32_t n = 0;
+        if (search_similar_orve512_ivf_rcu_pinned(sys, pinned, &q, block_of(b, i), &n) != 0) {
+            return false;
+        }
+        if (b->counts != nullptr) b->counts[i] = n;
+    }
+    return true;
+}
+
+}  // namespace
+
+extern "C" ORVE_API int semantic_vector_indexing_system_search_similar_orve512_batch(
+    semantic_vector_indexing_system* sys, const orve512_batch_query* b) {
+    if (sys == nullptr || b == nullptr || !sys->initialized || b->n_queries == 0 || b->k == 0 ||
+        b->queries == nullptr || b->results == nullptr) {
+        return -1;
+    }
+    if (b->use_ivf != 0 && b->n_probe != 0) {
+        ivf_live* pinned = nullptr;
+        if (ivf_rcu_pin_live(sys, &pinned) == 0) {
+            const bool ok = answer_pinned(sys, b, pinned);
+            ivf_live_release(pinned);
+            if (ok) return 0;
+            // A query failed on the pinned index: answer the whole batch again, one query at a
+            // time through the front end.
+        }
+    }
+    for (uint32_t i = 0; i < b->n_queries; ++i) {
+        const vector_similarity_query q = query_for(b, i, b->use_ivf != 0);
+        uint32_t n = 0;
+        if (semantic_vector_indexing_system_search_similar(sys, &q, block_of(b, i), &n) != 0) {
+            return -1;
+        }
+        if (b->counts != nullptr) b->counts[i] = n;
+    }
+    return 0;
+}

@@ -1,0 +1,94 @@
+// Searches over a pinned IVF or H-IVF: routed buckets (or leaves) only, scanned without the
+// object's lock while ingestion and rebuilds go on.
+#include "search/ivf_pinned_search.h"
+
+#include "core/publication.h"
+#include "core/system.h"
+#include "search/index_scan.h"
+
+namespace {
+
+// Quantises the query and allocates the candidate heap; false on failure.
+bool prepare(semantic_vector_indexing_system* sys, const vector_similarity_query* q,
+             orve::query_codes& qc, orve::c_unique<bf_topk_entry[]>& heap,
+             orve::candidate_sink& sink) {
+    if (orve_quantize_float_vector_symmetric(q->query_vector, ORVE512_DIM, qc.codes, &qc.scale,
+                                             &qc.norm) != 0) {
+        return false;
+    }
+    const uint32_t budget = orve::candidate_budget(q, sys->sidecar != nullptr);
+    heap = orve::c_alloc_array<bf_topk_entry>(budget);
+    if (!heap) return false;
+    sink = orve::candidate_sink{sys->nodes, q, heap.get(), 0, budget};
+    return true;
+}
+
+orve_vec_sidecar* rerank_sidecar(semantic_vector_indexing_system* sys,
+                                 const vector_similarity_query* q) {
+    return (q->rerank && sys->sidecar != nullptr) ? sys->sidecar : nullptr;
+}
+
+}  // namespace
+
+int search_similar_orve512_ivf_rcu_pinned(semantic_vector_indexing_system* sys, ivf_live* holder,
+                                          const vector_similarity_query* q,
+                                          vector_similarity_result* results, uint32_t* count) {
+    if (q->query_vector == nullptr || q->max_results == 0 || holder == nullptr) return -1;
+    const orve_ivf_index& index = holder->index;
+    const uint32_t n = index.n_buckets < q->n_probe ? index.n_buckets : q->n_probe;
+    if (n == 0) return -1;
+    auto buckets = orve::c_alloc_array<uint32_t>(n);
+    if (!buckets || orve_ivf_route_top_buckets(&index, q->query_vector, n, buckets.get()) != 0) {
+        return -1;
+    }
+    orve::query_codes qc;
+    orve::c_unique<bf_topk_entry[]> heap;
+    orve::candidate_sink sink{};
+    if (!prepare(sys, q, qc, heap, sink)) return -1;
+    for (uint32_t i = 0; i < n; ++i) {
+        if (buckets[i] >= index.n_buckets) continue;
+        orve::scan_bucket(index, buckets[i], qc, index.n_rows, sink);
+    }
+    orve::finish_results(sink.heap, sink.count, q, rerank_sidecar(sys, q), results, count);
+    return 0;
+}
+
+int search_similar_orve512_hivf_pinned(semantic_vector_indexing_system* sys,
+                                       const vector_similarity_query* q,
+                                       vector_similarity_result* results, uint32_t* count) {
+    hivf_live* holder = nullptr;
+    if (hivf_rcu_pin_live(sys, &holder) != 0) return -1;
+    struct unpin {
+        hivf_live* h;
+        ~unpin() { hivf_live_release(h); }
+    } guard{holder};
+    if (q->query_vector == nullptr || q->max_results == 0 || q->n_probe_l1 == 0 ||
+        q->n_probe_l2 == 0) {
+        return -1;
+    }
+    const orve_hivf_index& index = holder->index;
+    const uint32_t room = q->n_probe_l1 * q->n_probe_l2;  // 32-bit, as the leaf arrays are sized
+    auto l1 = orve::c_alloc_array<uint32_t>(room);
+    auto l2 = orve::c_alloc_array<uint32_t>(room);
+    uint32_t leaves = 0;
+    if (!l1 || !l2 ||
+        orve_hivf_route_top_leaves(&index, q->query_vector, q->n_probe_l1, q->n_probe_l2, l1.get(),
+                                   l2.get(), &leaves) != 0) {
+        return -1;
+    }
+    orve::query_codes qc;
+    orve::c_unique<bf_topk_entry[]> heap;
+    orve::candidate_sink sink{};
+    if (!prepare(sys, q, qc, heap, sink)) return -1;
+    // Rows appended after the build have slots at or past the build's row count; the node
+    // count bounds the slots the node table can answer for.
+    const uint32_t slot_limit = orve::load_node_count(sys);
+    for (uint32_t i = 0; i < leaves; ++i) {
+        if (l1[i] >= index.b1) continue;
+        const orve_ivf_index& leaf = index.l2_indexes[l1[i]];
+        if (l2[i] >= leaf.n_buckets) continue;
+        orve::scan_bucket(leaf, l2[i], qc, slot_limit, sink);
+    }
+    orve::finish_results(sink.heap, sink.count, q, rerank_sidecar(sys, q), results, count);
+    return 0;
+}
