@@ -1,0 +1,137 @@
+// Byte layout of the .ivfp paged index file and the arithmetic that places its sections.
+//
+// Every field is stored and loaded here byte by byte in little-endian order, so a file written
+// on one host is byte-identical to the same file written on another and reads the same
+// everywhere. The loads compile to plain loads on little-endian targets, so the search pays
+// nothing for them.
+//
+// Offsets come from untrusted files as often as from the writer, so everything that places a
+// section is computed in 64 bits with explicit overflow checks: a sum that would wrap reports
+// failure instead of producing a small, plausible offset.
+#pragma once
+
+#include <cstdint>
+#include <cstring>
+
+namespace orve::paged {
+
+// The leading zero byte keeps a text file that happens to start with the letters from passing.
+inline constexpr uint8_t kMagic[8] = {0x00, 'O', 'R', 'V', 'E', 'V', 'F', 'P'};
+inline constexpr uint32_t kVersionWritten = 2;
+inline constexpr uint32_t kVersionNoNodeIds = 1;
+inline constexpr uint32_t kDim = 512;
+
+inline constexpr uint64_t kHeaderBytes = 72;
+inline constexpr uint64_t kHeaderVersion = 8;
+inline constexpr uint64_t kHeaderDim = 12;
+inline constexpr uint64_t kHeaderB1 = 16;
+inline constexpr uint64_t kHeaderB2 = 20;
+inline constexpr uint64_t kHeaderRows = 24;
+
+inline constexpr uint64_t kCodeBytes = 512;      // one quantised vector
+inline constexpr uint64_t kL1PairBytes = 8;      // float scale, float norm
+inline constexpr uint64_t kLeafTableBytes = 16;  // scale, norm, count, reserved
+inline constexpr uint64_t kLeafTableScale = 0;
+inline constexpr uint64_t kLeafTableNorm = 4;
+inline constexpr uint64_t kLeafTableCount = 8;
+inline constexpr uint64_t kLeafDirBytes = 24;  // codes offset, meta offset, count, reserved
+inline constexpr uint64_t kLeafDirCodes = 0;
+inline constexpr uint64_t kLeafDirMeta = 8;
+inline constexpr uint64_t kLeafDirCount = 16;
+
+inline constexpr uint64_t kLeafAlign = 64;
+inline constexpr uint64_t kDataAlign = 4096;
+
+// Metadata bytes per row: scale, norm, row id, and (version 2) node id, as four arrays.
+inline constexpr uint64_t meta_bytes_per_row(uint32_t version) {
+    return version == kVersionNoNodeIds ? 12 : 16;
+}
+
+// ---- little-endian fields ---------------------------------------------------------------
+
+inline void store_u32(uint8_t* p, uint32_t v) {
+    p[0] = static_cast<uint8_t>(v);
+    p[1] = static_cast<uint8_t>(v >> 8);
+    p[2] = static_cast<uint8_t>(v >> 16);
+    p[3] = static_cast<uint8_t>(v >> 24);
+}
+
+inline void store_u64(uint8_t* p, uint64_t v) {
+    store_u32(p, static_cast<uint32_t>(v));
+    store_u32(p + 4, static_cast<uint32_t>(v >> 32));
+}
+
+// Floats travel as their bit patterns: NaN payloads and signed zeros are kept as they are.
+inline void store_f32(uint8_t* p, float v) {
+    uint32_t bits;
+    std::memcpy(&bits, &v, sizeof bits);
+    store_u32(p, bits);
+}
+
+inline uint32_t load_u32(const uint8_t* p) {
+    return static_cast<uint32_t>(p[0]) | (static_cast<uint32_t>(p[1]) << 8) |
+           (static_cast<uint32_t>(p[2]) << 16) | (static_cast<uint32_t>(p[3]) << 24);
+}
+
+inline uint64_t load_u64(const uint8_t* p) {
+    return static_cast<uint64_t>(load_u32(p)) | (static_cast<uint64_t>(load_u32(p + 4)) << 32);
+}
+
+inline float load_f32(const uint8_t* p) {
+    const uint32_t bits = load_u32(p);
+    float v;
+    std::memcpy(&v, &bits, sizeof v);
+    return v;
+}
+
+// ---- checked 64-bit arithmetic ----------------------------------------------------------
+
+inline bool add_u64(uint64_t a, uint64_t b, uint64_t* out) {
+    return !__builtin_add_overflow(a, b, out);
+}
+
+inline bool mul_u64(uint64_t a, uint64_t b, uint64_t* out) {
+    return !__builtin_mul_overflow(a, b, out);
+}
+
+// x rounded up to a multiple of `align` (a power of two); false when that passes 2^64 - 1.
+inline bool align_up(uint64_t x, uint64_t align, uint64_t* out) {
+    uint64_t t;
+    if (!add_u64(x, align - 1, &t)) return false;
+    *out = t & ~(align - 1);
+    return true;
+}
+
+// ---- section placement ------------------------------------------------------------------
+
+// Where the sections of a file with b1 level-1 buckets and b2 slots per bucket lie. Everything
+// up to data_start follows from b1 and b2 alone.
+struct section_layout {
+    uint64_t slots;       // L = b1 x b2
+    uint64_t l1_codes;    // 72
+    uint64_t l1_pairs;    // 72 + 512 b1
+    uint64_t leaf_codes;  // LC = align64(72 + 520 b1)
+    uint64_t leaf_table;  // LT = LC + 512 L
+    uint64_t leaf_dir;    // LD = LT + 16 L
+    uint64_t data_start;  // DS = align4096(LD + 24 L)
+};
+
+// False when an offset would not fit in 64 bits (only reachable with absurd b1 x b2).
+inline bool compute_layout(uint32_t b1, uint32_t b2, section_layout* out) {
+    section_layout s{};
+    s.slots = static_cast<uint64_t>(b1) * b2;  // two 32-bit factors never wrap 64 bits
+    s.l1_codes = kHeaderBytes;
+    s.l1_pairs = kHeaderBytes + kCodeBytes * b1;
+    uint64_t t;
+    if (!align_up(kHeaderBytes + (kCodeBytes + kL1PairBytes) * b1, kLeafAlign, &s.leaf_codes))
+        return false;
+    if (!mul_u64(kCodeBytes, s.slots, &t) || !add_u64(s.leaf_codes, t, &s.leaf_table)) return false;
+    if (!mul_u64(kLeafTableBytes, s.slots, &t) || !add_u64(s.leaf_table, t, &s.leaf_dir))
+        return false;
+    if (!mul_u64(kLeafDirBytes, s.slots, &t) || !add_u64(s.leaf_dir, t, &t)) return false;
+    if (!align_up(t, kDataAlign, &s.data_start)) return false;
+    *out = s;
+    return true;
+}
+
+}  // namespace orve::paged

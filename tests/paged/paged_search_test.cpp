@@ -1,0 +1,297 @@
+// Search results are compared with a plain re-computation over the hand-built H-IVF the file
+// was encoded from: its own dot products and cosines, bucket and leaf choice by a stable sort
+// (best first, ties to the lower index), and every row of the chosen leaves.
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cmath>
+#include <cstring>
+#include <numeric>
+#include <thread>
+
+#include "paged_fixture.h"
+#include "search/topk.h"
+
+using namespace paged_test;
+
+namespace {
+
+struct query {
+    std::vector<int8_t> codes;
+    float scale, norm;
+};
+
+query random_query(uint64_t seed) {
+    lcg g{seed};
+    return {random_codes(g, 512), g.unit(), g.unit() * 3.0f};
+}
+
+std::vector<uint32_t> best_first(const std::vector<float>& scores, uint32_t p) {
+    std::vector<uint32_t> idx(scores.size());
+    std::iota(idx.begin(), idx.end(), 0u);
+    std::stable_sort(idx.begin(), idx.end(),
+                     [&](uint32_t a, uint32_t b) { return scores[a] > scores[b]; });
+    idx.resize(std::min<size_t>(p, idx.size()));
+    return idx;
+}
+
+// Every row the search should offer, as (score, node id, row) sorted by row.
+std::vector<bf_topk_entry> reference(const hand_hivf& h, const std::vector<uint32_t>& ids,
+                                     const query& q, uint32_t p1, uint32_t p2, float min_sim) {
+    auto cos = [&](const std::vector<int8_t>& c, size_t at, float s, float n) {
+        return plain_cosine(plain_dot(q.codes.data(), c.data() + at), q.scale, s, q.norm, n);
+    };
+    std::vector<float> l1;
+    for (const bucket_plan& b : h.buckets()) l1.push_back(cos(b.centroid, 0, b.scale, b.norm));
+    std::vector<bf_topk_entry> out;
+    for (uint32_t c : best_first(l1, p1)) {
+        const auto& leaves = h.buckets()[c].leaves;
+        std::vector<float> slots(h.b2(), 0.0f);  // an empty slot has scale 0
+        for (size_t j = 0; j < leaves.size(); ++j)
+            slots[j] = cos(leaves[j].centroid, 0, leaves[j].scale, leaves[j].norm);
+        for (uint32_t j : best_first(slots, p2)) {
+            if (j >= leaves.size()) continue;
+            const leaf_plan& l = leaves[j];
+            for (uint32_t k = 0; k < l.rows(); ++k) {
+                const float s = cos(l.codes, 512ull * k, l.scales[k], l.norms[k]);
+                if (s < min_sim) continue;
+                out.push_back({s, ids[l.row_ids[k]], 0, 0.0f, l.row_ids[k]});
+            }
+        }
+    }
+    std::sort(out.begin(), out.end(), [](auto& a, auto& b) { return a.row < b.row; });
+    return out;
+}
+
+class PagedSearch : public ::testing::Test {
+  protected:
+    void open(const hand_hivf& h, const std::vector<uint32_t>& ids, uint32_t version = 2) {
+        orve_ivf_paged_close(handle_);
+        handle_ = nullptr;
+        write_file(dir_.path("s.ivfp"), encode_ivfp(h, ids, version));
+        testing::internal::CaptureStdout();
+        ASSERT_EQ(orve_ivf_paged_open(dir_.path("s.ivfp").c_str(), &handle_), 0);
+        testing::internal::GetCapturedStdout();
+    }
+    void TearDown() override { orve_ivf_paged_close(handle_); }
+
+    // Runs a search into a fresh heap of `budget` entries; returns the heap, sorted by row.
+    std::vector<bf_topk_entry> search(const query& q, uint32_t p1, uint32_t p2, float min_sim,
+                                      uint32_t budget = 100000, const uint32_t* id_map = nullptr,
+                                      bool sort_by_row = true) {
+        std::vector<bf_topk_entry> heap(budget + 1);
+        uint32_t found = 0;
+        EXPECT_EQ(orve_ivf_paged_search(handle_, nullptr, p1, p2, q.codes.data(), heap.data(),
+                                        &found, budget, id_map, q.scale, q.norm, min_sim),
+                  0);
+        heap.resize(found);
+        for (uint32_t i = 1; i < found; ++i) EXPECT_GE(heap[i].score, heap[(i - 1) / 2].score);
+        if (sort_by_row)
+            std::sort(heap.begin(), heap.end(), [](auto& a, auto& b) { return a.row < b.row; });
+        return heap;
+    }
+
+    scratch_dir dir_;
+    orve_ivf_paged_index* handle_ = nullptr;
+};
+
+void expect_same(const std::vector<bf_topk_entry>& got, const std::vector<bf_topk_entry>& want) {
+    ASSERT_EQ(got.size(), want.size());
+    for (size_t i = 0; i < got.size(); ++i) {
+        EXPECT_EQ(got[i].row, want[i].row);
+        EXPECT_EQ(got[i].node_id, want[i].node_id);
+        EXPECT_EQ(got[i].score, want[i].score);
+        EXPECT_EQ(got[i].cluster_id, 0u);
+        EXPECT_EQ(got[i].node_score, 0.0f);
+    }
+}
+
+}  // namespace
+
+TEST_F(PagedSearch, MatchesThePlainComputationForEveryProbeSetting) {
+    hand_hivf h(5, 4, random_buckets(5, 4, 12, 51));
+    const auto ids = node_table(h.total_rows());
+    open(h, ids);
+    const uint32_t probes[][2] = {{1, 1}, {2, 2}, {3, 4}, {5, 1}, {1, 4}, {9, 9}};
+    for (uint64_t qs = 0; qs < 4; ++qs) {
+        const query q = random_query(100 + qs);
+        for (const auto& p : probes) {
+            for (float min_sim : {-1e30f, 0.0f, 0.02f}) {
+                SCOPED_TRACE(testing::Message() << "query " << qs << " probes " << p[0] << ","
+                                                << p[1] << " min " << min_sim);
+                expect_same(search(q, p[0], p[1], min_sim),
+                            reference(h, ids, q, p[0], p[1], min_sim));
+            }
+        }
+    }
+    // Probing more than there is visits everything exactly once.
+    EXPECT_EQ(search(random_query(7), 99, 99, -1e30f).size(), h.total_rows());
+}
+
+TEST_F(PagedSearch, BoundedHeapKeepsTheBestScores) {
+    hand_hivf h(3, 2, random_buckets(3, 2, 20, 52));
+    const auto ids = node_table(h.total_rows());
+    open(h, ids);
+    const query q = random_query(9);
+    std::vector<bf_topk_entry> all = reference(h, ids, q, 3, 2, -1e30f);
+    ASSERT_GE(all.size(), 5u);
+    std::sort(all.begin(), all.end(), [](auto& a, auto& b) { return a.score > b.score; });
+    const auto top3 = search(q, 3, 2, -1e30f, 3, nullptr, false);
+    ASSERT_EQ(top3.size(), 3u);
+    EXPECT_EQ(top3[0].score, all[2].score);  // the root is the lowest of the three
+    std::vector<float> kept = {top3[0].score, top3[1].score, top3[2].score};
+    std::sort(kept.begin(), kept.end(), std::greater<>());
+    EXPECT_EQ(kept, (std::vector<float>{all[0].score, all[1].score, all[2].score}));
+    EXPECT_TRUE(search(q, 2, 2, -1e30f, 0).empty());
+}
+
+TEST_F(PagedSearch, SelectionEdgeCases) {
+    lcg g{53};
+    const query q = random_query(10);
+    auto leaf_with = [&](std::vector<int8_t> centroid, uint32_t rows, uint32_t first_row) {
+        leaf_plan l;
+        l.centroid = std::move(centroid);
+        l.codes = random_codes(g, 512ull * rows);
+        for (uint32_t k = 0; k < rows; ++k) {
+            l.scales.push_back(g.unit());
+            l.norms.push_back(g.unit());
+            l.row_ids.push_back(first_row + k);
+        }
+        return l;
+    };
+    // Two level-1 buckets with equal scores: one probe takes the lower-numbered one.
+    {
+        const auto c = random_codes(g, 512);
+        std::vector<bucket_plan> b(2);
+        for (uint32_t i = 0; i < 2; ++i) {
+            b[i].centroid = c;
+            b[i].leaves.push_back(leaf_with(c, 3, 3 * i));
+        }
+        hand_hivf h(2, 1, std::move(b));
+        open(h, node_table(6));
+        const auto got = search(q, 1, 1, -1e30f);
+        ASSERT_EQ(got.size(), 3u);
+        for (const auto& e : got) EXPECT_LT(e.row, 3u);
+    }
+    // A bucket whose only leaf points away from the query: its two empty slots score 0 and
+    // are picked first, bringing no rows; a third probe reaches the leaf.
+    {
+        std::vector<int8_t> away(512);
+        for (int i = 0; i < 512; ++i) away[i] = static_cast<int8_t>(-q.codes[i]);
+        std::vector<bucket_plan> b(1);
+        b[0].centroid = q.codes;
+        b[0].leaves.push_back(leaf_with(away, 4, 0));
+        hand_hivf h(1, 3, std::move(b));
+        open(h, node_table(4));
+        EXPECT_TRUE(search(q, 1, 2, -1e30f).empty());
+        EXPECT_EQ(search(q, 1, 3, -1e30f).size(), 4u);
+    }
+    // An all-zero query scores everything 0: buckets and slots go in index order, and rows are
+    // offered only when the threshold is at most 0. Bucket 0's slot 0 is an empty leaf.
+    {
+        hand_hivf h(3, 3, random_buckets(3, 3, 5, 54));
+        const auto ids = node_table(h.total_rows());
+        open(h, ids);
+        const query zero{std::vector<int8_t>(512, 0), 0.0f, 0.0f};
+        EXPECT_TRUE(search(zero, 1, 1, 0.0f).empty());
+        const auto got = search(zero, 1, 2, 0.0f);
+        ASSERT_EQ(got.size(), h.buckets()[0].leaves[1].rows());
+        for (const auto& e : got) EXPECT_EQ(e.score, 0.0f);
+        expect_same(got, reference(h, ids, zero, 1, 2, 0.0f));
+        EXPECT_TRUE(search(zero, 3, 3, 0.01f).empty());
+    }
+}
+
+TEST_F(PagedSearch, ThresholdIsInclusive) {
+    hand_hivf h(1, 1, random_buckets(1, 1, 6, 55));
+    const auto ids = node_table(h.total_rows());
+    open(h, ids);
+    const query q = random_query(11);
+    const auto all = reference(h, ids, q, 1, 1, -1e30f);
+    const auto& mid = *std::max_element(all.begin(), all.end(),
+                                        [](auto& a, auto& b) { return a.score < b.score; });
+    auto holds = [&](const std::vector<bf_topk_entry>& v) {
+        return std::any_of(v.begin(), v.end(), [&](auto& e) { return e.row == mid.row; });
+    };
+    EXPECT_TRUE(holds(search(q, 1, 1, mid.score)));
+    EXPECT_FALSE(holds(search(q, 1, 1, std::nextafter(mid.score, INFINITY))));
+}
+
+TEST_F(PagedSearch, VersionOneTakesNodeIdsFromTheMap) {
+    hand_hivf h(3, 2, random_buckets(3, 2, 7, 56));
+    const auto file_ids = node_table(h.total_rows());
+    open(h, file_ids, 1);
+    std::vector<uint32_t> map(h.total_rows());
+    for (uint32_t k = 0; k < map.size(); ++k) map[k] = 5 * k + 2;
+    const query q = random_query(12);
+    const auto got = search(q, 3, 2, -1e30f, 100000, map.data());
+    expect_same(got, reference(h, map, q, 3, 2, -1e30f));
+    EXPECT_TRUE(search(q, 3, 2, -1e30f).empty());  // no map: nothing, and still 0
+}
+
+TEST_F(PagedSearch, MemoryControlsDoNotChangeResults) {
+    hand_hivf h(4, 3, random_buckets(4, 3, 40, 57));
+    open(h, node_table(h.total_rows()));
+    const query q = random_query(13);
+    const auto before = search(q, 2, 2, -1e30f, 10, nullptr, false);
+    orve_ivf_paged_drop_cache(handle_);
+    const auto dropped = search(q, 2, 2, -1e30f, 10, nullptr, false);
+    orve_ivf_paged_set_low_memory(handle_, 1);
+    const auto low = search(q, 2, 2, -1e30f, 10, nullptr, false);
+    const auto again = search(q, 2, 2, -1e30f, 10, nullptr, false);
+    for (const auto* v : {&dropped, &low, &again}) {
+        ASSERT_EQ(v->size(), before.size());
+        EXPECT_EQ(std::memcmp(v->data(), before.data(), before.size() * sizeof before[0]), 0);
+    }
+}
+
+TEST_F(PagedSearch, ArgumentsAndEmptyProbes) {
+    hand_hivf h(2, 2, random_buckets(2, 2, 5, 58));
+    open(h, node_table(h.total_rows()));
+    const query q = random_query(14);
+    const int8_t* c = q.codes.data();
+    bf_topk_entry heap[4] = {};
+    uint32_t found = 2;  // two candidates the caller already holds
+    auto call = [&](const orve_ivf_paged_index* hd, const int8_t* codes, bf_topk_entry* hp,
+                    uint32_t* f, uint32_t l1, uint32_t l2) {
+        return orve_ivf_paged_search(hd, nullptr, l1, l2, codes, hp, f, 4, nullptr, q.scale, q.norm,
+                                     -1e30f);
+    };
+    EXPECT_EQ(call(nullptr, c, heap, &found, 1, 1), -1);
+    EXPECT_EQ(call(handle_, nullptr, heap, &found, 1, 1), -1);
+    EXPECT_EQ(call(handle_, c, nullptr, &found, 1, 1), -1);
+    EXPECT_EQ(call(handle_, c, heap, nullptr, 1, 1), -1);
+    EXPECT_EQ(call(handle_, c, heap, &found, 0, 2), 0);
+    EXPECT_EQ(call(handle_, c, heap, &found, 2, 0), 0);
+    EXPECT_EQ(found, 2u);
+}
+
+TEST_F(PagedSearch, ConcurrentSearchesOnOneHandleAgree) {
+    hand_hivf h(6, 5, random_buckets(6, 5, 30, 59));
+    const auto ids = node_table(h.total_rows());
+    open(h, ids);
+    std::vector<query> qs;
+    for (uint64_t i = 0; i < 4; ++i) qs.push_back(random_query(200 + i));
+    std::vector<std::thread> threads;
+    std::vector<int> ok(4, 0);
+    for (int t = 0; t < 4; ++t) {
+        threads.emplace_back([&, t] {
+            for (int round = 0; round < 20; ++round) {
+                const query& q = qs[(t + round) % 4];
+                std::vector<bf_topk_entry> heap(100000);
+                uint32_t found = 0;
+                orve_ivf_paged_search(handle_, nullptr, 3, 3, q.codes.data(), heap.data(), &found,
+                                      100000, nullptr, q.scale, q.norm, -1e30f);
+                heap.resize(found);
+                std::sort(heap.begin(), heap.end(), [](auto& a, auto& b) { return a.row < b.row; });
+                const auto want = reference(h, ids, q, 3, 3, -1e30f);
+                bool same = heap.size() == want.size();
+                for (size_t i = 0; same && i < heap.size(); ++i)
+                    same = heap[i].row == want[i].row && heap[i].score == want[i].score;
+                ok[t] += same;
+            }
+        });
+    }
+    for (auto& th : threads) th.join();
+    EXPECT_EQ(ok, std::vector<int>(4, 20));
+}
