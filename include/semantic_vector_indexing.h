@@ -245,12 +245,46 @@ ORVE_API void orve_flat_index_free(semantic_vector_indexing_system* sys);
 ORVE_API int semantic_vector_indexing_system_open_sidecar(semantic_vector_indexing_system* sys,
                                                           const char* path);
 
+/* Paged index attachment. build_ivf_paged writes the published H-IVF (with the node
+ * identifiers of its rows) to path, attaches the file, and frees the H-IVF's in-memory rows;
+ * open_ivf_paged attaches an existing file. Searches that ask for the H-IVF use an attached file
+ * first. The previous file is closed once no search uses it. 0, or -1 (nothing changes). */
+ORVE_API int semantic_vector_indexing_system_build_ivf_paged(semantic_vector_indexing_system* sys,
+                                                             const char* path);
+ORVE_API int semantic_vector_indexing_system_open_ivf_paged(semantic_vector_indexing_system* sys,
+                                                            const char* path);
+/* Memory controls of the attached file; no effect without one. */
+ORVE_API void semantic_vector_indexing_system_drop_ivf_paged_cache(
+    semantic_vector_indexing_system* sys);
+ORVE_API void semantic_vector_indexing_system_set_paged_low_memory(
+    semantic_vector_indexing_system* sys, uint32_t on);
+
 /* Search. Returns 0 (also when nothing was found), -1 on failure, -7 when brute force is needed
  * but the flat store was dropped. results must hold max_results records (1000 with use_lsh). */
 ORVE_API int semantic_vector_indexing_system_search_similar(semantic_vector_indexing_system* sys,
                                                             const vector_similarity_query* query,
                                                             vector_similarity_result* results,
                                                             uint32_t* count);
+
+/* Index publication. Builds need at least 1000 rows, every row with a vector, and the flat
+ * store in place; they publish only if no row arrived during the build. 0 when a new index was
+ * published, -1 otherwise (the previous index, if any, stays). nlist in 1..rows; b1, b2 >= 1
+ * with b1 * b2 <= rows. A seed of 0 acts as 1; the same rows and seed give the same index. */
+ORVE_API int semantic_vector_indexing_system_build_ivf(semantic_vector_indexing_system* sys,
+                                                       uint32_t nlist, uint32_t seed);
+ORVE_API int semantic_vector_indexing_system_build_ivf_level2(semantic_vector_indexing_system* sys,
+                                                              uint32_t b1, uint32_t b2,
+                                                              uint32_t seed);
+/* Teardowns. Destroying the IVF also makes any published H-IVF stale for new searches. */
+ORVE_API void semantic_vector_indexing_system_destroy_ivf(semantic_vector_indexing_system* sys);
+ORVE_API void semantic_vector_indexing_system_destroy_hivf(semantic_vector_indexing_system* sys);
+/* Drop the object's reference to the published IVF / H-IVF; the caller holds the object's
+ * lock (these take none). For tools that manage the object's lifetime themselves. */
+ORVE_API void orve_ivf_ptr_free_unlocked(semantic_vector_indexing_system* sys);
+ORVE_API void orve_hivf_ptr_free_unlocked(semantic_vector_indexing_system* sys);
+/* Frees the five snapshot buffers of a build; null ones are ignored. */
+ORVE_API void orve_ivf_snapshot_buffers_free(float* floats, int8_t* codes, float* scales,
+                                             float* norms, uint8_t* valid);
 
 /* ======================================================================================== */
 /* Batch search                                                                              */
@@ -277,6 +311,222 @@ ORVE_STATIC_ASSERT(offsetof(orve512_batch_query, counts) == 40, batch_query_coun
 ORVE_STATIC_ASSERT(offsetof(orve512_batch_query, rerank) == 48, batch_query_rerank);
 
 ORVE_API uint64_t orve512_batch_query_sizeof(void); /* 56 */
+
+/* Answers every query of the batch; 0 when all were answered, -1 otherwise. With use_ivf and a
+ * current IVF, one pin serves the whole batch; otherwise each query goes through
+ * semantic_vector_indexing_system_search_similar (IVF when asked, then brute force). A query
+ * with fewer than k results has the rest of its block zeroed. */
+ORVE_API int semantic_vector_indexing_system_search_similar_orve512_batch(
+    semantic_vector_indexing_system* sys, const orve512_batch_query* batch);
+
+/* ======================================================================================== */
+/* IVF and H-IVF indexes                                                                     */
+/* ======================================================================================== */
+
+/* An inverted-file index over 512-code int8 rows, grouped into buckets around centroids. The
+ * rows of bucket b are the positions bucket_offsets[b] .. bucket_offsets[b] + bucket_sizes[b]
+ * - 1 of codes, row_scales, row_norms and row_ids, in ascending input-row order; buckets
+ * follow one another in ascending order. codes and centroid_codes are 64-byte aligned. The
+ * record belongs to the caller, the nine arrays to the index; an all-zero record is the empty
+ * index. Read-only once built. 80 bytes. */
+typedef struct orve_ivf_index {
+    uint32_t n_rows;          /* rows indexed */
+    uint32_t n_buckets;       /* buckets (centroids) */
+    int8_t* codes;            /* n_rows x 512, compacted by bucket */
+    float* row_scales;        /* n_rows */
+    float* row_norms;         /* n_rows: L2 norm of the float row before quantisation */
+    int8_t* centroid_codes;   /* n_buckets x 512 */
+    float* centroid_scales;   /* n_buckets */
+    float* centroid_norms;    /* n_buckets: L2 norm of the float centroid */
+    uint32_t* bucket_offsets; /* n_buckets: position of each bucket's first row */
+    uint32_t* bucket_sizes;   /* n_buckets: rows per bucket, may be 0 */
+    uint32_t* row_ids;        /* n_rows: input row index of each position */
+} orve_ivf_index;
+
+ORVE_STATIC_ASSERT(sizeof(orve_ivf_index) == 80, ivf_index_size);
+ORVE_STATIC_ASSERT(offsetof(orve_ivf_index, n_buckets) == 4, ivf_index_n_buckets);
+ORVE_STATIC_ASSERT(offsetof(orve_ivf_index, codes) == 8, ivf_index_codes);
+ORVE_STATIC_ASSERT(offsetof(orve_ivf_index, row_scales) == 16, ivf_index_row_scales);
+ORVE_STATIC_ASSERT(offsetof(orve_ivf_index, row_norms) == 24, ivf_index_row_norms);
+ORVE_STATIC_ASSERT(offsetof(orve_ivf_index, centroid_codes) == 32, ivf_index_centroid_codes);
+ORVE_STATIC_ASSERT(offsetof(orve_ivf_index, centroid_scales) == 40, ivf_index_centroid_scales);
+ORVE_STATIC_ASSERT(offsetof(orve_ivf_index, centroid_norms) == 48, ivf_index_centroid_norms);
+ORVE_STATIC_ASSERT(offsetof(orve_ivf_index, bucket_offsets) == 56, ivf_index_bucket_offsets);
+ORVE_STATIC_ASSERT(offsetof(orve_ivf_index, bucket_sizes) == 64, ivf_index_bucket_sizes);
+ORVE_STATIC_ASSERT(offsetof(orve_ivf_index, row_ids) == 72, ivf_index_row_ids);
+
+/* A two-level inverted file: b1 level-1 buckets, each holding an ordinary IVF (its leaves) over
+ * the rows of that bucket with min(rows, b2) buckets, or an all-zero entry when the bucket got
+ * no rows. Leaf row_ids are global input-row indexes. The record belongs to the caller, every
+ * array to the H-IVF; an all-zero record is the empty H-IVF. 40 bytes. */
+typedef struct orve_hivf_index {
+    uint32_t b1;                /* level-1 buckets */
+    uint32_t b2;                /* leaves wanted per level-1 bucket (an upper bound) */
+    int8_t* l1_centroid_codes;  /* b1 x 512, 16-byte aligned */
+    float* l1_centroid_scales;  /* b1 */
+    float* l1_centroid_norms;   /* b1 */
+    orve_ivf_index* l2_indexes; /* b1 leaf indexes */
+} orve_hivf_index;
+
+ORVE_STATIC_ASSERT(sizeof(orve_hivf_index) == 40, hivf_index_size);
+ORVE_STATIC_ASSERT(offsetof(orve_hivf_index, b2) == 4, hivf_index_b2);
+ORVE_STATIC_ASSERT(offsetof(orve_hivf_index, l1_centroid_codes) == 8, hivf_index_l1_codes);
+ORVE_STATIC_ASSERT(offsetof(orve_hivf_index, l1_centroid_scales) == 16, hivf_index_l1_scales);
+ORVE_STATIC_ASSERT(offsetof(orve_hivf_index, l1_centroid_norms) == 24, hivf_index_l1_norms);
+ORVE_STATIC_ASSERT(offsetof(orve_hivf_index, l2_indexes) == 32, hivf_index_l2_indexes);
+
+/* Frees the index's arrays and zeroes the record (which stays the caller's). Null is ignored;
+ * an all-zero record and a second call are harmless. */
+ORVE_API void orve_ivf_index_destroy(orve_ivf_index* index);
+
+/* Trains n_buckets centroids over rows (n x 512 floats) by spherical k-means (k-means++
+ * seeding, 25 rounds, randomness from rand_r on a state started at seed, 0 acting as 1) and
+ * fills out with the rows' codes (n x 512), scales and norms (n each) compacted by bucket.
+ * row_flags is not read and may be null. 0, or -1: on bad arguments (a null pointer, n = 0,
+ * n_buckets = 0 or above n) and on scratch allocation failure out is untouched; when the final
+ * compaction fails out is left all zero. Deterministic for a given input and seed. */
+ORVE_API int orve_ivf_build_kmeans_centroids(const float* rows, uint32_t n, uint32_t n_buckets,
+                                             uint32_t seed, const int8_t* codes,
+                                             const float* scales, const float* norms,
+                                             const uint8_t* row_flags, orve_ivf_index* out);
+
+/* As orve_ivf_build_kmeans_centroids, but the centroids are n_buckets distinct rows drawn at
+ * random (unnormalised, no iterations) and each row goes to its nearest centroid. */
+ORVE_API int orve_ivf_build_random_centroids(const float* rows, uint32_t n, uint32_t n_buckets,
+                                             uint32_t seed, const int8_t* codes,
+                                             const float* scales, const float* norms,
+                                             const uint8_t* row_flags, orve_ivf_index* out);
+
+/* Writes to out_buckets the min(n_probe, n_buckets) buckets whose centroids have the highest
+ * int8 cosine with query (512 floats), best first, equal scores in ascending bucket order.
+ * 0, or -1 (nothing written) for a null pointer, an index without buckets, n_probe = 0 or an
+ * allocation failure. */
+ORVE_API int orve_ivf_route_top_buckets(const orve_ivf_index* index, const float* query,
+                                        uint32_t n_probe, uint32_t* out_buckets);
+
+/* Builds a two-level index by int8 k-means on both levels directly over codes (n x 512) with
+ * their scales and norms: level 1 from seed (0 acts as 1), the leaves of level-1 bucket i from
+ * seed + 1 + i. Needs 1 <= b1 <= n and 1 <= b2 <= n; -1 with out untouched otherwise. Any later
+ * failure leaves out all zero and returns -1. */
+ORVE_API int orve_hivf_build_i8(const int8_t* codes, const float* scales, const float* norms,
+                                uint32_t n, uint32_t b1, uint32_t b2, uint32_t seed,
+                                orve_hivf_index* out);
+
+/* As orve_hivf_build_i8, but both levels are trained by the float k-means over rows (n x 512
+ * floats describing the same vectors as codes). row_flags is not read and may be null. */
+ORVE_API int orve_hivf_build(const float* rows, uint32_t n, uint32_t b1, uint32_t b2,
+                             uint32_t seed, const int8_t* codes, const float* scales,
+                             const float* norms, const uint8_t* row_flags, orve_hivf_index* out);
+
+/* Frees every array of the H-IVF and of its leaf indexes and zeroes the record (which stays
+ * the caller's). Null is ignored; an all-zero record and a second call are harmless. */
+ORVE_API void orve_hivf_index_destroy(orve_hivf_index* index);
+
+/* Chooses the leaves to scan for query (512 floats): the min(n_probe_l1, b1) best level-1
+ * buckets, best first, and within each the min(n_probe_l2, its leaf count) best leaves, best
+ * first; a level-1 bucket without rows contributes nothing. Pair t is (out_l1[t], out_l2[t]);
+ * both arrays need room for min(n_probe_l1, b1) x min(n_probe_l2, b2) entries. 0 with
+ * *out_count set, or -1 (count not written) for a null pointer, b1 or b2 of 0, or an
+ * allocation failure. */
+ORVE_API int orve_hivf_route_top_leaves(const orve_hivf_index* index, const float* query,
+                                        uint32_t n_probe_l1, uint32_t n_probe_l2,
+                                        uint32_t* out_l1, uint32_t* out_l2, uint32_t* out_count);
+
+/* ======================================================================================== */
+/* Paged index file                                                                          */
+/* ======================================================================================== */
+
+/* An H-IVF written to a ".ivfp" file that is memory-mapped and searched in place. All fields
+ * are little-endian. A 72-byte header (the byte 0x00 then "ORVEVFP", version, dim 512, b1, b2,
+ * n_rows, 44 zero bytes), then the index part: level-1 centroid codes and (scale, norm) pairs,
+ * one 512-byte centroid, one 16-byte leaf-table entry and one 24-byte directory entry per leaf
+ * slot (b1 x b2 slots), zero-filled up to a 4096-byte boundary; then each non-empty leaf's
+ * rows, 64-byte aligned: codes, then scales, norms, row ids and node ids. Files of version 2
+ * are written; version 1 (no node ids) is still read. */
+
+/* Largest b1 and b2 that orve_ivf_paged_open accepts: a search keeps its per-query scratch in
+ * fixed tables of this many entries and allocates nothing. */
+#define ORVE_IVF_PAGED_MAX_B 64
+
+/* An open paged index. Every pointer points into the read-only shared mapping of the file;
+ * nothing of the file is copied. Allocated by orve_ivf_paged_open, freed by
+ * orve_ivf_paged_close; immutable in between except for low_memory. 88 bytes. */
+typedef struct orve_ivf_paged_index {
+    uint32_t b1;                       /* level-1 buckets, at most ORVE_IVF_PAGED_MAX_B */
+    uint32_t b2;                       /* leaf slots per level-1 bucket, at most the same */
+    uint32_t n_rows;                   /* rows in all leaves */
+    uint32_t version;                  /* 1 or 2 */
+    const int8_t* l1_codes;            /* b1 x 512 level-1 centroid codes */
+    const float* l1_scales;            /* centroid i's scale at l1_scales[2 * i] */
+    const float* l1_norms;             /* centroid i's norm at l1_norms[2 * i] */
+    const int8_t* leaf_centroid_codes; /* b1 x b2 x 512 */
+    const uint8_t* leaf_table;         /* b1 x b2 entries of 16 bytes */
+    const uint8_t* leaf_dir;           /* b1 x b2 entries of 24 bytes */
+    void* base;                        /* start of the mapping */
+    uint64_t length;                   /* mapped length: the file size at open */
+    int32_t fd;                        /* kept open while the mapping lives */
+    uint32_t low_memory;               /* nonzero: probed leaves are advised cold afterwards */
+} orve_ivf_paged_index;
+
+ORVE_STATIC_ASSERT(sizeof(orve_ivf_paged_index) == 88, ivf_paged_index_size);
+ORVE_STATIC_ASSERT(offsetof(orve_ivf_paged_index, version) == 12, ivf_paged_version);
+ORVE_STATIC_ASSERT(offsetof(orve_ivf_paged_index, l1_codes) == 16, ivf_paged_l1_codes);
+ORVE_STATIC_ASSERT(offsetof(orve_ivf_paged_index, leaf_dir) == 56, ivf_paged_leaf_dir);
+ORVE_STATIC_ASSERT(offsetof(orve_ivf_paged_index, base) == 64, ivf_paged_base);
+ORVE_STATIC_ASSERT(offsetof(orve_ivf_paged_index, length) == 72, ivf_paged_length);
+ORVE_STATIC_ASSERT(offsetof(orve_ivf_paged_index, fd) == 80, ivf_paged_fd);
+ORVE_STATIC_ASSERT(offsetof(orve_ivf_paged_index, low_memory) == 84, ivf_paged_low_memory);
+
+/* The search's candidate record, 20 bytes: float score, uint32 node_id, uint32 cluster_id,
+ * float node_score, uint32 row. */
+struct bf_topk_entry;
+
+/* Writes hivf to path, replacing any file there atomically: the content is written through a
+ * mapping of path + ".tmp", flushed, and renamed over path; a failure never leaves a partial
+ * file under path and removes the temporary file. node_ids[k] is the node identifier of global
+ * row k and must cover every row id the H-IVF holds. Prints one "[IVF_PAGED] wrote" line on
+ * standard output. 0 on success; -1 for a null argument, b1 or b2 of 0, an H-IVF whose arrays
+ * do not match its counts, or a path too long for the temporary name (nothing touched); -2
+ * when the temporary file cannot be created, sized or mapped, or the rename fails (with a
+ * message on standard error); -3 when memory runs out. Concurrent builds to one path are
+ * serialised. */
+ORVE_API int32_t orve_ivf_paged_build(const orve_hivf_index* hivf, const uint32_t* node_ids,
+                                      const char* path);
+
+/* Opens and maps path and checks it. 0 with *out_handle set (and an "opened" line on standard
+ * output); otherwise nothing stays open and a line goes to standard error: -1 null argument
+ * (no line), -2 cannot open or map, -3 out of memory (no line), -4 bad magic, -5 version
+ * neither 1 nor 2, -6 dim not 512, -7 too short, b1 or b2 of 0, or sections, counts or leaf
+ * blocks that do not fit the file or ORVE_IVF_PAGED_MAX_B. */
+ORVE_API int32_t orve_ivf_paged_open(const char* path, orve_ivf_paged_index** out_handle);
+
+/* Probes the min(n_probe_l1, b1) best level-1 buckets and, in each, the min(n_probe_l2, b2)
+ * best leaf slots (ties to the lower index), and offers every row scoring at least
+ * min_similarity to the bounded min-heap candidates[0 .. budget) whose fill count is *found
+ * (callers start it at 0). Candidates carry the row's global position in row, and 0 in
+ * cluster_id and node_score. query_codes, query_scale and query_norm are the quantised query;
+ * query_vector is not read. id_map gives node identifiers by row position for version-1 files
+ * and must then cover every row id of the file; with a null id_map a version-1 file yields
+ * nothing. Takes no lock and allocates nothing; any number may run on one handle at once.
+ * -1 when handle, query_codes, candidates or found is null, else 0. */
+ORVE_API int32_t orve_ivf_paged_search(const orve_ivf_paged_index* handle,
+                                       const float* query_vector, uint32_t n_probe_l1,
+                                       uint32_t n_probe_l2, const int8_t* query_codes,
+                                       struct bf_topk_entry* candidates, uint32_t* found,
+                                       uint32_t budget, const uint32_t* id_map, float query_scale,
+                                       float query_norm, float min_similarity);
+
+/* on nonzero: after a search has scanned a leaf, its pages are advised cold so that they are
+ * reclaimed first. Results do not change. Safe while searches run; null is ignored. */
+ORVE_API void orve_ivf_paged_set_low_memory(orve_ivf_paged_index* handle, uint32_t on);
+
+/* Evicts the mapping's resident pages from the process; they are read from the file again
+ * when next touched. Results do not change. Null is ignored. */
+ORVE_API void orve_ivf_paged_drop_cache(orve_ivf_paged_index* handle);
+
+/* Unmaps the file, closes its descriptor and frees the handle. No search may be running on
+ * it. Null is ignored. */
+ORVE_API void orve_ivf_paged_close(orve_ivf_paged_index* handle);
 
 /* ======================================================================================== */
 /* Vector sidecar file                                                                       */

@@ -11,6 +11,7 @@
 
 struct ivf_live;
 struct hivf_live;
+struct paged_attachment;
 
 // Types of the sub-records are named by their struct tags so this layout does not depend on
 // which parts of the library are built.
@@ -36,7 +37,7 @@ struct semantic_vector_indexing_system {
     std::atomic<hivf_live*> live_hivf;
     std::atomic<uint64_t> hivf_built_generation;
     struct orve_vec_sidecar* sidecar;
-    struct orve_ivf_paged_index* paged;
+    paged_attachment* paged;  // the open paged index, reference-counted (see paged_attachment.h)
     uint8_t slabs_dropped;
 };
 
@@ -50,7 +51,7 @@ constexpr int kClusterDim = 128;
 
 // Holds the object's recursive lock for a scope.
 class object_lock {
-public:
+  public:
     explicit object_lock(semantic_vector_indexing_system* sys) : m_(&sys->lock) {
         pthread_mutex_lock(m_);
     }
@@ -58,9 +59,19 @@ public:
     object_lock(const object_lock&) = delete;
     object_lock& operator=(const object_lock&) = delete;
 
-private:
+  private:
     pthread_mutex_t* m_;
 };
+
+// node_count is written under the lock but also read without it: by the index searches, the
+// unlocked capacity pre-checks of ingestion and by get_stats. Those reads, and every write, go
+// through atomic_ref so that they are atomic accesses rather than data races.
+inline uint32_t load_node_count(semantic_vector_indexing_system* sys) {
+    return std::atomic_ref<uint32_t>(sys->node_count).load(std::memory_order_acquire);
+}
+inline void store_node_count(semantic_vector_indexing_system* sys, uint32_t n) {
+    std::atomic_ref<uint32_t>(sys->node_count).store(n, std::memory_order_release);
+}
 
 // Parses a capacity the way ORVE_VECTOR_CAPACITY is read: base-10 signed 64-bit, leading blanks
 // and a sign allowed, stopping at the first non-digit; the low 32 bits taken as unsigned; any

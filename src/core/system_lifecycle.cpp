@@ -2,6 +2,7 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "core/paged_attachment.h"
 #include "core/system.h"
 #include "util/c_alloc.h"
 
@@ -92,7 +93,7 @@ extern "C" ORVE_API void semantic_vector_indexing_system_destroy(
     }
     orve_vec_sidecar_close(sys->sidecar);
     sys->sidecar = nullptr;
-    // The paged index is attached by its own module; nothing attaches one yet.
+    orve::paged_attachment_release(sys->paged);  // closes it unless a search still holds it
     sys->paged = nullptr;
     if (has_lock) pthread_mutex_destroy(&sys->lock);
     zero_object(sys);
@@ -115,7 +116,7 @@ extern "C" ORVE_API int semantic_vector_indexing_system_get_stats(
     }
     // An object that is not created has no clustering index to read: refuse rather than guess.
     if (!sys->initialized) return -1;
-    *out_node_count = sys->node_count;
+    *out_node_count = orve::load_node_count(sys);
     // The clustering index is absent only after a failed rebuild; it then has no clusters.
     const enhanced_clustering_index* c = sys->clustering_index;
     *out_cluster_count = c != nullptr ? c->n_active : 0;
@@ -124,12 +125,12 @@ extern "C" ORVE_API int semantic_vector_indexing_system_get_stats(
     return 0;
 }
 
-extern "C" ORVE_API uint64_t semantic_vector_indexing_system_get_ivf_generation(
-    semantic_vector_indexing_system* sys) {
+extern "C" ORVE_API uint64_t
+semantic_vector_indexing_system_get_ivf_generation(semantic_vector_indexing_system* sys) {
     return sys == nullptr ? 0 : sys->ingest_generation.load();
 }
 
-extern "C" ORVE_API uint64_t semantic_vector_indexing_system_get_ivf_built_generation(
-    semantic_vector_indexing_system* sys) {
+extern "C" ORVE_API uint64_t
+semantic_vector_indexing_system_get_ivf_built_generation(semantic_vector_indexing_system* sys) {
     return sys == nullptr ? 0 : sys->ivf_built_generation.load();
 }

@@ -3,7 +3,10 @@
 #include <cstdio>
 
 #include "core/system.h"
+#include "core/publication.h"
 #include "search/brute_force.h"
+#include "search/ivf_pinned_search.h"
+#include "search/paged_path.h"
 
 namespace {
 
@@ -45,8 +48,7 @@ extern "C" ORVE_API int semantic_vector_indexing_system_search_similar(
             // after a failed refresh, and then finds nothing.
             if (sys->lsh_index != nullptr) {
                 (void)enhanced_lsh_index_search_similar(sys->lsh_index, q->embedding,
-                                                        q->min_similarity, results,
-                                                        count);
+                                                        q->min_similarity, results, count);
             }
             return 0;
         }
@@ -54,8 +56,24 @@ extern "C" ORVE_API int semantic_vector_indexing_system_search_similar(
         return 0;
     }
 
-    // The paged, H-IVF and IVF paths come first when the query asks for them and an index is
-    // attached and current; none can be published yet, so every query reaches brute force.
+    const bool k_and_vector = q->query_vector != nullptr && q->max_results != 0;
+    if (q->use_hivf && q->n_probe_l1 != 0 && q->n_probe_l2 != 0 && k_and_vector) {
+        // An attached file takes the place of the in-memory H-IVF.
+        const int paged = orve::search_paged(sys, q, results, count);
+        if (paged == 0) return 0;
+        if (paged == orve::kNoPagedIndex &&
+            search_similar_orve512_hivf_pinned(sys, q, results, count) == 0) {
+            return 0;
+        }
+    }
+    if (q->use_ivf && q->n_probe != 0 && k_and_vector) {
+        ivf_live* pinned = nullptr;
+        if (ivf_rcu_pin_live(sys, &pinned) == 0) {
+            const int rc = search_similar_orve512_ivf_rcu_pinned(sys, pinned, q, results, count);
+            ivf_live_release(pinned);
+            if (rc == 0) return 0;
+        }
+    }
 
     if (sys->slabs_dropped && sys->slab_i8 == nullptr) {
         std::fputs("[ORVE] bruteforce fallback disabled: flat slabs were dropped\n", stderr);

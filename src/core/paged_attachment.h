@@ -1,0 +1,28 @@
+// The attached paged index, shared by reference count between the object and the searches that
+// read it: replacing or detaching it only drops the object's reference, and the handle is
+// closed by the last release, after every search that read it has finished.
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+
+#include "semantic_vector_indexing.h"
+
+struct paged_attachment {
+    std::atomic<uint32_t> refs;
+    orve_ivf_paged_index* handle;
+};
+
+namespace orve {
+
+// Wraps an open handle with one reference (the object's); null on allocation failure, in
+// which case the handle is left open for the caller.
+paged_attachment* paged_attachment_wrap(orve_ivf_paged_index* handle);
+
+// Takes a reference to the attached paged index under the object's lock; null when none.
+paged_attachment* paged_attachment_pin(semantic_vector_indexing_system* sys);
+
+// Drops a reference; the last one closes the handle. Null is ignored.
+void paged_attachment_release(paged_attachment* a);
+
+}  // namespace orve

@@ -1,0 +1,72 @@
+// Searches on the paged path while another thread keeps attaching files, and H-IVF scans on a
+// pinned index while its rows are released to a file: a replaced handle must stay open until
+// its last search ends, and released rows must stay alive for searches that pinned them.
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <string>
+#include <thread>
+
+#include "core/publication.h"
+#include "core/system.h"
+#include "search/ivf_pinned_search.h"
+#include "support/system_fixture.h"
+
+namespace {
+
+TEST(Concurrency, PagedSearchesWhileFilesAreSwapped) {
+    char t[] = "/tmp/orve_paged_stress_XXXXXX";
+    ASSERT_NE(mkdtemp(t), nullptr);
+    const std::string a = std::string(t) + "/a.ivfp", b2 = std::string(t) + "/b.ivfp";
+    orve_test::system_block b;
+    auto* sys = b.get();
+    ASSERT_EQ(orve_test::create_with_capacity(sys, "2000"), 0);
+    const auto vecs = orve_test::gaussian_vectors(1000, 120);
+    ASSERT_EQ(semantic_vector_indexing_system_load_vectors_f32(sys, vecs.data(), 1000), 1000);
+    ASSERT_EQ(semantic_vector_indexing_system_build_ivf_level2(sys, 2, 4, 1), 0);
+    testing::internal::CaptureStdout();
+    testing::internal::CaptureStderr();
+
+    std::atomic<bool> done{false}, bad{false};
+    auto searcher = [&](int t) {
+        for (int round = 0; !done.load() || round < 5; ++round) {
+            auto q = orve_test::int8_query(&vecs[((round * 7 + t) % 1000) * 512], 4);
+            q.use_hivf = 1;
+            q.n_probe_l1 = 2;
+            q.n_probe_l2 = 2;
+            vector_similarity_result r[4];
+            uint32_t n = 0;
+            if (semantic_vector_indexing_system_search_similar(sys, &q, r, &n) != 0) bad = true;
+            for (uint32_t i = 0; i < n; ++i) {
+                if (r[i].rank != i + 1 || r[i].node_id == 0 || r[i].node_id > 1000) bad = true;
+            }
+            // Also scan the in-memory H-IVF directly while its rows may be moved to a file.
+            if (search_similar_orve512_hivf_pinned(sys, &q, r, &n) == 0) {
+                for (uint32_t i = 0; i < n; ++i) {
+                    if (r[i].node_id == 0 || r[i].node_id > 1000) bad = true;
+                }
+            }
+        }
+    };
+    std::thread s1(searcher, 0), s2(searcher, 1);
+    for (int i = 0; i < 6; ++i) {
+        // A fresh H-IVF with rows, written to a file that replaces the attached one.
+        if (semantic_vector_indexing_system_build_ivf_level2(sys, 2, 4, i + 2) != 0) bad = true;
+        const std::string& path = (i % 2) ? a : b2;
+        if (semantic_vector_indexing_system_build_ivf_paged(sys, path.c_str()) != 0) bad = true;
+        if (semantic_vector_indexing_system_open_ivf_paged(sys, path.c_str()) != 0) bad = true;
+    }
+    done = true;
+    s1.join();
+    s2.join();
+    testing::internal::GetCapturedStdout();
+    testing::internal::GetCapturedStderr();
+    EXPECT_FALSE(bad.load());
+    semantic_vector_indexing_system_destroy(sys);
+    unlink(a.c_str());
+    unlink(b2.c_str());
+    rmdir(t);
+}
+
+}  // namespace
