@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
 # The whole test suite: the x86-64 build, the same tests under AddressSanitizer and
 # UndefinedBehaviorSanitizer, the concurrency tests under ThreadSanitizer, and the aarch64 cross
-# build run under qemu.
+# build run under qemu, then 60 seconds of fuzzing the paged index reader.
 source "$(dirname "$0")/common.sh"
 ensure_packages cmake ninja-build g++ libgtest-dev googletest g++-aarch64-linux-gnu qemu-user
 
@@ -25,5 +25,7 @@ ctest --test-dir build/tsan --output-on-failure -L concurrency --timeout 900
 run_leg "aarch64 (cross-compiled, run under qemu-aarch64 -cpu max)" build/aarch64 \
     -DCMAKE_BUILD_TYPE=RelWithDebInfo -DORVE_BUILD_BENCH=OFF \
     -DCMAKE_TOOLCHAIN_FILE="$ROOT/cmake/aarch64-linux-gnu.cmake"
+echo
+bash "$ROOT/scripts/run-fuzz.sh" 60
 echo
 echo "all legs passed"

@@ -4,6 +4,7 @@
 
 #include <cmath>
 
+#include "util/cpu_features.h"
 #include "ivf/ivf_internal.h"
 #include "ivf/l2sq_512_kernels.h"
 
@@ -29,14 +30,13 @@ struct kernel_set {
 kernel_set probe() {
     kernel_set s{{{"portable", l2sq_partials_portable}}, 1};
 #if defined(__x86_64__)
-    __builtin_cpu_init();
-    if (__builtin_cpu_supports("avx2") && __builtin_cpu_supports("fma")) {
+    const cpu_features& cpu = host_cpu_features();
+    if (cpu.avx2 && cpu.fma) {
         s.k[s.n++] = l2sq_kernel{"avx2_fma", l2sq_partials_avx2_fma};
     }
     // The AVX-512 file is compiled with the same flags as the VNNI dot-product kernel, so it is
     // only run where all of them are present.
-    if (__builtin_cpu_supports("avx512f") && __builtin_cpu_supports("avx512bw") &&
-        __builtin_cpu_supports("avx512vnni")) {
+    if (cpu.avx512f && cpu.avx512bw && cpu.avx512_vnni) {
         s.k[s.n++] = l2sq_kernel{"avx512", l2sq_partials_avx512};
     }
 #elif defined(__aarch64__)

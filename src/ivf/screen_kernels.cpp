@@ -1,4 +1,5 @@
 // The portable screen kernel and the choice of the fastest one.
+#include "util/cpu_features.h"
 #include "ivf/screen_kernels.h"
 
 #include "quant/dot512_kernels.h"
@@ -37,9 +38,8 @@ kernel_set probe() {
         {{"portable", screen_dots4_portable, screen_bounds_portable, screen_candidates_portable}},
         1};
 #if defined(__x86_64__)
-    __builtin_cpu_init();
-    if (__builtin_cpu_supports("avx512f") && __builtin_cpu_supports("avx512bw") &&
-        __builtin_cpu_supports("avx512vnni")) {
+    const cpu_features& cpu = host_cpu_features();
+    if (cpu.avx512f && cpu.avx512bw && cpu.avx512_vnni) {
         s.k[s.n++] = screen_kernel{"avx512_vnni", screen_dots4_avx512vnni, screen_bounds_avx512,
                                    screen_candidates_avx512};
     }

@@ -1,6 +1,7 @@
 // Which 512-lane kernel runs on this processor, and the exported entry points over it.
 #include "quant/dot512_kernels.h"
 #include "semantic_vector_indexing.h"
+#include "util/cpu_features.h"
 
 namespace orve {
 namespace {
@@ -18,12 +19,10 @@ struct kernel_set {
 
 kernel_set probe() {
     kernel_set s{{kReference}, 1};
-    __builtin_cpu_init();
-    if (__builtin_cpu_supports("avx2")) s.k[s.n++] = kAvx2;
-    if (__builtin_cpu_supports("avxvnni")) s.k[s.n++] = kAvxVnni;
-    if (__builtin_cpu_supports("avx512vnni") && __builtin_cpu_supports("avx512bw")) {
-        s.k[s.n++] = kAvx512Vnni;
-    }
+    const cpu_features& cpu = host_cpu_features();
+    if (cpu.avx2) s.k[s.n++] = kAvx2;
+    if (cpu.avx2 && cpu.avx_vnni) s.k[s.n++] = kAvxVnni;
+    if (cpu.avx512f && cpu.avx512bw && cpu.avx512_vnni) s.k[s.n++] = kAvx512Vnni;
     return s;
 }
 
