@@ -6,6 +6,8 @@
 #include <cstdint>
 #include <cstring>
 
+#include "util/little_endian.h"
+
 #include "semantic_vector_indexing.h"
 
 namespace orve::sidecar {
@@ -26,60 +28,41 @@ inline constexpr uint32_t kValueBytes = kDim * 4;
 inline constexpr uint32_t kRowBytes = kRowValuesOffset + kValueBytes;
 static_assert(kRowBytes == 2056);
 
-inline void put_u32_le(uint8_t* p, uint32_t v) {
-    p[0] = static_cast<uint8_t>(v);
-    p[1] = static_cast<uint8_t>(v >> 8);
-    p[2] = static_cast<uint8_t>(v >> 16);
-    p[3] = static_cast<uint8_t>(v >> 24);
-}
+// Little-endian fields, shared with the paged index file.
+using orve::load_f32;
+using orve::load_u32;
+using orve::store_f32;
+using orve::store_u32;
 
-inline uint32_t get_u32_le(const uint8_t* p) {
-    return static_cast<uint32_t>(p[0]) | (static_cast<uint32_t>(p[1]) << 8) |
-           (static_cast<uint32_t>(p[2]) << 16) | (static_cast<uint32_t>(p[3]) << 24);
-}
-
-// Floats travel as their bit patterns, so NaN payloads and signed zeros survive a round trip.
-inline void put_f32_le(uint8_t* p, float v) {
-    uint32_t bits;
-    std::memcpy(&bits, &v, sizeof bits);
-    put_u32_le(p, bits);
-}
-
-inline float get_f32_le(const uint8_t* p) {
-    const uint32_t bits = get_u32_le(p);
-    float v;
-    std::memcpy(&v, &bits, sizeof v);
-    return v;
-}
 
 // A fresh header: magic, version, dimension, row size, reserved bytes zero.
 inline void encode_header(uint8_t (&out)[kHeaderBytes]) {
     std::memset(out, 0, sizeof out);
     std::memcpy(out, kMagic, sizeof kMagic);
-    put_u32_le(out + kHeaderVersionOffset, kVersion);
-    put_u32_le(out + kHeaderDimOffset, kDim);
-    put_u32_le(out + kHeaderRowBytesOffset, kRowBytes);
+    store_u32(out + kHeaderVersionOffset, kVersion);
+    store_u32(out + kHeaderDimOffset, kDim);
+    store_u32(out + kHeaderRowBytesOffset, kRowBytes);
 }
 
 // The reserved bytes are not looked at: a later writer may use them without breaking readers.
 inline bool header_matches(const uint8_t (&in)[kHeaderBytes]) {
     return std::memcmp(in, kMagic, sizeof kMagic) == 0 &&
-           get_u32_le(in + kHeaderVersionOffset) == kVersion &&
-           get_u32_le(in + kHeaderDimOffset) == kDim &&
-           get_u32_le(in + kHeaderRowBytesOffset) == kRowBytes;
+           load_u32(in + kHeaderVersionOffset) == kVersion &&
+           load_u32(in + kHeaderDimOffset) == kDim &&
+           load_u32(in + kHeaderRowBytesOffset) == kRowBytes;
 }
 
 // A complete row: id, live byte 1, reserved zero, the 512 values.
 inline void encode_row(uint8_t (&out)[kRowBytes], uint32_t id, const float* values) {
     std::memset(out, 0, sizeof out);
-    put_u32_le(out + kRowIdOffset, id);
+    store_u32(out + kRowIdOffset, id);
     out[kRowLiveOffset] = 1;
-    for (uint32_t i = 0; i < kDim; ++i) put_f32_le(out + kRowValuesOffset + 4 * i, values[i]);
+    for (uint32_t i = 0; i < kDim; ++i) store_f32(out + kRowValuesOffset + 4 * i, values[i]);
 }
 
 // The 512 values of a row, from the bytes starting at the row's value field.
 inline void decode_values(const uint8_t* in, float* out) {
-    for (uint32_t i = 0; i < kDim; ++i) out[i] = get_f32_le(in + 4 * i);
+    for (uint32_t i = 0; i < kDim; ++i) out[i] = load_f32(in + 4 * i);
 }
 
 // Byte offset of row `row`, and of its values, in 64-bit arithmetic: row numbers go up to

@@ -24,7 +24,7 @@ extern "C" ORVE_API int32_t orve_vec_sidecar_load(const char* path,
     for (;;) {
         // A short read is the end: of the file, of a partial last row, or of a readable file.
         if (sc::read_full(fd.get(), row, sizeof row) != sizeof row) return 0;
-        const uint32_t id = sc::get_u32_le(row + sc::kRowIdOffset);
+        const uint32_t id = sc::load_u32(row + sc::kRowIdOffset);
         if (row[sc::kRowLiveOffset] == 0 || id == 0) continue;
         sc::decode_values(row + sc::kRowValuesOffset, values);
         const int32_t rc = callback(id, values, user);
