@@ -1,0 +1,185 @@
+// The inspector's decoding of paged index and sidecar files: offsets against the arithmetic of
+// the published layout, counts against files written by hand or by the library, and the
+// problems it must notice in damaged files.
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+#include <cstring>
+#include <random>
+#include <string>
+#include <vector>
+
+#include "../../tools/orve/index_files.h"
+#include "../../tools/orve/tool_error.h"
+#include "semantic_vector_indexing.h"
+#include "tool_test_files.h"
+
+namespace {
+
+using namespace orve_tool_test;
+using orve::tool::index_file_kind;
+using orve::tool::read_ivfp_report;
+using orve::tool::read_sidecar_report;
+using orve::tool::sniff_index_file;
+
+bytes sidecar_header(uint32_t version = 1, uint32_t dim = 512, uint32_t row_bytes = 2056) {
+    bytes b = {'O', 'R', 'V', 'E', 'V', 'E', 'C', 'A'};
+    put_le32(b, version);
+    put_le32(b, dim);
+    put_le32(b, row_bytes);
+    b.resize(32, 0);
+    return b;
+}
+
+void add_row(bytes& b, uint32_t id, uint8_t live) {
+    put_le32(b, id);
+    b.push_back(live);
+    b.resize(b.size() + 3 + 2048, 0);
+}
+
+// A paged index written by the library from n Gaussian rows with a b1 x b2 H-IVF.
+std::string write_paged(const scratch_dir& dir, uint32_t n, uint32_t b1, uint32_t b2) {
+    std::vector<unsigned char> block(semantic_vector_indexing_system_sizeof(), 0);
+    auto* sys = reinterpret_cast<semantic_vector_indexing_system*>(block.data());
+    setenv("ORVE_VECTOR_CAPACITY", std::to_string(n).c_str(), 1);
+    EXPECT_EQ(semantic_vector_indexing_system_create(sys), 0);
+    std::mt19937 rng(11);
+    std::normal_distribution<float> g;
+    std::vector<float> v(size_t{n} * 512);
+    for (float& x : v) x = g(rng);
+    EXPECT_EQ(semantic_vector_indexing_system_load_vectors_f32(sys, v.data(), n),
+              static_cast<int>(n));
+    EXPECT_EQ(semantic_vector_indexing_system_build_ivf_level2(sys, b1, b2, 3), 0);
+    const std::string path = dir.file("p.ivfp");
+    EXPECT_EQ(semantic_vector_indexing_system_build_ivf_paged(sys, path.c_str()), 0);
+    semantic_vector_indexing_system_destroy(sys);
+    return path;
+}
+
+bool mentions(const std::vector<std::string>& problems, const std::string& text) {
+    for (const std::string& p : problems) {
+        if (p.find(text) != std::string::npos) return true;
+    }
+    return false;
+}
+
+TEST(SidecarReport, CountsLiveDeadRepeatedAndPartialRows) {
+    scratch_dir dir;
+    bytes b = sidecar_header();
+    add_row(b, 5, 1);
+    add_row(b, 0, 1);  // id 0: dead whatever the live byte says
+    add_row(b, 7, 0);  // live byte 0: dead
+    add_row(b, 9, 1);
+    add_row(b, 5, 1);  // the same id again
+    b.resize(b.size() + 100, 0xab);
+    write_file(dir.file("s.sc"), b);
+
+    const auto r = read_sidecar_report(dir.file("s.sc"));
+    EXPECT_TRUE(r.header_ok);
+    EXPECT_EQ(r.file_size, 32u + 5 * 2056 + 100);
+    EXPECT_EQ(r.rows, 5u);
+    EXPECT_EQ(r.live_rows, 3u);
+    EXPECT_EQ(r.dead_rows, 2u);
+    EXPECT_EQ(r.duplicate_ids, 1u);
+    EXPECT_EQ(r.partial_bytes, 100u);
+    EXPECT_EQ(r.min_id, 5u);
+    EXPECT_EQ(r.max_id, 9u);
+    EXPECT_EQ(sniff_index_file(dir.file("s.sc")), index_file_kind::sidecar);
+}
+
+TEST(SidecarReport, FlagsHeadersTheLibraryWouldDiscard) {
+    scratch_dir dir;
+    for (const bytes& h :
+         {sidecar_header(2), sidecar_header(1, 128), sidecar_header(1, 512, 520)}) {
+        bytes b = h;
+        add_row(b, 1, 1);
+        write_file(dir.file("h.sc"), b);
+        const auto r = read_sidecar_report(dir.file("h.sc"));
+        EXPECT_TRUE(r.magic_ok);
+        EXPECT_FALSE(r.header_ok);
+        EXPECT_EQ(r.rows, 0u);
+    }
+    write_file(dir.file("short.sc"), bytes{'O', 'R', 'V', 'E', 'V', 'E', 'C', 'A', 1});
+    const auto r = read_sidecar_report(dir.file("short.sc"));
+    EXPECT_TRUE(r.magic_ok);
+    EXPECT_FALSE(r.header_ok);
+    write_file(dir.file("empty.sc"), {});
+    EXPECT_EQ(sniff_index_file(dir.file("empty.sc")), index_file_kind::unknown);
+    EXPECT_THROW(sniff_index_file(dir.file("missing")), orve::tool::tool_error);
+}
+
+TEST(IvfpReport, DecodesALibraryWrittenFile) {
+    scratch_dir dir;
+    const std::string path = write_paged(dir, 1200, 2, 3);
+    ASSERT_EQ(sniff_index_file(path), index_file_kind::paged_index);
+    const auto r = read_ivfp_report(path);
+    EXPECT_TRUE(r.problems.empty()) << (r.problems.empty() ? "" : r.problems[0]);
+    EXPECT_TRUE(r.magic_ok);
+    EXPECT_EQ(r.version, 2u);
+    EXPECT_EQ(r.dim, 512u);
+    EXPECT_EQ(r.b1, 2u);
+    EXPECT_EQ(r.b2, 3u);
+    EXPECT_EQ(r.n_rows, 1200u);
+    EXPECT_TRUE(r.reserved_zero);
+    // align64(72 + 520 * 2) = 1152; + 512 * 6 = 4224; + 16 * 6 = 4320; align4096(4320 + 144).
+    EXPECT_EQ(r.leaf_centroids, 1152u);
+    EXPECT_EQ(r.leaf_table, 4224u);
+    EXPECT_EQ(r.leaf_directory, 4320u);
+    EXPECT_EQ(r.leaf_data, 8192u);
+    EXPECT_EQ(r.slots, 6u);
+    EXPECT_EQ(r.rows_in_leaves, 1200u);
+    EXPECT_EQ(r.data_end, r.file_size);
+    EXPECT_LE(r.leaf_min, r.leaf_median);
+    EXPECT_LE(r.leaf_median, r.leaf_max);
+    EXPECT_GE(r.leaf_max * (r.slots - r.empty_slots), 1200u);
+    EXPECT_EQ(r.l1_min + r.l1_max, 1200u);  // two level-1 buckets share every row
+}
+
+TEST(IvfpReport, NoticesDamage) {
+    scratch_dir dir;
+    const std::string path = write_paged(dir, 1200, 2, 3);
+    const bytes good = read_file(path);
+
+    // Leaf table count of slot 0 no longer matches the directory or the header.
+    bytes miscounted = good;
+    miscounted[4224 + 8] ^= 1;
+    write_file(path, miscounted);
+    auto r = read_ivfp_report(path);
+    EXPECT_TRUE(mentions(r.problems, "disagree on their row count"));
+    EXPECT_TRUE(mentions(r.problems, "the header says 1200 rows"));
+
+    bytes cut = good;
+    cut.resize(good.size() - 64);
+    write_file(path, cut);
+    r = read_ivfp_report(path);
+    EXPECT_FALSE(r.problems.empty());
+
+    bytes index_only = good;
+    index_only.resize(5000);
+    write_file(path, index_only);
+    r = read_ivfp_report(path);
+    EXPECT_TRUE(mentions(r.problems, "file ends before the leaf data section at 8192"));
+
+    bytes huge = good;
+    huge[17] = 0xff;  // b1 = 2 + 0xff00: its tables cannot fit
+    write_file(path, huge);
+    r = read_ivfp_report(path);
+    EXPECT_FALSE(r.tables_read);
+    EXPECT_TRUE(mentions(r.problems, "extends past the end of the file"));
+
+    bytes foreign = good;
+    foreign[0] = 'X';
+    foreign[13] = 1;  // little-endian dim 0x200 becomes 0x100
+    write_file(path, foreign);
+    r = read_ivfp_report(path);
+    EXPECT_FALSE(r.magic_ok);
+    EXPECT_TRUE(mentions(r.problems, "bad magic"));
+    EXPECT_TRUE(mentions(r.problems, "dim 256"));
+    EXPECT_EQ(sniff_index_file(path), index_file_kind::unknown);
+
+    write_file(path, bytes(40, 0));
+    r = read_ivfp_report(path);
+    EXPECT_TRUE(mentions(r.problems, "shorter than the 72-byte header"));
+}
+
+}  // namespace

@@ -1,0 +1,351 @@
+// orve demo: the library's whole life cycle on generated data, with recall and latency of
+// every search path measured against exact neighbours, then a restart from the files.
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <chrono>
+#include <cmath>
+#include <cstdio>
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "commands.h"
+#include "datasets.h"
+#include "exact.h"
+#include "library.h"
+#include "outputs.h"
+#include "progress.h"
+#include "tool_error.h"
+
+namespace orve::tool {
+
+namespace {
+
+constexpr uint32_t kChunk = 4096;
+
+struct measured_path {
+    std::string path;
+    std::string settings;
+    bool rerank = false;
+    double recall = 0.0;
+    double qps = 0.0;
+    double p50_us = 0.0;
+    double p99_us = 0.0;
+    std::vector<std::vector<hit>> answers;
+};
+
+double percentile(std::vector<double> sorted_values, double p) {
+    if (sorted_values.empty()) return 0.0;
+    std::sort(sorted_values.begin(), sorted_values.end());
+    // Nearest rank: the smallest value with at least p of the samples at or below it.
+    size_t rank = static_cast<size_t>(std::ceil(p * static_cast<double>(sorted_values.size())));
+    rank = std::clamp<size_t>(rank, 1, sorted_values.size());
+    return sorted_values[rank - 1];
+}
+
+std::vector<std::vector<hit>> answer_all(semantic_vector_indexing_system* sys,
+                                         const search_params& params,
+                                         const std::vector<float>& queries, uint32_t n,
+                                         std::vector<double>* latencies_us, double* wall_s) {
+    searcher s(sys, params);
+    std::vector<std::vector<hit>> answers(n);
+    // A few untimed queries first, so page faults of a freshly written file and cold caches
+    // are not charged to the first timed queries.
+    for (uint32_t q = 0; q < std::min<uint32_t>(n, 16); ++q)
+        s.run(queries.data() + uint64_t{q} * 512);
+    const auto start = std::chrono::steady_clock::now();
+    for (uint32_t q = 0; q < n; ++q) {
+        const auto t0 = std::chrono::steady_clock::now();
+        answers[q] = s.run(queries.data() + uint64_t{q} * 512);
+        const auto t1 = std::chrono::steady_clock::now();
+        if (latencies_us) {
+            latencies_us->push_back(std::chrono::duration<double, std::micro>(t1 - t0).count());
+        }
+    }
+    if (wall_s) *wall_s = seconds_since(start);
+    return answers;
+}
+
+measured_path measure(semantic_vector_indexing_system* sys, const search_params& params,
+                      const std::string& settings, const std::vector<float>& queries, uint32_t n,
+                      const std::vector<std::vector<uint32_t>>& truth) {
+    measured_path m;
+    m.path = path_name(params.path);
+    m.settings = settings;
+    m.rerank = params.rerank;
+    std::vector<double> latencies;
+    double wall = 0.0;
+    m.answers = answer_all(sys, params, queries, n, &latencies, &wall);
+    double total = 0.0;
+    for (uint32_t q = 0; q < n; ++q) {
+        std::vector<uint32_t> ids;
+        for (const hit& h : m.answers[q]) ids.push_back(h.node_id);
+        total += recall(ids, truth[q]);
+    }
+    m.recall = total / n;
+    m.qps = wall > 0 ? n / wall : 0.0;
+    m.p50_us = percentile(latencies, 0.50);
+    m.p99_us = percentile(latencies, 0.99);
+    return m;
+}
+
+uint32_t count_identical(const std::vector<std::vector<hit>>& a,
+                         const std::vector<std::vector<hit>>& b) {
+    uint32_t same = 0;
+    for (size_t q = 0; q < a.size() && q < b.size(); ++q) same += a[q] == b[q] ? 1 : 0;
+    return same;
+}
+
+uint64_t file_size(const std::string& path) {
+    struct stat st {};
+    return ::stat(path.c_str(), &st) == 0 ? static_cast<uint64_t>(st.st_size) : 0;
+}
+
+void check(int rc, const std::string& what) {
+    if (rc != 0) throw tool_error(what + " failed (library code " + std::to_string(rc) + ")");
+}
+
+}  // namespace
+
+const command_def& demo_def() {
+    static const command_def def{
+        "demo",
+        "[--rows N] [--dataset clustered|facts] [--dir DIR] [--seed S] [--queries Q] [-k K]\n"
+        "                 [--nlist K] [--nprobe N] [--b1 B --b2 B] [--nprobe-l1 A --nprobe-l2 B]",
+        "generate a data set, build every index, measure every search path",
+        "Generates a seeded data set, ingests it into a new object with a sidecar file, builds\n"
+        "the IVF and the two-level H-IVF, writes the H-IVF to a paged .ivfp file, and answers\n"
+        "held-out queries on every path (brute force, IVF, H-IVF, paged; each with and without\n"
+        "exact re-ranking). The table gives recall@k against exact float cosine neighbours\n"
+        "computed by the tool in double precision, queries per second and the median and\n"
+        "99th-percentile latency of one query (single thread). The object is then destroyed and\n"
+        "created again from the sidecar and the .ivfp, and the answers are compared.",
+        {
+            {"--rows", "N", "rows to ingest, 1000 to 1100000 (default 20000)"},
+            {"--dataset", "KIND",
+             "clustered: Gaussian mixture of about N/100 centres (default)\n"
+             "facts: (subject, relation, object) facts encoded by the HRR encoder"},
+            {"--dir", "DIR",
+             "keep the sidecar and .ivfp as DIR/demo.sidecar and DIR/demo.ivfp (replaced if\n"
+             "present); default: a temporary directory removed at the end"},
+            {"--seed", "S", "seed of the data and of index training (default 1)"},
+            {"--queries", "Q", "held-out queries, 1 to 100000 (default 300)"},
+            {"-k", "K", "neighbours per query, 1 to 1000 (default 10)"},
+            {"--nlist", "K", "IVF buckets (default about 4 x sqrt(N))"},
+            {"--nprobe", "N", "IVF buckets probed (default nlist / 16)"},
+            {"--b1", "B", "H-IVF level-1 buckets, at most 64 (default about 2 x N^(1/4))"},
+            {"--b2", "B", "H-IVF leaves per level-1 bucket, at most 64 (default as --b1)"},
+            {"--nprobe-l1", "A", "H-IVF level-1 buckets probed (default b1 / 4)"},
+            {"--nprobe-l2", "B", "H-IVF leaves probed per level-1 bucket (default b2 / 4)"},
+            {"--quiet", "", "no progress or warnings on standard error"},
+            {"--help", "", "show this help"},
+        }};
+    return def;
+}
+
+int run_demo(const parsed_args& args) {
+    const reporter rep(args.has("--quiet"));
+    if (!args.positionals().empty()) {
+        throw usage_error("unexpected argument '" + args.positionals()[0] + "'");
+    }
+    const uint64_t rows = args.get_uint("--rows", 20000, 1000, 1100000);
+    const uint32_t n_queries = static_cast<uint32_t>(args.get_uint("--queries", 300, 1, 100000));
+    const uint32_t k = static_cast<uint32_t>(args.get_uint("-k", 10, 1, 1000));
+    const uint64_t seed = args.get_uint("--seed", 1, 0, UINT32_MAX);
+    const std::string kind = args.get_or("--dataset", "clustered");
+    if (kind != "clustered" && kind != "facts") {
+        throw usage_error("--dataset expects clustered or facts, got '" + kind + "'");
+    }
+    const uint32_t nlist =
+        static_cast<uint32_t>(args.get_uint("--nlist", default_nlist(rows), 1, rows));
+    const uint32_t nprobe =
+        static_cast<uint32_t>(args.get_uint("--nprobe", default_nprobe(nlist), 1, nlist));
+    const uint32_t b1 = static_cast<uint32_t>(
+        args.get_uint("--b1", default_branching(rows), 1, ORVE_IVF_PAGED_MAX_B));
+    const uint32_t b2 = static_cast<uint32_t>(args.get_uint("--b2", b1, 1, ORVE_IVF_PAGED_MAX_B));
+    if (uint64_t{b1} * b2 > rows) throw usage_error("--b1 x --b2 must not exceed --rows");
+    const uint32_t nprobe_l1 =
+        static_cast<uint32_t>(args.get_uint("--nprobe-l1", default_nprobe_level(b1), 1, b1));
+    const uint32_t nprobe_l2 =
+        static_cast<uint32_t>(args.get_uint("--nprobe-l2", default_nprobe_level(b2), 1, b2));
+
+    // Files: kept in --dir, or in a private directory that goes away with the demo.
+    std::optional<temp_directory> scratch;
+    std::optional<discard_on_failure> kept_files;
+    std::string sidecar_path, ivfp_path;
+    if (args.has("--dir")) {
+        const std::string dir = args.get("--dir");
+        if (::mkdir(dir.c_str(), 0755) != 0 && errno != EEXIST) {
+            throw tool_error(dir + ": cannot create directory: " + errno_text(errno));
+        }
+        sidecar_path = dir + "/demo.sidecar";
+        ivfp_path = dir + "/demo.ivfp";
+        // A sidecar left by an earlier run would be replayed into the new object.
+        ::unlink(sidecar_path.c_str());
+        ::unlink(ivfp_path.c_str());
+        kept_files.emplace(std::vector<std::string>{sidecar_path, ivfp_path});
+    } else {
+        scratch.emplace();
+        sidecar_path = scratch->file("demo.sidecar");
+        ivfp_path = scratch->file("demo.ivfp");
+    }
+
+    step_timer gen_step(rep, "generating " + kind + " data set");
+    std::unique_ptr<dataset> data =
+        kind == "facts" ? make_facts(rows, seed) : make_clustered(rows, seed);
+    std::vector<float> queries(uint64_t{n_queries} * 512);
+    data->make_queries(n_queries, queries.data());
+    gen_step.done();
+
+    system_object sys(rows);
+    check(semantic_vector_indexing_system_open_sidecar(sys.get(), sidecar_path.c_str()),
+          sidecar_path + ": attaching the sidecar");
+
+    // Rows are generated, ingested and offered to the exact search one chunk at a time.
+    exact_topk exact(queries.data(), n_queries, k);
+    std::vector<float> chunk(uint64_t{kChunk} * 512);
+    double ingest_s = 0.0;
+    {
+        progress_bar bar(rep, "ingesting", rows, "rows");
+        for (uint64_t done = 0; done < rows;) {
+            const uint32_t n = static_cast<uint32_t>(std::min<uint64_t>(kChunk, rows - done));
+            data->next_rows(n, chunk.data());
+            const auto t0 = std::chrono::steady_clock::now();
+            const int committed =
+                semantic_vector_indexing_system_load_vectors_f32(sys.get(), chunk.data(), n);
+            ingest_s += seconds_since(t0);
+            if (committed != static_cast<int>(n)) {
+                throw tool_error("ingestion stopped at row " + std::to_string(done) +
+                                 " (library returned " + std::to_string(committed) + ")");
+            }
+            exact.add_rows(chunk.data(), done, n);
+            done += n;
+            bar.update(done);
+        }
+    }
+    std::vector<std::vector<uint32_t>> truth(n_queries);
+    for (uint32_t q = 0; q < n_queries; ++q) {
+        // load_vectors_f32 numbers rows from 1.
+        for (uint64_t row : exact.best_rows(q)) truth[q].push_back(static_cast<uint32_t>(row + 1));
+    }
+
+    step_timer ivf_step(rep, "training IVF (nlist=" + std::to_string(nlist) + ")");
+    check(semantic_vector_indexing_system_build_ivf(sys.get(), nlist, static_cast<uint32_t>(seed)),
+          "IVF build");
+    const double ivf_s = ivf_step.done();
+    step_timer hivf_step(
+        rep, "training H-IVF (b1=" + std::to_string(b1) + ", b2=" + std::to_string(b2) + ")");
+    check(semantic_vector_indexing_system_build_ivf_level2(sys.get(), b1, b2,
+                                                           static_cast<uint32_t>(seed)),
+          "H-IVF build");
+    const double hivf_s = hivf_step.done();
+
+    search_params base;
+    base.k = k;
+    base.nprobe = nprobe;
+    base.nprobe_l1 = nprobe_l1;
+    base.nprobe_l2 = nprobe_l2;
+    const std::string ivf_settings =
+        "nprobe " + std::to_string(nprobe) + "/" + std::to_string(nlist);
+    const std::string hivf_settings = "nprobe " + std::to_string(nprobe_l1) + "x" +
+                                      std::to_string(nprobe_l2) + " of " + std::to_string(b1) +
+                                      "x" + std::to_string(b2);
+    std::vector<measured_path> table;
+    auto run_both = [&](search_path p, const std::string& settings) {
+        for (bool rerank : {false, true}) {
+            search_params params = base;
+            params.path = p;
+            params.rerank = rerank;
+            step_timer t(rep,
+                         std::string("querying ") + path_name(p) + (rerank ? " + rerank" : ""));
+            table.push_back(measure(sys.get(), params, settings, queries, n_queries, truth));
+            t.done();
+        }
+    };
+    // The in-memory H-IVF is measured before the paged file is written: writing it frees the
+    // H-IVF's rows, and from then on the same flag searches the file.
+    run_both(search_path::brute, "exact int8 scan");
+    run_both(search_path::ivf, ivf_settings);
+    run_both(search_path::hivf, hivf_settings);
+
+    step_timer paged_step(rep, "writing paged index");
+    library_output log;
+    const int paged_rc =
+        semantic_vector_indexing_system_build_ivf_paged(sys.get(), ivfp_path.c_str());
+    const std::string paged_log = log.finish();
+    if (paged_rc != 0) {
+        throw tool_error(ivfp_path + ": writing the paged index failed: " + paged_log);
+    }
+    const double paged_s = paged_step.done();
+    if (!rep.quiet()) std::fputs(paged_log.c_str(), stderr);
+    run_both(search_path::paged, hivf_settings);
+
+    // Restart: a new object knows only the two files.
+    step_timer restart_step(rep, "restarting from the sidecar and the paged index");
+    sys.recreate(rows);
+    check(semantic_vector_indexing_system_open_sidecar(sys.get(), sidecar_path.c_str()),
+          sidecar_path + ": reattaching the sidecar");
+    library_output reopen_log;
+    const int reopen_rc =
+        semantic_vector_indexing_system_open_ivf_paged(sys.get(), ivfp_path.c_str());
+    const std::string reopen_text = reopen_log.finish();
+    if (reopen_rc != 0) throw tool_error(ivfp_path + ": reopening failed: " + reopen_text);
+    restart_step.done();
+    if (!rep.quiet()) std::fputs(reopen_text.c_str(), stderr);
+    if (sys.node_count() != rows) {
+        throw tool_error(sidecar_path + ": restart replayed " + std::to_string(sys.node_count()) +
+                         " rows, expected " + std::to_string(rows));
+    }
+    search_params brute = base;
+    brute.path = search_path::brute;
+    search_params paged = base;
+    paged.path = search_path::paged;
+    auto before = [&](search_path p) -> const std::vector<std::vector<hit>>& {
+        for (const measured_path& m : table) {
+            if (m.path == path_name(p) && !m.rerank) return m.answers;
+        }
+        throw tool_error("internal: no answers recorded for " + std::string(path_name(p)));
+    };
+    const uint32_t same_brute =
+        count_identical(before(search_path::brute),
+                        answer_all(sys.get(), brute, queries, n_queries, nullptr, nullptr));
+    const uint32_t same_paged =
+        count_identical(before(search_path::paged),
+                        answer_all(sys.get(), paged, queries, n_queries, nullptr, nullptr));
+
+    std::printf("orve demo: %s, %llu rows x 512, %u held-out queries, k=%u, seed %llu\n",
+                data->describe().c_str(), static_cast<unsigned long long>(rows), n_queries, k,
+                static_cast<unsigned long long>(seed));
+    std::printf(
+        "ingest %.1f s (%.0f rows/s) | IVF nlist=%u: %.1f s | H-IVF %ux%u: %.1f s | "
+        "paged file %.1f MB: %.1f s\n\n",
+        ingest_s, ingest_s > 0 ? static_cast<double>(rows) / ingest_s : 0.0, nlist, ivf_s, b1, b2,
+        hivf_s, static_cast<double>(file_size(ivfp_path)) / 1e6, paged_s);
+    char recall_head[32];
+    std::snprintf(recall_head, sizeof recall_head, "recall@%u", k);
+    std::printf("%-6s  %-22s  %-6s  %9s  %9s  %9s  %9s\n", "path", "settings", "rerank",
+                recall_head, "qps", "p50 us", "p99 us");
+    for (const measured_path& m : table) {
+        std::printf("%-6s  %-22s  %-6s  %9.3f  %9.0f  %9.1f  %9.1f\n", m.path.c_str(),
+                    m.settings.c_str(), m.rerank ? "yes" : "no", m.recall, m.qps, m.p50_us,
+                    m.p99_us);
+    }
+    std::printf("\nrestart: %u/%u queries gave identical answers on brute, %u/%u on paged\n",
+                same_brute, n_queries, same_paged, n_queries);
+    if (kept_files) {
+        kept_files->keep();
+        std::printf("files: %s, %s\n", sidecar_path.c_str(), ivfp_path.c_str());
+    }
+    if (same_brute != n_queries || same_paged != n_queries) {
+        throw tool_error("the restarted object answered " +
+                         std::to_string(2 * n_queries - same_brute - same_paged) +
+                         " queries differently");
+    }
+    return 0;
+}
+
+}  // namespace orve::tool

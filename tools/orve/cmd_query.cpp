@@ -1,0 +1,263 @@
+// orve query: a restarted host. It rebuilds the object from a sidecar (and a paged index),
+// answers queries from a file on the chosen path and prints the results.
+#include <algorithm>
+#include <cmath>
+#include <cstdio>
+#include <string>
+#include <vector>
+
+#include "commands.h"
+#include "index_files.h"
+#include "library.h"
+#include "progress.h"
+#include "tool_error.h"
+#include "vector_file.h"
+
+namespace orve::tool {
+
+namespace {
+
+enum class output_format { table, json, csv };
+
+output_format parse_format(const std::string& text) {
+    if (text == "table") return output_format::table;
+    if (text == "json") return output_format::json;
+    if (text == "csv") return output_format::csv;
+    throw usage_error("--format expects table, json or csv, got '" + text + "'");
+}
+
+// Nine significant digits identify a float exactly, so printed similarities read back as the
+// very values the library returned.
+std::string number_text(float v, bool json) {
+    if (json && !std::isfinite(v)) return "null";
+    char buf[32];
+    std::snprintf(buf, sizeof buf, "%.9g", static_cast<double>(v));
+    return buf;
+}
+
+std::string first_line_of(const std::string& log) {
+    std::string line = log.substr(0, log.find('\n'));
+    const std::string tag = "[IVF_PAGED] ";
+    if (line.rfind(tag, 0) == 0) line.erase(0, tag.size());
+    return line;
+}
+
+void print_results(output_format format, const search_params& params,
+                   const std::vector<std::vector<hit>>& answers) {
+    switch (format) {
+        case output_format::csv:
+            std::printf("query,rank,node_id,similarity\n");
+            for (size_t q = 0; q < answers.size(); ++q) {
+                for (size_t r = 0; r < answers[q].size(); ++r) {
+                    std::printf("%zu,%zu,%u,%s\n", q, r + 1, answers[q][r].node_id,
+                                number_text(answers[q][r].similarity, false).c_str());
+                }
+            }
+            break;
+        case output_format::json:
+            std::printf("{\"path\": \"%s\", \"k\": %u, \"rerank\": %s, \"queries\": [",
+                        path_name(params.path), params.k, params.rerank ? "true" : "false");
+            for (size_t q = 0; q < answers.size(); ++q) {
+                std::printf("%s\n  {\"query\": %zu, \"results\": [", q ? "," : "", q);
+                for (size_t r = 0; r < answers[q].size(); ++r) {
+                    std::printf("%s{\"rank\": %zu, \"node_id\": %u, \"similarity\": %s}",
+                                r ? ", " : "", r + 1, answers[q][r].node_id,
+                                number_text(answers[q][r].similarity, true).c_str());
+                }
+                std::printf("]}");
+            }
+            std::printf("\n]}\n");
+            break;
+        case output_format::table:
+            std::printf("%7s  %5s  %10s  %12s\n", "query", "rank", "node_id", "similarity");
+            for (size_t q = 0; q < answers.size(); ++q) {
+                for (size_t r = 0; r < answers[q].size(); ++r) {
+                    std::printf("%7zu  %5zu  %10u  %12.6f\n", q, r + 1, answers[q][r].node_id,
+                                static_cast<double>(answers[q][r].similarity));
+                }
+            }
+            break;
+    }
+}
+
+// What the sidecar holds, checked before the library is let near it: the library reinitialises
+// a file whose header it does not recognise, which must never happen to a user's other file.
+sidecar_report check_sidecar(const std::string& path, bool rerank, const reporter& rep) {
+    const sidecar_report s = read_sidecar_report(path);
+    if (!s.magic_ok) throw tool_error(path + ": not a sidecar file (bad magic)");
+    if (!s.header_ok) {
+        throw tool_error(path + ": unsupported sidecar header (version " +
+                         std::to_string(s.version) + ", dim " + std::to_string(s.dim) +
+                         ", row size " + std::to_string(s.row_bytes) + ")");
+    }
+    if (s.live_rows == 0) throw tool_error(path + ": holds no live rows");
+    if (s.live_rows > 1100000) {
+        throw tool_error(path + ": " + std::to_string(s.live_rows) +
+                         " rows; the library holds at most 1100000");
+    }
+    if (s.partial_bytes) {
+        rep.warn(path + ": ends in a partial row of " + std::to_string(s.partial_bytes) +
+                 " bytes, which the library cuts off when it attaches the file");
+    }
+    // Re-ranking reads the sidecar by row number, and skipped rows shift the numbering.
+    if (rerank && s.dead_rows) {
+        throw tool_error(path + ": " + std::to_string(s.dead_rows) +
+                         " dead rows; exact re-ranking would read the wrong rows");
+    }
+    return s;
+}
+
+}  // namespace
+
+const command_def& query_def() {
+    static const command_def def{
+        "query",
+        "--sidecar FILE [--ivfp FILE] --queries FILE -k K [--path brute|ivf|hivf|paged] "
+        "[--nprobe N] [--nprobe-l1 A --nprobe-l2 B] [--nlist K] [--rerank] "
+        "[--format table|json|csv]",
+        "restart from a sidecar (and paged index) and answer queries",
+        "Creates an object, replays the sidecar into it (the library keeps the file open for\n"
+        "appending, so it must be writable; nothing is appended), attaches the paged index when\n"
+        "one is given, builds an in-memory index when the path needs one, and prints the k best\n"
+        "nodes of every query: query index (from 0), rank (from 1), node id and similarity\n"
+        "(int8 cosine, or exact float cosine with --rerank).",
+        {
+            {"--sidecar", "FILE", "sidecar written by orve build or by a host"},
+            {"--ivfp", "FILE", "paged index to attach (used by --path paged)"},
+            {"--queries", "FILE", "queries: .npy float32 (n, 512) or .fvecs"},
+            {"-k", "K", "results per query, 1 to 100000 (default 10)"},
+            {"--path", "PATH",
+             "brute: exact int8 scan of every row\n"
+             "ivf: IVF trained now over the sidecar's rows\n"
+             "hivf: in-memory H-IVF trained now\n"
+             "paged: the attached .ivfp file\n"
+             "(default: paged with --ivfp, else brute)"},
+            {"--nprobe", "N", "IVF buckets probed (default nlist / 16)"},
+            {"--nprobe-l1", "A", "level-1 buckets probed by hivf/paged (default b1 / 4)"},
+            {"--nprobe-l2", "B", "leaves probed per level-1 bucket (default b2 / 4)"},
+            {"--nlist", "K", "IVF buckets for --path ivf (default about 4 x sqrt(n))"},
+            {"--b1", "B", "H-IVF level-1 buckets for --path hivf (default about 2 x n^(1/4))"},
+            {"--b2", "B", "H-IVF leaves per level-1 bucket for --path hivf (default as --b1)"},
+            {"--seed", "S", "training seed for --path ivf and hivf (default 1)"},
+            {"--rerank", "", "re-rank candidates by exact float cosine from the sidecar"},
+            {"--rerank-factor", "F", "candidates per result when re-ranking (default 5)"},
+            {"--format", "FORMAT", "table (default), json or csv"},
+            {"--quiet", "", "no progress or warnings on standard error"},
+            {"--help", "", "show this help"},
+        }};
+    return def;
+}
+
+int run_query(const parsed_args& args) {
+    const reporter rep(args.has("--quiet"));
+    if (!args.positionals().empty()) {
+        throw usage_error("unexpected argument '" + args.positionals()[0] + "'");
+    }
+    const std::string sidecar_path = args.get("--sidecar");
+    const std::string queries_path = args.get("--queries");
+    const bool has_ivfp = args.has("--ivfp");
+    const output_format format = parse_format(args.get_or("--format", "table"));
+    search_params params;
+    params.k = static_cast<uint32_t>(args.get_uint("-k", 10, 1, 100000));
+    params.path = parse_search_path(args.get_or("--path", has_ivfp ? "paged" : "brute"));
+    params.rerank = args.has("--rerank");
+    params.rerank_factor = static_cast<uint32_t>(args.get_uint("--rerank-factor", 0, 1, 1000));
+    const uint64_t seed = args.get_uint("--seed", 1, 0, UINT32_MAX);
+    if (params.path == search_path::paged && !has_ivfp) {
+        throw usage_error("--path paged needs --ivfp");
+    }
+    if (has_ivfp && params.path != search_path::paged) {
+        rep.warn("--ivfp is only used by --path paged; not attaching it");
+    }
+
+    const sidecar_report sidecar = check_sidecar(sidecar_path, params.rerank, rep);
+    const uint64_t rows = sidecar.live_rows;
+    const vector_file query_file(queries_path);
+    std::vector<float> queries(query_file.rows() * kDim);
+    query_file.read_rows(0, query_file.rows(), queries.data());
+
+    system_object sys(rows);
+    {
+        step_timer t(rep, "loading " + std::to_string(rows) + " rows from the sidecar");
+        if (semantic_vector_indexing_system_open_sidecar(sys.get(), sidecar_path.c_str()) != 0) {
+            throw tool_error(sidecar_path +
+                             ": the library could not attach it (it opens the "
+                             "file for appending: is it writable?)");
+        }
+        t.done();
+    }
+    if (sys.node_count() != rows) {
+        throw tool_error(sidecar_path + ": replayed " + std::to_string(sys.node_count()) +
+                         " rows, expected " + std::to_string(rows));
+    }
+
+    if (params.path == search_path::ivf || params.path == search_path::hivf) {
+        if (rows < 1000) {
+            throw tool_error(sidecar_path + ": " + std::to_string(rows) + " rows; --path " +
+                             path_name(params.path) + " needs at least 1000 to train an index");
+        }
+    }
+    if (params.path == search_path::ivf) {
+        const uint32_t nlist =
+            static_cast<uint32_t>(args.get_uint("--nlist", default_nlist(rows), 1, rows));
+        params.nprobe =
+            static_cast<uint32_t>(args.get_uint("--nprobe", default_nprobe(nlist), 1, nlist));
+        step_timer t(rep, "training IVF (nlist=" + std::to_string(nlist) + ")");
+        if (semantic_vector_indexing_system_build_ivf(sys.get(), nlist,
+                                                      static_cast<uint32_t>(seed)) != 0) {
+            throw tool_error(sidecar_path + ": training the IVF failed");
+        }
+        t.done();
+    } else if (params.path == search_path::hivf) {
+        const uint32_t b1 = static_cast<uint32_t>(
+            args.get_uint("--b1", default_branching(rows), 1, ORVE_IVF_PAGED_MAX_B));
+        const uint32_t b2 =
+            static_cast<uint32_t>(args.get_uint("--b2", b1, 1, ORVE_IVF_PAGED_MAX_B));
+        if (uint64_t{b1} * b2 > rows) throw usage_error("--b1 x --b2 exceeds the sidecar's rows");
+        params.nprobe_l1 =
+            static_cast<uint32_t>(args.get_uint("--nprobe-l1", default_nprobe_level(b1), 1, b1));
+        params.nprobe_l2 =
+            static_cast<uint32_t>(args.get_uint("--nprobe-l2", default_nprobe_level(b2), 1, b2));
+        step_timer t(
+            rep, "training H-IVF (b1=" + std::to_string(b1) + ", b2=" + std::to_string(b2) + ")");
+        if (semantic_vector_indexing_system_build_ivf_level2(sys.get(), b1, b2,
+                                                             static_cast<uint32_t>(seed)) != 0) {
+            throw tool_error(sidecar_path + ": training the H-IVF failed");
+        }
+        t.done();
+    } else if (params.path == search_path::paged) {
+        const std::string ivfp_path = args.get("--ivfp");
+        if (sniff_index_file(ivfp_path) != index_file_kind::paged_index) {
+            throw tool_error(ivfp_path + ": not a paged index file (bad magic)");
+        }
+        const ivfp_report layout = read_ivfp_report(ivfp_path);
+        library_output log;
+        const int rc = semantic_vector_indexing_system_open_ivf_paged(sys.get(), ivfp_path.c_str());
+        const std::string text = log.finish();
+        if (rc != 0) throw tool_error(ivfp_path + ": cannot be opened: " + first_line_of(text));
+        if (!rep.quiet()) std::fputs(text.c_str(), stderr);
+        if (layout.n_rows != rows) {
+            rep.warn(ivfp_path + " holds " + std::to_string(layout.n_rows) + " rows but " +
+                     sidecar_path + " holds " + std::to_string(rows) +
+                     "; were they built together?");
+        }
+        params.nprobe_l1 = static_cast<uint32_t>(
+            args.get_uint("--nprobe-l1", default_nprobe_level(layout.b1), 1, layout.b1));
+        params.nprobe_l2 = static_cast<uint32_t>(
+            args.get_uint("--nprobe-l2", default_nprobe_level(layout.b2), 1, layout.b2));
+    }
+
+    searcher s(sys.get(), params);
+    std::vector<std::vector<hit>> answers(query_file.rows());
+    {
+        progress_bar bar(rep, "querying", answers.size(), "queries");
+        for (size_t q = 0; q < answers.size(); ++q) {
+            answers[q] = s.run(queries.data() + q * kDim);
+            bar.update(q + 1);
+        }
+    }
+    print_results(format, params, answers);
+    return 0;
+}
+
+}  // namespace orve::tool

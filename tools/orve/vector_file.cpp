@@ -1,0 +1,387 @@
+#include "vector_file.h"
+
+#include <fcntl.h>
+#include <sys/mman.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <bit>
+#include <cerrno>
+#include <cmath>
+#include <cstring>
+#include <unordered_map>
+
+#include "tool_error.h"
+
+namespace orve::tool {
+
+// Both formats store little-endian values and the rows are copied out with memcpy.
+static_assert(std::endian::native == std::endian::little,
+              "the readers assume a little-endian host");
+
+namespace {
+
+constexpr uint8_t kNpyMagic[6] = {0x93, 'N', 'U', 'M', 'P', 'Y'};
+constexpr uint64_t kRowBytes = uint64_t{kDim} * sizeof(float);
+
+uint32_t load_le32(const uint8_t* p) {
+    return uint32_t{p[0]} | uint32_t{p[1]} << 8 | uint32_t{p[2]} << 16 | uint32_t{p[3]} << 24;
+}
+
+bool ends_with(const std::string& s, const std::string& suffix) {
+    return s.size() >= suffix.size() &&
+           s.compare(s.size() - suffix.size(), suffix.size(), suffix) == 0;
+}
+
+// The header is a Python dict literal. Only the handful of forms NumPy writes are needed:
+// strings, True/False, non-negative integers and tuples or lists of those.
+struct py_value {
+    enum kind_t { string, boolean, integer, sequence } kind = string;
+    std::string text;
+    bool flag = false;
+    uint64_t number = 0;
+    std::vector<py_value> items;
+};
+
+class literal_parser {
+  public:
+    literal_parser(const std::string& text, const std::string& name) : s_(text), name_(name) {}
+
+    std::unordered_map<std::string, py_value> parse_dict() {
+        std::unordered_map<std::string, py_value> out;
+        expect('{');
+        while (true) {
+            skip_space();
+            if (peek() == '}') {
+                ++pos_;
+                break;
+            }
+            py_value key = parse_value();
+            if (key.kind != py_value::string) fail("dictionary key is not a string");
+            expect(':');
+            if (out.count(key.text)) fail("key '" + key.text + "' appears twice");
+            out[key.text] = parse_value();
+            skip_space();
+            if (peek() == ',') {
+                ++pos_;
+            } else if (peek() != '}') {
+                fail("expected ',' or '}'");
+            }
+        }
+        skip_space();
+        if (pos_ != s_.size()) fail("unexpected text after the dictionary");
+        return out;
+    }
+
+  private:
+    [[noreturn]] void fail(const std::string& what) const {
+        throw tool_error(name_ + ": malformed NPY header: " + what);
+    }
+    char peek() const { return pos_ < s_.size() ? s_[pos_] : '\0'; }
+    void skip_space() {
+        while (pos_ < s_.size() &&
+               (s_[pos_] == ' ' || s_[pos_] == '\n' || s_[pos_] == '\t' || s_[pos_] == '\r')) {
+            ++pos_;
+        }
+    }
+    void expect(char c) {
+        skip_space();
+        if (peek() != c) fail(std::string("expected '") + c + "'");
+        ++pos_;
+    }
+
+    py_value parse_value() {
+        skip_space();
+        py_value v;
+        const char c = peek();
+        if (c == '\'' || c == '"') {
+            ++pos_;
+            const size_t end = s_.find(c, pos_);
+            if (end == std::string::npos) fail("unterminated string");
+            v.kind = py_value::string;
+            v.text = s_.substr(pos_, end - pos_);
+            pos_ = end + 1;
+        } else if (c == '(' || c == '[') {
+            const char close = c == '(' ? ')' : ']';
+            ++pos_;
+            v.kind = py_value::sequence;
+            while (true) {
+                skip_space();
+                if (peek() == close) {
+                    ++pos_;
+                    break;
+                }
+                v.items.push_back(parse_value());
+                skip_space();
+                if (peek() == ',') {
+                    ++pos_;
+                } else if (peek() != close) {
+                    fail(std::string("expected ',' or '") + close + "'");
+                }
+            }
+        } else if (s_.compare(pos_, 4, "True") == 0) {
+            pos_ += 4;
+            v.kind = py_value::boolean;
+            v.flag = true;
+        } else if (s_.compare(pos_, 5, "False") == 0) {
+            pos_ += 5;
+            v.kind = py_value::boolean;
+        } else if (c >= '0' && c <= '9') {
+            v.kind = py_value::integer;
+            while (peek() >= '0' && peek() <= '9') {
+                const uint64_t digit = static_cast<uint64_t>(peek() - '0');
+                if (v.number > (UINT64_MAX - digit) / 10) fail("dimension too large");
+                v.number = v.number * 10 + digit;
+                ++pos_;
+            }
+            if (peek() == 'L') ++pos_;  // Python 2 long suffix, still found in old files
+        } else {
+            fail(c == '-' ? "negative number" : "unexpected character");
+        }
+        return v;
+    }
+
+    const std::string& s_;
+    const std::string& name_;
+    size_t pos_ = 0;
+};
+
+[[noreturn]] void fail_file(const std::string& path, const std::string& what) {
+    throw tool_error(path + ": " + what);
+}
+
+std::string count_text(uint64_t n, const char* unit) {
+    return std::to_string(n) + " " + unit + (n == 1 ? "" : "s");
+}
+
+}  // namespace
+
+mapped_file::mapped_file(const std::string& path) : path_(path) {
+    const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
+    if (fd < 0) fail_file(path, "cannot open: " + errno_text(errno));
+    struct stat st {};
+    if (::fstat(fd, &st) != 0) {
+        const int err = errno;
+        ::close(fd);
+        fail_file(path, "cannot stat: " + errno_text(err));
+    }
+    if (!S_ISREG(st.st_mode)) {
+        ::close(fd);
+        fail_file(path, "not a regular file");
+    }
+    size_ = static_cast<uint64_t>(st.st_size);
+    if (size_ > 0) {
+        void* p = ::mmap(nullptr, size_, PROT_READ, MAP_PRIVATE, fd, 0);
+        if (p == MAP_FAILED) {
+            const int err = errno;
+            ::close(fd);
+            fail_file(path, "cannot map: " + errno_text(err));
+        }
+        ::madvise(p, size_, MADV_SEQUENTIAL);
+        data_ = static_cast<const uint8_t*>(p);
+    }
+    ::close(fd);
+}
+
+mapped_file::mapped_file(mapped_file&& other) noexcept
+    : path_(std::move(other.path_)), data_(other.data_), size_(other.size_) {
+    other.data_ = nullptr;
+    other.size_ = 0;
+}
+
+mapped_file::~mapped_file() {
+    if (data_) ::munmap(const_cast<uint8_t*>(data_), size_);
+}
+
+std::string shape_text(const std::vector<uint64_t>& shape) {
+    std::string s = "(";
+    for (size_t i = 0; i < shape.size(); ++i) {
+        if (i) s += ", ";
+        s += std::to_string(shape[i]);
+    }
+    if (shape.size() == 1) s += ",";
+    return s + ")";
+}
+
+npy_header parse_npy_header(const uint8_t* bytes, uint64_t size, const std::string& name) {
+    if (size < sizeof kNpyMagic || std::memcmp(bytes, kNpyMagic, sizeof kNpyMagic) != 0) {
+        fail_file(name, "not an NPY file (bad magic)");
+    }
+    if (size < 8) fail_file(name, "truncated NPY header");
+    npy_header h;
+    h.major = bytes[6];
+    h.minor = bytes[7];
+    if (h.major < 1 || h.major > 3) {
+        fail_file(name, "unsupported NPY version " + std::to_string(h.major) + "." +
+                            std::to_string(h.minor));
+    }
+    // Version 1 stores the header length in 2 bytes; 2 and 3 (UTF-8 header) in 4.
+    const uint64_t len_bytes = h.major == 1 ? 2 : 4;
+    if (size < 8 + len_bytes) fail_file(name, "truncated NPY header");
+    const uint64_t header_len =
+        len_bytes == 2 ? uint64_t{bytes[8]} | uint64_t{bytes[9]} << 8 : load_le32(bytes + 8);
+    const uint64_t start = 8 + len_bytes;
+    if (size - start < header_len) fail_file(name, "truncated NPY header");
+    const std::string text(reinterpret_cast<const char*>(bytes + start), header_len);
+    h.data_offset = start + header_len;
+
+    auto dict = literal_parser(text, name).parse_dict();
+    for (const auto& [key, value] : dict) {
+        if (key != "descr" && key != "fortran_order" && key != "shape") {
+            fail_file(name, "malformed NPY header: unexpected key '" + key + "'");
+        }
+    }
+    for (const char* key : {"descr", "fortran_order", "shape"}) {
+        if (!dict.count(key)) {
+            fail_file(name, std::string("malformed NPY header: no '") + key + "' entry");
+        }
+    }
+    const py_value& descr = dict["descr"];
+    // A list descr is a structured (record) dtype; keep the text empty so the caller's dtype
+    // message can say so.
+    h.descr = descr.kind == py_value::string ? descr.text : "";
+    if (descr.kind != py_value::string && descr.kind != py_value::sequence) {
+        fail_file(name, "malformed NPY header: 'descr' is not a dtype");
+    }
+    const py_value& fortran = dict["fortran_order"];
+    if (fortran.kind != py_value::boolean) {
+        fail_file(name, "malformed NPY header: 'fortran_order' is not True or False");
+    }
+    h.fortran_order = fortran.flag;
+    const py_value& shape = dict["shape"];
+    if (shape.kind != py_value::sequence) {
+        fail_file(name, "malformed NPY header: 'shape' is not a tuple");
+    }
+    for (const py_value& d : shape.items) {
+        if (d.kind != py_value::integer) {
+            fail_file(name, "malformed NPY header: 'shape' holds a non-integer");
+        }
+        h.shape.push_back(d.number);
+    }
+    return h;
+}
+
+namespace {
+
+std::string describe_descr(const npy_header& h) {
+    return h.descr.empty() ? "a structured dtype" : "'" + h.descr + "'";
+}
+
+// Checks, in this order, dtype, memory order, shape and the amount of data behind the header,
+// so the message names the first thing a user would have to change.
+void check_npy_array(const npy_header& h, uint64_t file_size, const std::string& path,
+                     const char* wanted_descr, const char* wanted_type, bool shape_ok,
+                     const char* wanted_shape) {
+    if (h.descr != wanted_descr) {
+        fail_file(path, std::string("expected ") + wanted_type + " '" + wanted_descr + "', found " +
+                            describe_descr(h));
+    }
+    if (h.fortran_order) fail_file(path, "array is in Fortran order; save it in C order");
+    if (!shape_ok) {
+        fail_file(path,
+                  std::string("expected shape ") + wanted_shape + ", found " + shape_text(h.shape));
+    }
+    uint64_t elements = 1;
+    for (uint64_t d : h.shape) {
+        if (d != 0 && elements > UINT64_MAX / 4 / d) fail_file(path, "shape too large");
+        elements *= d;
+    }
+    const uint64_t need = elements * 4;
+    const uint64_t have = file_size - h.data_offset;
+    if (have < need) {
+        fail_file(path, "truncated: shape " + shape_text(h.shape) + " needs " +
+                            std::to_string(need) + " bytes of data, found " + std::to_string(have));
+    }
+    if (have > need) {
+        fail_file(path, std::to_string(have - need) + " unexpected bytes after the array data");
+    }
+}
+
+}  // namespace
+
+vector_file::vector_file(const std::string& path) : file_(path) {
+    const uint8_t* d = file_.data();
+    const uint64_t size = file_.size();
+    const bool npy_magic =
+        size >= sizeof kNpyMagic && std::memcmp(d, kNpyMagic, sizeof kNpyMagic) == 0;
+    if (npy_magic || ends_with(path, ".npy")) {
+        format_ = vector_format::npy;
+        const npy_header h = parse_npy_header(d, size, path);
+        check_npy_array(h, size, path, "<f4", "float32", h.shape.size() == 2 && h.shape[1] == kDim,
+                        "(n, 512)");
+        rows_ = h.shape[0];
+        data_offset_ = h.data_offset;
+        stride_ = kRowBytes;
+    } else if (ends_with(path, ".fvecs")) {
+        format_ = vector_format::fvecs;
+        // Each vector is an int32 dimension followed by that many float32 values.
+        const uint64_t record = 4 + kRowBytes;
+        if (size >= 4) {
+            const uint32_t dim = load_le32(d);
+            if (dim != kDim) {
+                fail_file(path, "expected dimension 512, found " +
+                                    std::to_string(static_cast<int32_t>(dim)) + " (vector 0)");
+            }
+        }
+        rows_ = size / record;
+        for (uint64_t r = 1; r < rows_; ++r) {
+            const uint32_t dim = load_le32(d + r * record);
+            if (dim != kDim) {
+                fail_file(path, "expected dimension 512, found " +
+                                    std::to_string(static_cast<int32_t>(dim)) + " (vector " +
+                                    std::to_string(r) + ")");
+            }
+        }
+        if (size % record != 0) {
+            fail_file(path, "truncated: ends inside vector " + std::to_string(rows_) + " (" +
+                                count_text(size % record, "byte") + " of " +
+                                std::to_string(record) + ")");
+        }
+        data_offset_ = 4;
+        stride_ = record;
+    } else {
+        fail_file(path, "unknown vector file format (expected .npy or .fvecs)");
+    }
+    if (rows_ == 0) fail_file(path, "holds no vectors");
+}
+
+void vector_file::read_rows(uint64_t first, uint64_t count, float* out) const {
+    for (uint64_t r = 0; r < count; ++r) {
+        const uint8_t* src = file_.data() + data_offset_ + (first + r) * stride_;
+        float* dst = out + r * kDim;
+        std::memcpy(dst, src, kRowBytes);
+        for (uint32_t j = 0; j < kDim; ++j) {
+            if (!std::isfinite(dst[j])) {
+                fail_file(path(), "vector " + std::to_string(first + r) + " holds " +
+                                      (std::isnan(dst[j]) ? "NaN" : "an infinity") +
+                                      " at component " + std::to_string(j));
+            }
+        }
+    }
+}
+
+std::vector<uint32_t> read_ids(const std::string& path, uint64_t expected_rows) {
+    const mapped_file file(path);
+    const npy_header h = parse_npy_header(file.data(), file.size(), path);
+    check_npy_array(h, file.size(), path, "<u4", "uint32", h.shape.size() == 1, "(n,)");
+    if (h.shape[0] != expected_rows) {
+        fail_file(path, "holds " + count_text(h.shape[0], "id") + " but the vectors file holds " +
+                            count_text(expected_rows, "row"));
+    }
+    std::vector<uint32_t> ids(h.shape[0]);
+    if (!ids.empty()) std::memcpy(ids.data(), file.data() + h.data_offset, ids.size() * 4);
+    std::unordered_map<uint32_t, uint64_t> seen;
+    seen.reserve(ids.size());
+    for (uint64_t r = 0; r < ids.size(); ++r) {
+        if (ids[r] == 0)
+            fail_file(path, "id 0 at row " + std::to_string(r) + " (ids must be nonzero)");
+        auto [it, fresh] = seen.emplace(ids[r], r);
+        if (!fresh) {
+            fail_file(path, "id " + std::to_string(ids[r]) + " appears at rows " +
+                                std::to_string(it->second) + " and " + std::to_string(r));
+        }
+    }
+    return ids;
+}
+
+}  // namespace orve::tool
