@@ -1,10 +1,11 @@
 #!/usr/bin/env bash
-# The library's main job on this machine: build it and measure the int8 scan kernels against
-# the machine's memory bandwidth.
+# The library's main job on this machine: build it, then run `orve demo`, which ingests a
+# generated dataset with a sidecar, builds every index, answers held-out queries on every
+# search path, prints one table, and restarts from the files to show the answers hold.
+# Extra arguments go to `orve demo` (try --help, --rows 1000000, --dataset facts).
 source "$(dirname "$0")/common.sh"
-ensure_packages cmake ninja-build g++ libgtest-dev googletest libbenchmark-dev
+ensure_packages cmake ninja-build g++ libgtest-dev googletest
 
 cd "$ROOT"
-build_tree build/release -DCMAKE_BUILD_TYPE=RelWithDebInfo
-echo "library: build/release/libsemantic_vector_indexing.so"
-build/release/bench/bench_kernels "$@"
+BUILD_TARGETS=orve build_tree build/release -DCMAKE_BUILD_TYPE=RelWithDebInfo -DORVE_BUILD_BENCH=OFF
+build/release/tools/orve/orve demo "$@"
