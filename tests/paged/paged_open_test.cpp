@@ -223,3 +223,26 @@ TEST(PagedOpen, HandlePointsIntoTheMapping) {
     orve_ivf_paged_close(nullptr);
     EXPECT_FALSE(mapped_anywhere(p));
 }
+
+// A first-version file names rows only by position, which the caller maps through a table of
+// n_rows entries; a position past that must be refused, while a second-version file (which
+// carries its node identifiers) does not depend on it.
+TEST(PagedOpen, FirstVersionRowPositionsMustBeBelowTheRowCount) {
+    scratch_dir d;
+    hand_hivf h(2, 3, random_buckets(2, 3, 4, 77));
+    const uint32_t n = h.total_rows();
+    for (uint32_t version : {1u, 2u}) {
+        bytes f = encode_ivfp(h, node_table(n), version);
+        uint64_t slot = 0;
+        while (get_u32(f, kLD + 24 * slot + 16) == 0) ++slot;  // first non-empty leaf
+        const uint32_t m = get_u32(f, kLD + 24 * slot + 16);
+        const uint64_t meta = get_u64(f, kLD + 24 * slot + 8);
+        set_u32(f, meta + 8 * uint64_t{m}, n);  // its first row position, one past the end
+        write_file(d.path("rows.ivfp"), f);
+        orve_ivf_paged_index* handle = nullptr;
+        std::string err;
+        EXPECT_EQ(open_quietly(d.path("rows.ivfp"), &handle, &err), version == 1 ? -7 : 0)
+            << version;
+        orve_ivf_paged_close(handle);
+    }
+}
