@@ -1,5 +1,6 @@
 // Routing a query to the IVF buckets whose centroids score best against it, on the same int8
 // cosine scale as the rows a search then scans.
+#include <algorithm>
 #include <cstdlib>
 
 #include "ivf/ivf_internal.h"
@@ -16,6 +17,39 @@ int cmp_scored_desc(const void* a, const void* b) {
     if (pa->index < pb->index) return -1;
     if (pa->index > pb->index) return 1;
     return 0;
+}
+
+void score_and_select(const int8_t* qcode, float qscale, float qnorm, const int8_t* codes,
+                      const float* scales, const float* norms, uint32_t count, uint32_t best,
+                      ivf_scored_pair* pairs) {
+    // Centroid codes are consecutive rows: score them with the many-rows kernel in blocks.
+    constexpr uint32_t kBlock = 128;
+    int32_t dots[kBlock];
+    const orve::dot512_many_fn many = orve::dot512_best().many;
+    bool any_nan = false;
+    for (uint32_t c0 = 0; c0 < count; c0 += kBlock) {
+        const uint32_t len = count - c0 < kBlock ? count - c0 : kBlock;
+        many(qcode, codes + static_cast<std::size_t>(c0) * orve::kRowBytes, len, dots);
+        for (uint32_t j = 0; j < len; ++j) {
+            const uint32_t c = c0 + j;
+            const float s = orve::cosine_from_dot(dots[j], qscale, scales[c], qnorm, norms[c]);
+            any_nan |= s != s;
+            pairs[c] = ivf_scored_pair{s, c};
+        }
+    }
+    if (any_nan) {
+        // NaN makes the order depend on the sorting algorithm; the full sort keeps it the one
+        // every caller has always seen.
+        std::qsort(pairs, count, sizeof(ivf_scored_pair), cmp_scored_desc);
+        return;
+    }
+    // Without NaN, score descending then index ascending is a strict total order, so the best
+    // `best` pairs in order are exactly the first `best` of the full sort, at a fraction of
+    // its cost when few of many centroids are wanted.
+    std::partial_sort(pairs, pairs + best, pairs + count,
+                      [](const ivf_scored_pair& a, const ivf_scored_pair& b) {
+                          return a.score > b.score || (a.score == b.score && a.index < b.index);
+                      });
 }
 
 extern "C" ORVE_API int orve_ivf_route_top_buckets(const orve_ivf_index* index, const float* query,
@@ -42,16 +76,8 @@ extern "C" ORVE_API int orve_ivf_route_top_buckets(const orve_ivf_index* index, 
     }
     orve::c_unique<ivf_scored_pair[]> pairs = orve::c_alloc_array<ivf_scored_pair>(nb);
     if (!pairs) return -1;
-    const orve::dot512_one_fn dot = orve::dot512_best().one;
-    for (uint32_t c = 0; c < nb; ++c) {
-        const int32_t d =
-            dot(qcode.get(), index->centroid_codes + static_cast<std::size_t>(c) * orve::kRowBytes);
-        pairs[c] = ivf_scored_pair{orve::cosine_from_dot(d, qscale, index->centroid_scales[c],
-                                                         qnorm, index->centroid_norms[c]),
-                                   c};
-    }
-    qcode.reset();
-    std::qsort(pairs.get(), nb, sizeof(ivf_scored_pair), cmp_scored_desc);
+    score_and_select(qcode.get(), qscale, qnorm, index->centroid_codes, index->centroid_scales,
+                     index->centroid_norms, nb, p, pairs.get());
     for (uint32_t t = 0; t < p; ++t) out_buckets[t] = pairs[t].index;
     return 0;
 }

@@ -27,6 +27,13 @@ int cmp_route(const void* a, const void* b);
 // equal scores, and any comparison involving NaN, fall back to the lower index first.
 int cmp_scored_desc(const void* a, const void* b);
 
+// Scores the query code against `count` consecutive centroid codes into pairs[0 .. count) and
+// moves the best `best` of them, in cmp_scored_desc order, to the front. The rest of the array
+// is left in no particular order.
+void score_and_select(const int8_t* qcode, float qscale, float qnorm, const int8_t* codes,
+                      const float* scales, const float* norms, uint32_t count, uint32_t best,
+                      ivf_scored_pair* pairs);
+
 // Builds `out` from rows that already have a bucket each: rows are copied bucket by bucket in
 // ascending input order and the float centroids (n_buckets x 512) are quantised. Every value of
 // `assignment` must be below n_buckets; the caller checks its inputs. 0, or -1 with `out` all

@@ -7,22 +7,6 @@
 #include "quant/dot512_kernels.h"
 #include "util/c_alloc.h"
 
-namespace {
-
-// Scores the query code against `count` consecutive centroid codes and sorts best first.
-void score_and_sort(const int8_t* qcode, float qscale, float qnorm, const int8_t* codes,
-                    const float* scales, const float* norms, uint32_t count,
-                    ivf_scored_pair* pairs) {
-    const orve::dot512_one_fn dot = orve::dot512_best().one;
-    for (uint32_t j = 0; j < count; ++j) {
-        const int32_t d = dot(qcode, codes + static_cast<std::size_t>(j) * orve::kRowBytes);
-        pairs[j] = ivf_scored_pair{orve::cosine_from_dot(d, qscale, scales[j], qnorm, norms[j]), j};
-    }
-    std::qsort(pairs, count, sizeof(ivf_scored_pair), cmp_scored_desc);
-}
-
-}  // namespace
-
 extern "C" ORVE_API int orve_hivf_route_top_leaves(const orve_hivf_index* index, const float* query,
                                                    uint32_t n_probe_l1, uint32_t n_probe_l2,
                                                    uint32_t* out_l1, uint32_t* out_l2,
@@ -50,8 +34,8 @@ extern "C" ORVE_API int orve_hivf_route_top_leaves(const orve_hivf_index* index,
     }
     orve::c_unique<ivf_scored_pair[]> level1 = orve::c_alloc_array<ivf_scored_pair>(b1);
     if (!level1) return -1;
-    score_and_sort(qcode.get(), qscale, qnorm, index->l1_centroid_codes, index->l1_centroid_scales,
-                   index->l1_centroid_norms, b1, level1.get());
+    score_and_select(qcode.get(), qscale, qnorm, index->l1_centroid_codes,
+                     index->l1_centroid_scales, index->l1_centroid_norms, b1, p1, level1.get());
     orve::c_unique<ivf_scored_pair[]> leaves = orve::c_alloc_array<ivf_scored_pair>(b2);
     if (!leaves) return -1;
 
@@ -67,9 +51,9 @@ extern "C" ORVE_API int orve_hivf_route_top_leaves(const orve_hivf_index* index,
             e.centroid_norms == nullptr) {
             return -1;
         }
-        score_and_sort(qcode.get(), qscale, qnorm, e.centroid_codes, e.centroid_scales,
-                       e.centroid_norms, nb, leaves.get());
         const uint32_t take = p2 < nb ? p2 : nb;
+        score_and_select(qcode.get(), qscale, qnorm, e.centroid_codes, e.centroid_scales,
+                         e.centroid_norms, nb, take, leaves.get());
         for (uint32_t t = 0; t < take; ++t) {
             out_l1[count] = i;
             out_l2[count] = leaves[t].index;

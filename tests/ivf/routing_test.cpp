@@ -1,6 +1,7 @@
 // Bucket routing, leaf routing and the scored-pair order they share.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cmath>
 #include <cstdlib>
 #include <utility>
@@ -178,6 +179,45 @@ TEST(LeafRouting, RejectsBadArgumentsAndMalformedRecords) {
     bad.b2 = 1;
     EXPECT_EQ(orve_hivf_route_top_leaves(&bad, q.data(), 2, 1, l1, l2, &count), -1);
     EXPECT_EQ(count, 77u);
+}
+
+}  // namespace
+
+namespace {
+
+// Many centroids with few distinct scores (so many ties), routed for every probe count: the
+// chosen buckets must be the first entries of an independent stable sort by score descending.
+TEST(BucketRouting, PartialSelectionMatchesAFullStableSort) {
+    std::vector<float> cosines;
+    for (int i = 0; i < 300; ++i) cosines.push_back(((i * 37) % 11) / 10.0f - 0.5f);
+    centroid_set set({});
+    for (float t : cosines) {
+        centroid_set one({t});
+        set.codes.insert(set.codes.end(), one.codes.begin(), one.codes.end());
+        set.scales.push_back(one.scales[0]);
+        set.norms.push_back(one.norms[0]);
+    }
+    orve_ivf_index idx{};
+    set.point(&idx);
+    const auto q = e0_query();
+    // The scores the routing sees, computed here from the codes with plain loops.
+    int8_t qc[512];
+    float qs = 0.0f, qn = 0.0f;
+    ASSERT_EQ(orve_quantize_float_vector_symmetric(q.data(), 512, qc, &qs, &qn), 0);
+    std::vector<std::pair<float, uint32_t>> want;
+    for (uint32_t c = 0; c < set.size(); ++c) {
+        int32_t dot = 0;
+        for (int i = 0; i < 512; ++i) dot += qc[i] * set.codes[c * 512 + i];
+        want.push_back(
+            {orve_cosine_from_quantized_dot(dot, qs, set.scales[c], qn, set.norms[c]), c});
+    }
+    std::stable_sort(want.begin(), want.end(),
+                     [](const auto& a, const auto& b) { return a.first > b.first; });
+    for (uint32_t p : {1u, 2u, 7u, 40u, 299u, 300u, 1000u}) {
+        const auto got = route(idx, q, p);
+        for (uint32_t t = 0; t < got.size(); ++t)
+            ASSERT_EQ(got[t], want[t].second) << p << " " << t;
+    }
 }
 
 }  // namespace
