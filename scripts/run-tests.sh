@@ -16,6 +16,23 @@ run_leg() {
 }
 
 run_leg "x86-64" build/release -DCMAKE_BUILD_TYPE=RelWithDebInfo
+
+# ---- Python package (x86-64 leg only) ------------------------------------------------------
+# The orve package's tests, against the extension just built in build/release. The packages
+# are installed here, then the tree is configured again so that CMake finds them. pytest must
+# collect and pass tests: any nonzero exit, including 5 (nothing collected), fails the run.
+echo
+echo "=== x86-64, Python package (pytest) ==="
+ensure_packages python3-dev python3-numpy pybind11-dev python3-pytest
+build_tree build/release -DCMAKE_BUILD_TYPE=RelWithDebInfo -DORVE_BUILD_PYTHON=ON \
+    -DPython3_EXECUTABLE=/usr/bin/python3
+if ! compgen -G "build/release/python/orve/_core*.so" >/dev/null; then
+    echo "the orve extension was not built (see build/release/build.log)" >&2
+    exit 1
+fi
+PYTHONPATH="$ROOT/build/release/python" PYTHONDONTWRITEBYTECODE=1 \
+    timeout 300 /usr/bin/python3 -m pytest -q -p no:cacheprovider "$ROOT/tests/python"
+# ---- end of the Python package block -------------------------------------------------------
 run_leg "x86-64, AddressSanitizer + UndefinedBehaviorSanitizer" build/sanitize \
     -DCMAKE_BUILD_TYPE=RelWithDebInfo -DORVE_SANITIZE=ON -DORVE_BUILD_BENCH=OFF
 echo

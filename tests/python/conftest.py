@@ -1,0 +1,70 @@
+"""Shared helpers of the orve Python tests: data, and an independent numpy model of the
+library's int8 scoring used as the reference for exact results."""
+
+import numpy as np
+import pytest
+
+import orve
+
+DIM = 512
+
+
+def unit_rows(rng, n):
+    x = rng.standard_normal((n, DIM)).astype(np.float32)
+    return x
+
+
+def np_quantize(x):
+    """Reference int8 quantisation of rows of float32 (n, 512): codes, scales, norms,
+    computed in single precision the documented way (sequential sum of squares)."""
+    x = np.atleast_2d(np.asarray(x, dtype=np.float32))
+    m = np.abs(x).max(axis=1)
+    sq = np.cumsum(x * x, axis=1, dtype=np.float32)[:, -1]
+    norms = np.sqrt(sq).astype(np.float32)
+    small = m < np.float32(1e-12)
+    scales = np.where(small, np.float32(0), np.float32(127.0) / np.where(small, 1, m))
+    scales = scales.astype(np.float32)
+    y = (x * scales[:, None]).astype(np.float32)
+    codes = np.rint(np.clip(y, -127, 127)).astype(np.int8)
+    return codes, scales, norms
+
+
+def np_int8_cosines(query, rows_q):
+    """int8 cosine of one float32 query against quantised rows (codes, scales, norms)."""
+    codes, scales, norms = rows_q
+    qc, qs, qn = np_quantize(query)
+    dots = codes.astype(np.int32) @ qc[0].astype(np.int32)
+    d = ((qs[0] * scales).astype(np.float32) * qn[0]).astype(np.float32)
+    d = (d * norms).astype(np.float32)
+    with np.errstate(divide="ignore", invalid="ignore"):
+        cos = np.where(d > 0, dots.astype(np.float32) / d, np.float32(0))
+    return cos.astype(np.float32)
+
+
+def np_topk(scores, ids, k, min_similarity=-np.inf):
+    """Best k by score descending, ties to the lower row."""
+    keep = np.nonzero(scores >= np.float32(min_similarity))[0]
+    order = keep[np.lexsort((keep, -scores[keep]))][:k]
+    return np.asarray(ids)[order].astype(np.int64), scores[order]
+
+
+@pytest.fixture(scope="session")
+def rng():
+    return np.random.default_rng(20240611)
+
+
+@pytest.fixture(scope="session")
+def rows(rng):
+    return unit_rows(rng, 1500)
+
+
+@pytest.fixture(scope="session")
+def queries(rng):
+    return unit_rows(rng, 12)
+
+
+@pytest.fixture
+def index(rows):
+    with orve.Index(capacity=4000) as ix:
+        ix.add(rows)
+        yield ix

@@ -1,0 +1,190 @@
+"""Bad input, closed objects and unreadable files raise clean exceptions, never crash."""
+
+import os
+
+import numpy as np
+import pytest
+
+import orve
+from conftest import DIM
+
+
+@pytest.fixture
+def small(rows):
+    with orve.Index(capacity=50) as ix:
+        ix.add(rows[:20])
+        yield ix
+
+
+@pytest.mark.parametrize("bad", [
+    np.zeros(DIM, dtype=np.float32),                 # one vector, not (n, 512)
+    np.zeros((3, 511), dtype=np.float32),
+    np.zeros((3, 513), dtype=np.float32),
+    np.zeros((2, 3, DIM), dtype=np.float32),
+    np.zeros((3, DIM), dtype=np.int32),
+    np.zeros((3, DIM), dtype=np.complex64),
+    np.zeros((0, DIM), dtype=np.float32),            # empty
+    np.array([["a"] * DIM]),
+    np.full((2, DIM), np.nan, dtype=np.float32),
+    [[1.0, 2.0]],
+])
+def test_add_rejects_bad_arrays(small, bad):
+    with pytest.raises(ValueError):
+        small.add(bad)
+    assert len(small) == 20
+
+
+@pytest.mark.parametrize("ids", [
+    np.arange(1, 3), np.arange(0, 4), np.array([1, 2, -3, 4]), np.array([1, 2, 3, 2**32]),
+    np.array([1.0, 2.0, 3.0, 4.0]), np.arange(1, 5).reshape(2, 2),
+])
+def test_add_rejects_bad_ids(small, rows, ids):
+    with pytest.raises(ValueError):
+        small.add(rows[:4], ids=ids)
+    assert len(small) == 20
+
+
+def test_full_index_raises_library_error(rows):
+    with orve.Index(capacity=5) as ix:
+        ix.add(rows[:5])
+        with pytest.raises(orve.Error) as e:
+            ix.add(rows[:1])
+        assert e.value.code == -1 and "load_vectors_f32" in str(e.value)
+        with pytest.raises(orve.Error) as e:
+            ix.add(rows[:1], ids=[99])
+        assert e.value.code == -1 and "add_embedding_orve512" in str(e.value)
+        assert len(ix) == 5
+
+
+@pytest.mark.parametrize("q", [
+    np.zeros(511, dtype=np.float32), np.zeros((1, DIM), dtype=np.float32),
+    np.zeros(DIM, dtype=np.int16), np.zeros(0, dtype=np.float32), np.full(DIM, np.inf),
+])
+def test_search_rejects_bad_queries(small, q):
+    with pytest.raises(ValueError):
+        small.search(q, 3)
+
+
+def test_search_rejects_bad_arguments(small, queries):
+    for kwargs in ({"k": 0}, {"k": -1}, {"k": 2.5}, {"path": "lsh"},
+                   {"rerank_factor": -1}, {"k": 3, "nprobe": 0, "path": "auto"}):
+        with pytest.raises(ValueError):
+            small.search(queries[0], **kwargs) if "k" in kwargs else \
+                small.search(queries[0], 3, **kwargs)
+    for bad in (np.zeros((0, DIM), np.float32), np.zeros((2, 5), np.float32), queries[0]):
+        with pytest.raises(ValueError):
+            small.search_batch(bad, 3)
+
+
+def test_missing_index_for_explicit_path(small, queries):
+    for path in ("ivf", "hivf", "paged"):
+        with pytest.raises(orve.Error) as e:
+            small.search(queries[0], 3, path=path)
+        assert e.value.code is None and path in str(e.value)
+
+
+def test_builds_refused_with_library_code(small):
+    with pytest.raises(orve.Error) as e:
+        small.build_ivf(4)  # fewer than 1000 rows
+    assert e.value.code == -1 and "build_ivf" in str(e.value)
+    with pytest.raises(orve.Error):
+        small.build_hivf(2, 2)
+    with pytest.raises(ValueError):
+        small.build_ivf(0)
+
+
+def test_stale_ivf_is_refused_for_explicit_path(index, rows, queries):
+    index.build_ivf(8)
+    index.add(rows[:1])
+    with pytest.raises(orve.Error):
+        index.search(queries[0], 3, path="ivf")
+    ids, _ = index.search(queries[0], 3)  # auto falls back to brute force
+    assert len(ids) == 3
+
+
+def test_closed_index_raises_everywhere(rows, queries, tmp_path):
+    ix = orve.Index(capacity=10)
+    ix.add(rows[:3])
+    ix.close()
+    ix.close()  # idempotent
+    assert ix.closed
+    calls = [lambda: ix.add(rows[:1]), lambda: ix.search(queries[0], 1),
+             lambda: ix.search_batch(queries[:2], 1), lambda: len(ix), lambda: ix.stats,
+             lambda: ix.build_ivf(2), lambda: ix.build_hivf(1, 1), lambda: ix.drop_flat(),
+             lambda: ix.write_paged(tmp_path / "a.ivfp"), lambda: ix.open_paged(tmp_path / "b"),
+             lambda: ix.__enter__()]
+    for call in calls:
+        with pytest.raises(orve.Error) as e:
+            call()
+        assert "closed" in str(e.value)
+    with orve.Index(capacity=3) as ctx:
+        pass
+    assert ctx.closed
+
+
+def test_unreadable_files(small, tmp_path):
+    with pytest.raises(orve.Error) as e:
+        small.open_paged(tmp_path / "missing.ivfp")
+    assert e.value.code is not None and e.value.code < 0
+    junk = tmp_path / "junk.ivfp"
+    junk.write_bytes(os.urandom(5000))
+    with pytest.raises(orve.Error):
+        small.open_paged(junk)
+    empty = tmp_path / "empty.ivfp"
+    empty.write_bytes(b"")
+    with pytest.raises(orve.Error):
+        small.open_paged(empty)
+    with pytest.raises(orve.Error) as e:
+        small.write_paged(tmp_path / "x.ivfp")  # no H-IVF to write
+    assert e.value.code == -1
+    with pytest.raises(orve.Error) as e:
+        orve.Index(capacity=5, sidecar=tmp_path)  # a directory
+    assert e.value.code == -1 and "open_sidecar" in str(e.value)
+    with pytest.raises(orve.Error):
+        orve.Index(capacity=5, sidecar=tmp_path / "no" / "such" / "dir" / "rows.vec")
+    with pytest.raises(ValueError):
+        small.open_paged("bad\0path")
+    assert len(small) == 20  # the index is untouched and still usable
+
+
+def test_write_paged_to_missing_directory(index, tmp_path):
+    index.build_hivf(4, 4)
+    with pytest.raises(orve.Error) as e:
+        index.write_paged(tmp_path / "no" / "dir" / "x.ivfp")
+    assert e.value.code is not None
+
+
+def test_dropped_flat_store(index, rows, queries):
+    index.build_ivf(16)
+    index.drop_flat()
+    with pytest.raises(orve.Error) as e:
+        index.search(queries[0], 3, path="brute")
+    assert e.value.code == -7
+    with pytest.raises(orve.Error):
+        index.search_batch(queries[:2], 3, path="brute")
+    ids, _ = index.search(queries[0], 3, path="ivf", nprobe=16)  # the IVF still answers
+    assert len(ids) == 3
+    with pytest.raises(orve.Error):
+        index.add(rows[:1])
+
+
+def test_capacity_bounds():
+    for bad in (0, -5, 1_100_001, 2.0, "10"):
+        with pytest.raises(ValueError):
+            orve.Index(capacity=bad)
+
+
+def test_module_function_errors():
+    with pytest.raises(orve.Error) as e:
+        orve.text_embedding("")
+    assert e.value.code == -1
+    with pytest.raises(ValueError):
+        orve.text_embedding("a\0b")
+    with pytest.raises(ValueError):
+        orve.quantize(np.zeros(10))
+    with pytest.raises(ValueError):
+        orve.dot512(np.zeros(DIM, np.int16), np.zeros(DIM, np.int8))
+    with pytest.raises(ValueError):
+        orve.hrr_atom(-1, "entity", "x")
+    with pytest.raises(ValueError):
+        orve.hrr_encode(1, "a", "b\0", "c")

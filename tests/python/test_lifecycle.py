@@ -1,0 +1,120 @@
+"""Restart from the sidecar and the .ivfp file, environment handling of the capacity, and
+release of everything an index holds."""
+
+import gc
+import os
+import threading
+
+import numpy as np
+import pytest
+
+import orve
+
+
+def test_restart_from_sidecar_and_paged_file_gives_identical_answers(rows, queries, tmp_path):
+    side, paged = tmp_path / "rows.vec", tmp_path / "index.ivfp"
+    ids = np.arange(len(rows)) * 3 + 11
+    with orve.Index(capacity=3000, sidecar=side) as ix:
+        ix.add(rows[:1000], ids=ids[:1000])
+        ix.add(rows[1000:], ids=ids[1000:])
+        ix.build_ivf(20, seed=5)
+        ix.build_hivf(5, 4, seed=5)
+        ix.write_paged(paged)
+        before = {p: ix.search_batch(queries, 8, path=p, nprobe_l1=2, nprobe_l2=2)
+                  for p in ("brute", "ivf", "paged")}
+        before["rerank"] = ix.search_batch(queries, 8, path="brute", rerank=True)
+    with orve.Index(capacity=3000, sidecar=side) as again:
+        assert len(again) == len(rows)
+        again.open_paged(paged)
+        again.build_ivf(20, seed=5)
+        for p in ("brute", "ivf", "paged"):
+            after = again.search_batch(queries, 8, path=p, nprobe_l1=2, nprobe_l2=2)
+            np.testing.assert_array_equal(after[0], before[p][0])
+            np.testing.assert_array_equal(after[1], before[p][1])
+        after = again.search_batch(queries, 8, path="brute", rerank=True)
+        np.testing.assert_array_equal(after[0], before["rerank"][0])
+        np.testing.assert_array_equal(after[1], before["rerank"][1])
+        assert set(before["brute"][0].ravel()) <= set(ids.tolist())
+        # New rows keep going to the same file.
+        again.add(rows[:2], ids=[5, 6])
+    with orve.Index(capacity=3000, sidecar=side) as third:
+        assert len(third) == len(rows) + 2
+
+
+def test_paged_file_opened_alone_after_drop(rows, queries, tmp_path):
+    paged = tmp_path / "p.ivfp"
+    with orve.Index(capacity=2000) as ix:
+        ix.add(rows)
+        ix.build_hivf(4, 4)
+        ix.write_paged(paged)
+        want = ix.search_batch(queries, 5, path="paged")
+    with orve.Index(capacity=2000) as ix:
+        ix.add(rows)  # same rows, same ids
+        ix.drop_flat()
+        ix.open_paged(paged)
+        got = ix.search_batch(queries, 5, path="paged")
+        np.testing.assert_array_equal(got[0], want[0])
+        np.testing.assert_array_equal(got[1], want[1])
+
+
+def _mapped(path):
+    with open("/proc/self/maps") as f:
+        maps = f.read()
+    fds = []
+    for fd in os.listdir("/proc/self/fd"):
+        try:
+            fds.append(os.readlink(f"/proc/self/fd/{fd}"))
+        except OSError:
+            pass
+    return str(path) in maps, any(str(path) in t for t in fds)
+
+
+def test_garbage_collected_index_releases_file_and_mapping(rows, tmp_path):
+    paged, side = tmp_path / "gc.ivfp", tmp_path / "gc.vec"
+    ix = orve.Index(capacity=2000, sidecar=side)
+    ix.add(rows)
+    ix.build_hivf(4, 4)
+    ix.write_paged(paged)
+    assert _mapped(paged) == (True, True)
+    assert _mapped(side)[1]
+    del ix
+    gc.collect()
+    assert _mapped(paged) == (False, False)
+    assert not _mapped(side)[1]
+
+
+def test_capacity_applies_to_one_create_and_env_is_restored(rows, monkeypatch):
+    monkeypatch.setenv("ORVE_VECTOR_CAPACITY", "3")
+    with orve.Index(capacity=6) as ix:
+        ix.add(rows[:6])
+        with pytest.raises(orve.Error):
+            ix.add(rows[:1])
+    assert os.environ["ORVE_VECTOR_CAPACITY"] == "3"
+    with orve.Index() as ix:  # the environment's value again
+        ix.add(rows[:3])
+        with pytest.raises(orve.Error):
+            ix.add(rows[:1])
+
+
+def test_concurrent_creates_get_their_own_capacity(rows):
+    errors = []
+
+    def worker(cap):
+        try:
+            for _ in range(5):
+                with orve.Index(capacity=cap) as ix:
+                    ix.add(rows[:cap])
+                    try:
+                        ix.add(rows[:1])
+                        errors.append(f"capacity {cap} accepted one row more")
+                    except orve.Error:
+                        pass
+        except Exception as e:  # noqa: BLE001 - reported below
+            errors.append(repr(e))
+
+    threads = [threading.Thread(target=worker, args=(c,)) for c in (2, 3, 5, 7, 11, 13)]
+    for t in threads:
+        t.start()
+    for t in threads:
+        t.join()
+    assert errors == []

@@ -1,0 +1,184 @@
+"""Search results against independent computation (numpy) and against each other where the
+library guarantees equality."""
+
+import numpy as np
+import pytest
+
+import orve
+from conftest import DIM, np_int8_cosines, np_quantize, np_topk
+
+
+def test_quantize_matches_numpy(rng):
+    x = rng.standard_normal(DIM).astype(np.float32) * 3
+    codes, scale, norm = orve.quantize(x)
+    rc, rs, rn = np_quantize(x)
+    assert codes.dtype == np.int8 and codes.shape == (DIM,)
+    np.testing.assert_array_equal(codes, rc[0])
+    assert np.float32(scale) == rs[0]
+    assert np.float32(norm) == rn[0]
+    zero_codes, zero_scale, zero_norm = orve.quantize(np.zeros(DIM))
+    assert not zero_codes.any() and zero_scale == 0.0 and zero_norm == 0.0
+
+
+def test_quantize_rounds_ties_to_even():
+    x = np.zeros(DIM, dtype=np.float32)
+    x[0] = 127.0
+    x[1:5] = [0.5, 1.5, 2.5, -2.5]
+    codes, scale, _ = orve.quantize(x)
+    assert scale == 1.0
+    assert codes[:5].tolist() == [127, 0, 2, 2, -2]
+
+
+def test_dot512_is_exact_integer_dot(rng):
+    a = rng.integers(-127, 128, DIM).astype(np.int8)
+    b = rng.integers(-127, 128, DIM).astype(np.int8)
+    assert orve.dot512(a, b) == int(a.astype(np.int64) @ b.astype(np.int64))
+    full = np.full(DIM, -127, dtype=np.int8)
+    assert orve.dot512(full, full) == DIM * 127 * 127
+
+
+def test_brute_force_equals_numpy_model(index, rows, queries):
+    ref_rows = np_quantize(rows)
+    ids = np.arange(1, len(rows) + 1)
+    for q in queries:
+        got_ids, got_scores = index.search(q, 10, path="brute")
+        want_ids, want_scores = np_topk(np_int8_cosines(q, ref_rows), ids, 10)
+        np.testing.assert_array_equal(got_ids, want_ids)
+        np.testing.assert_array_equal(got_scores, want_scores)
+        assert got_ids.dtype == np.int64 and got_scores.dtype == np.float32
+
+
+def test_min_similarity_filters_like_numpy(index, rows, queries):
+    ref_rows = np_quantize(rows)
+    ids = np.arange(1, len(rows) + 1)
+    q = queries[0]
+    cut = 0.1
+    got_ids, got_scores = index.search(q, 50, path="brute", min_similarity=cut)
+    want_ids, want_scores = np_topk(np_int8_cosines(q, ref_rows), ids, 50, cut)
+    np.testing.assert_array_equal(got_ids, want_ids)
+    np.testing.assert_array_equal(got_scores, want_scores)
+    assert len(got_ids) < 50 and (got_scores >= np.float32(cut)).all()
+
+
+def test_caller_ids_are_returned(rows, queries):
+    ids = np.arange(len(rows), dtype=np.int64) * 7 + 1000
+    with orve.Index(capacity=len(rows)) as ix:
+        assert ix.add(rows, ids=ids) == len(rows)
+        got_ids, got_scores = ix.search(queries[1], 5, path="brute")
+    want_ids, want_scores = np_topk(np_int8_cosines(queries[1], np_quantize(rows)), ids, 5)
+    np.testing.assert_array_equal(got_ids, want_ids)
+    np.testing.assert_array_equal(got_scores, want_scores)
+
+
+def test_float64_and_strided_input_equal_float32(rows, queries):
+    with orve.Index(capacity=100) as a, orve.Index(capacity=100) as b:
+        a.add(rows[:40])
+        doubled = np.repeat(rows[:40].astype(np.float64), 2, axis=0)[::2]  # strided float64
+        assert not doubled.flags.c_contiguous
+        b.add(doubled)
+        q64 = np.repeat(queries[2].astype(np.float64), 2)[::2]
+        for ix in (a, b):
+            ix_ids, ix_scores = ix.search(q64, 7, path="brute")
+            ref_ids, ref_scores = a.search(queries[2], 7, path="brute")
+            np.testing.assert_array_equal(ix_ids, ref_ids)
+            np.testing.assert_array_equal(ix_scores, ref_scores)
+
+
+def test_ivf_probing_every_bucket_equals_brute(index, queries):
+    index.build_ivf(24, seed=3)
+    for q in queries:
+        b = index.search(q, 10, path="brute")
+        i = index.search(q, 10, path="ivf", nprobe=24)
+        np.testing.assert_array_equal(i[0], b[0])
+        np.testing.assert_array_equal(i[1], b[1])
+
+
+def test_hivf_and_paged_probing_everything_equal_brute(index, queries, tmp_path):
+    index.build_hivf(6, 5, seed=2)
+    brute = [index.search(q, 10, path="brute") for q in queries]
+    for q, b in zip(queries, brute):
+        h = index.search(q, 10, path="hivf", nprobe_l1=6, nprobe_l2=5)
+        np.testing.assert_array_equal(h[0], b[0])
+        np.testing.assert_array_equal(h[1], b[1])
+    index.write_paged(tmp_path / "x.ivfp")
+    for q, b in zip(queries, brute):
+        p = index.search(q, 10, path="paged", nprobe_l1=6, nprobe_l2=5)
+        np.testing.assert_array_equal(p[0], b[0])
+        np.testing.assert_array_equal(p[1], b[1])
+
+
+def test_batch_equals_single_searches(index, queries):
+    index.build_ivf(24)
+    for path, extra in (("brute", {}), ("ivf", {"nprobe": 3}), ("auto", {})):
+        ids, scores = index.search_batch(queries, 6, path=path, **extra)
+        assert ids.shape == (len(queries), 6) and scores.shape == (len(queries), 6)
+        for row, q in enumerate(queries):
+            one = index.search(q, 6, path=path, **extra)
+            np.testing.assert_array_equal(ids[row], one[0])
+            np.testing.assert_array_equal(scores[row], one[1])
+
+
+def test_batch_pads_short_answers(rows, queries):
+    with orve.Index(capacity=10) as ix:
+        ix.add(rows[:4])
+        ids, scores = ix.search_batch(queries[:3], 6, path="brute")
+        assert (ids[:, 4:] == -1).all() and np.isnan(scores[:, 4:]).all()
+        assert sorted(ids[0, :4].tolist()) == [1, 2, 3, 4]
+        single_ids, _ = ix.search(queries[0], 6, path="brute")
+        assert len(single_ids) == 4
+        ids, scores = ix.search_batch(queries[:3], 6, path="brute", min_similarity=2.0)
+        assert (ids == -1).all() and np.isnan(scores).all()
+
+
+def test_rerank_gives_exact_float_cosines(rows, queries, tmp_path):
+    with orve.Index(capacity=len(rows), sidecar=tmp_path / "rows.vec") as ix:
+        ix.add(rows[:200])
+        x = rows[:200].astype(np.float64)
+        for q in queries[:4]:
+            exact = x @ q / (np.linalg.norm(x, axis=1) * np.linalg.norm(q))
+            ids, scores = ix.search(q, 5, path="brute", rerank=True, rerank_factor=40)
+            want = np.argsort(-exact, kind="stable")[:5]
+            np.testing.assert_array_equal(ids, want + 1)
+            np.testing.assert_allclose(scores, exact[want], rtol=0, atol=2e-6)
+
+
+def test_auto_prefers_indexes_and_stays_sane(index, queries):
+    index.build_ivf(24)
+    index.build_hivf(6, 5)
+    ids, scores = index.search(queries[0], 10)
+    assert len(ids) == 10 and (np.diff(scores) <= 0).all()
+    assert ((ids >= 1) & (ids <= len(index))).all()
+
+
+def test_stats_len_dim(index, rows):
+    assert len(index) == len(rows)
+    assert index.dim == 512 == orve.DIM
+    s = index.stats
+    assert s["rows"] == len(rows) and s["ingest_generation"] == len(rows)
+    index.build_ivf(10)
+    assert index.stats["ivf_built_generation"] == len(rows)
+
+
+def test_text_embedding_is_unit_and_deterministic():
+    a = orve.text_embedding("knowledge graph node")
+    b = orve.text_embedding("knowledge graph node")
+    c = orve.text_embedding("another node")
+    assert a.shape == (128,) and a.dtype == np.float32
+    np.testing.assert_array_equal(a, b)
+    assert abs(np.linalg.norm(a.astype(np.float64)) - 1) < 1e-5
+    assert not np.array_equal(a, c)
+
+
+def test_hrr_encode_is_the_documented_binding():
+    s, r, o = orve.hrr_atom(7, "entity", "paris"), orve.hrr_atom(7, "relation", "capital_of"), \
+        orve.hrr_atom(7, "entity", "france")
+    for atom in (s, r, o):
+        assert atom.shape == (512,) and abs(np.linalg.norm(atom.astype(np.float64)) - 1) < 1e-5
+    want = s.astype(np.float64) + np.roll(r, 1) + np.roll(o, 2)
+    want /= np.linalg.norm(want)
+    got = orve.hrr_encode(7, "paris", "capital_of", "france")
+    np.testing.assert_allclose(got, want, atol=1e-6)
+    np.testing.assert_array_equal(orve.hrr_atom(7, "entity", "paris"), s)
+    assert not np.array_equal(orve.hrr_atom(8, "entity", "paris"), s)
+    swapped = orve.hrr_encode(7, "france", "capital_of", "paris")
+    assert not np.allclose(swapped, got)
