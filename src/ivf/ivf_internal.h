@@ -80,6 +80,10 @@ inline unsigned int kmeans_seed_state(uint32_t seed) {
 // rand_r(state) mod n, the remainder taken on signed 32-bit integers.
 uint32_t kmeans_rand_index(unsigned int* state, uint32_t n);
 
+// The k-means++ draw of the next seed: row i with probability proportional to d[i] (summed in
+// double, in index order), or a uniform row when every distance is (near) zero.
+uint32_t kmeans_pp_draw(const float* d, uint32_t n, unsigned int* state);
+
 // Float row value i of a code row: code x (1 / scale), computed in float; 0 when scale <= 0.
 void dequantize_row(const int8_t* code, float scale, float* out);
 

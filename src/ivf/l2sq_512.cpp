@@ -64,6 +64,19 @@ uint32_t kmeans_rand_index(unsigned int* state, uint32_t n) {
     return static_cast<uint32_t>(r % static_cast<int32_t>(n));
 }
 
+uint32_t kmeans_pp_draw(const float* d, uint32_t n, unsigned int* state) {
+    double total = 0.0;
+    for (uint32_t i = 0; i < n; ++i) total += static_cast<double>(d[i]);
+    if (total <= 1e-30) return kmeans_rand_index(state, n);
+    const double target = static_cast<double>(rand_r(state)) / 2147483647.0 * total;
+    double running = 0.0;
+    for (uint32_t i = 0; i < n; ++i) {
+        running += static_cast<double>(d[i]);
+        if (running >= target) return i;
+    }
+    return n - 1;  // rounding can leave the running sum just short of the target
+}
+
 void dequantize_row(const int8_t* code, float scale, float* out) {
     if (!(scale > 0.0f)) {
         for (int i = 0; i < 512; ++i) out[i] = 0.0f;

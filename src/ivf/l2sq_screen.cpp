@@ -353,23 +353,7 @@ int pick_kmeans_pp_indices_screened(const float* rows, uint32_t n, uint32_t k, u
     if (k == 1) return 0;
 
     for (uint32_t j = 1; j < k; ++j) {
-        double total = 0.0;
-        for (uint32_t i = 0; i < n; ++i) total += static_cast<double>(d[i]);
-        uint32_t pick;
-        if (total <= 1e-30) {
-            pick = kmeans_rand_index(state, n);
-        } else {
-            const double target = static_cast<double>(rand_r(state)) / 2147483647.0 * total;
-            pick = n - 1;  // rounding can leave the running sum just short of the target
-            double running = 0.0;
-            for (uint32_t i = 0; i < n; ++i) {
-                running += static_cast<double>(d[i]);
-                if (running >= target) {
-                    pick = i;
-                    break;
-                }
-            }
-        }
+        const uint32_t pick = kmeans_pp_draw(d.get(), n, state);
         out[j] = pick;
         lower_distances(rows, n, pick, d.get(), screen);
     }
