@@ -47,13 +47,13 @@ int brute_force_search(semantic_vector_indexing_system* sys, const vector_simila
         return -1;
     }
     orve_vec_sidecar* rerank_sidecar = (q->rerank && sys->sidecar) ? sys->sidecar : nullptr;
-    st.capacity = candidate_budget(q, sys->sidecar != nullptr);
+    const uint32_t n = sys->node_count;
+    st.capacity = candidate_budget(q, sys->sidecar != nullptr, n);
     auto heap = c_alloc_array<bf_topk_entry>(st.capacity);
     if (!heap) return -1;
     st.heap = heap.get();
 
     const dot512_many_fn many = dot512_best().many;
-    const uint32_t n = sys->node_count;
     const uint8_t* valid = sys->slab_i8 != nullptr ? sys->row_valid : nullptr;
     int32_t dots[kBlockRows];
     for (uint32_t s = 0; s < n && st.capacity != 0;) {

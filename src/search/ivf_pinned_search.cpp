@@ -10,13 +10,13 @@ namespace {
 
 // Quantises the query and allocates the candidate heap; false on failure.
 bool prepare(semantic_vector_indexing_system* sys, const vector_similarity_query* q,
-             orve::query_codes& qc, orve::c_unique<bf_topk_entry[]>& heap,
+             uint32_t offerable, orve::query_codes& qc, orve::c_unique<bf_topk_entry[]>& heap,
              orve::candidate_sink& sink) {
     if (orve_quantize_float_vector_symmetric(q->query_vector, ORVE512_DIM, qc.codes, &qc.scale,
                                              &qc.norm) != 0) {
         return false;
     }
-    const uint32_t budget = orve::candidate_budget(q, sys->sidecar != nullptr);
+    const uint32_t budget = orve::candidate_budget(q, sys->sidecar != nullptr, offerable);
     heap = orve::c_alloc_array<bf_topk_entry>(budget);
     if (!heap) return false;
     sink = orve::candidate_sink{sys->nodes, q, heap.get(), 0, budget};
@@ -44,7 +44,7 @@ int search_similar_orve512_ivf_rcu_pinned(semantic_vector_indexing_system* sys, 
     orve::query_codes qc;
     orve::c_unique<bf_topk_entry[]> heap;
     orve::candidate_sink sink{};
-    if (!prepare(sys, q, qc, heap, sink)) return -1;
+    if (!prepare(sys, q, index.n_rows, qc, heap, sink)) return -1;
     for (uint32_t i = 0; i < n; ++i) {
         if (buckets[i] >= index.n_buckets) continue;
         orve::scan_bucket(index, buckets[i], qc, index.n_rows, sink);
@@ -67,7 +67,13 @@ int search_similar_orve512_hivf_pinned(semantic_vector_indexing_system* sys,
         return -1;
     }
     const orve_hivf_index& index = holder->index;
-    const uint32_t room = q->n_probe_l1 * q->n_probe_l2;  // 32-bit, as the leaf arrays are sized
+    // Routing writes at most min(p1, b1) level-1 buckets times min(p2, b2) leaves each. The
+    // product of the probe counts themselves can wrap in 32 bits ("probe everything" as
+    // 0xFFFFFFFF twice), which would size the arrays below what routing writes; the bounded
+    // product, taken in 64 bits, is at most b1 x b2 and so never wraps nor over-allocates.
+    const uint64_t p1 = q->n_probe_l1 < index.b1 ? q->n_probe_l1 : index.b1;
+    const uint64_t p2 = q->n_probe_l2 < index.b2 ? q->n_probe_l2 : index.b2;
+    const std::size_t room = static_cast<std::size_t>(p1 * p2);
     auto l1 = orve::c_alloc_array<uint32_t>(room);
     auto l2 = orve::c_alloc_array<uint32_t>(room);
     uint32_t leaves = 0;
@@ -79,10 +85,10 @@ int search_similar_orve512_hivf_pinned(semantic_vector_indexing_system* sys,
     orve::query_codes qc;
     orve::c_unique<bf_topk_entry[]> heap;
     orve::candidate_sink sink{};
-    if (!prepare(sys, q, qc, heap, sink)) return -1;
     // Rows appended after the build have slots at or past the build's row count; the node
     // count bounds the slots the node table can answer for.
     const uint32_t slot_limit = orve::load_node_count(sys);
+    if (!prepare(sys, q, slot_limit, qc, heap, sink)) return -1;
     for (uint32_t i = 0; i < leaves; ++i) {
         if (l1[i] >= index.b1) continue;
         const orve_ivf_index& leaf = index.l2_indexes[l1[i]];

@@ -21,7 +21,7 @@ int search_paged(semantic_vector_indexing_system* sys, const vector_similarity_q
                                              &qc.norm) != 0) {
         return -1;
     }
-    const uint32_t budget = candidate_budget(q, sys->sidecar != nullptr);
+    const uint32_t budget = candidate_budget(q, sys->sidecar != nullptr, a->handle->n_rows);
     auto heap = c_alloc_array<bf_topk_entry>(budget);
     if (!heap) return -1;
     // Files of the first version carry no node identifiers: row positions map to node-table
@@ -36,9 +36,9 @@ int search_paged(semantic_vector_indexing_system* sys, const vector_similarity_q
         for (uint32_t i = 0; i < nodes; ++i) id_map[i] = sys->nodes[i].node_id;
     }
     uint32_t found = 0;
-    (void)orve_ivf_paged_search(a->handle, q->query_vector, q->n_probe_l1, q->n_probe_l2,
-                                qc.codes, heap.get(), &found, budget, id_map.get(), qc.scale,
-                                qc.norm, q->min_similarity);
+    (void)orve_ivf_paged_search(a->handle, q->query_vector, q->n_probe_l1, q->n_probe_l2, qc.codes,
+                                heap.get(), &found, budget, id_map.get(), qc.scale, qc.norm,
+                                q->min_similarity);
     orve_vec_sidecar* rerank = (q->rerank && sys->sidecar != nullptr) ? sys->sidecar : nullptr;
     finish_results(heap.get(), found, q, rerank, results, count);
     return 0;

@@ -49,10 +49,16 @@ int cmp_bf_topk_desc(const void* a, const void* b) {
 
 namespace orve {
 
-uint32_t candidate_budget(const vector_similarity_query* q, bool sidecar_attached) {
-    uint32_t factor = 1;
+uint32_t candidate_budget(const vector_similarity_query* q, bool sidecar_attached,
+                          uint32_t offerable) {
+    uint64_t factor = 1;
     if (q->rerank && sidecar_attached) factor = q->rerank_factor != 0 ? q->rerank_factor : 5;
-    return factor * q->max_results;  // wraps like the budget's definition; 0 finds nothing
+    // Taken in 64 bits rather than wrapped in 32: a wrapped budget (factor 2^31 with k 2)
+    // would silently find nothing or too few, and an uncapped one (k = 2^32 - 1) would ask
+    // for tens of gigabytes to hold candidates that cannot exist. Either cap leaves the
+    // answer unchanged: a heap as large as the row count already keeps every candidate.
+    const uint64_t budget = factor * q->max_results;
+    return budget < offerable ? static_cast<uint32_t>(budget) : offerable;
 }
 
 void finish_results(bf_topk_entry* candidates, uint32_t found, const vector_similarity_query* q,

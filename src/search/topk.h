@@ -31,9 +31,11 @@ void rerank_from_sidecar(bf_topk_entry* candidates, uint32_t count, const float*
 
 namespace orve {
 
-// Factor x k, in 32-bit unsigned arithmetic as the budget is defined; the factor is the query's
-// rerank factor (5 when 0) when re-ranking is asked for and a sidecar is attached, else 1.
-uint32_t candidate_budget(const vector_similarity_query* q, bool sidecar_attached);
+// Factor x k, where the factor is the query's rerank factor (5 when 0) when re-ranking is asked
+// for and a sidecar is attached, else 1; capped at `offerable`, the most candidates the path
+// can offer (its row count), since a larger heap could never fill.
+uint32_t candidate_budget(const vector_similarity_query* q, bool sidecar_attached,
+                          uint32_t offerable);
 
 // Re-ranks (when asked) or sorts the candidates and writes min(found, max_results) results with
 // ranks from 1. Results past that are not touched.

@@ -128,12 +128,48 @@ TEST_F(IndexedSearch, HivfFullProbeEqualsBruteForce) {
         q.n_probe_l2 = 4;
         expect_same(search(q), brute);
     }
+    // Probe counts whose product wraps in 32 bits mean "everything", like 4 x 4 here.
+    const uint32_t probes[][2] = {{65536, 65536}, {0xFFFFFFFFu, 0xFFFFFFFFu}, {0x10000, 4}};
+    for (const auto& p : probes) {
+        auto q = orve_test::int8_query(queries.data(), 10);
+        const auto brute = search(q);
+        q.use_hivf = 1;
+        q.n_probe_l1 = p[0];
+        q.n_probe_l2 = p[1];
+        expect_same(search(q), brute);
+    }
     // Zero level-2 probes: the H-IVF is not consulted (brute force answers).
     auto q = orve_test::int8_query(queries.data(), 4);
     q.use_hivf = 1;
     q.n_probe_l1 = 1;
     q.n_probe_l2 = 0;
     expect_same(search(q), search(orve_test::int8_query(queries.data(), 4)));
+}
+
+TEST_F(IndexedSearch, KBeyondTheRowsReturnsEveryRowOnEveryPath) {
+    // k = 2^32 - 1 must neither ask for a heap of that many candidates nor lose rows: the
+    // answer is every row, as with k equal to the row count. The result array holds only the
+    // rows, which is all a search can write.
+    ASSERT_EQ(semantic_vector_indexing_system_build_ivf(sys(), 8, 2), 0);
+    ASSERT_EQ(semantic_vector_indexing_system_build_ivf_level2(sys(), 4, 4, 2), 0);
+    auto exact = orve_test::int8_query(queries.data(), kRows);
+    exact.min_similarity = -2.0f;
+    const auto all = search(exact);
+    ASSERT_EQ(all.size(), kRows);
+    for (int path = 0; path < 3; ++path) {
+        auto q = exact;
+        q.max_results = 0xFFFFFFFFu;
+        q.use_ivf = path == 1;
+        q.n_probe = 8;
+        q.use_hivf = path == 2;
+        q.n_probe_l1 = q.n_probe_l2 = 4;
+        std::vector<vector_similarity_result> r(kRows);
+        uint32_t n = 0;
+        ASSERT_EQ(semantic_vector_indexing_system_search_similar(sys(), &q, r.data(), &n), 0)
+            << path;
+        r.resize(n);
+        expect_same(r, all);
+    }
 }
 
 TEST_F(IndexedSearch, TeardownsAndGenerations) {

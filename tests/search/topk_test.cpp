@@ -79,18 +79,31 @@ TEST(TopkCompare, DescendingAndNanIsEqual) {
     EXPECT_EQ(cmp_bf_topk_desc(&n, &b), 0);
 }
 
-TEST(CandidateBudget, FactorOnlyWithRerankAndSidecar) {
-    vector_similarity_query q{};
-    q.max_results = 10;
-    EXPECT_EQ(orve::candidate_budget(&q, true), 10u);
-    q.rerank = 1;
-    EXPECT_EQ(orve::candidate_budget(&q, false), 10u);
-    EXPECT_EQ(orve::candidate_budget(&q, true), 50u);
-    q.rerank_factor = 3;
-    EXPECT_EQ(orve::candidate_budget(&q, true), 30u);
-    q.rerank_factor = 0x80000000u;
-    q.max_results = 2;
-    EXPECT_EQ(orve::candidate_budget(&q, true), 0u);  // wraps in 32 bits
+TEST(CandidateBudget, FactorOnlyWithRerankAndSidecarCappedByTheRows) {
+    struct row {
+        uint8_t rerank;
+        uint32_t factor, k;
+        bool sidecar;
+        uint32_t rows, want;
+    };
+    const row table[] = {
+        {0, 0, 10, true, 1000, 10},
+        {1, 0, 10, false, 1000, 10},
+        {1, 0, 10, true, 1000, 50},
+        {1, 3, 10, true, 1000, 30},
+        {1, 3, 10, true, 12, 12},
+        {0, 0, 0xFFFFFFFFu, false, 1100000, 1100000},
+        // 2^31 x 2 wraps to 0 in 32 bits; the budget must still cover every row.
+        {1, 0x80000000u, 2, true, 7, 7},
+        {1, 0xFFFFFFFFu, 0xFFFFFFFFu, true, 0xFFFFFFFFu, 0xFFFFFFFFu},
+    };
+    for (const row& t : table) {
+        vector_similarity_query q{};
+        q.rerank = t.rerank;
+        q.rerank_factor = t.factor;
+        q.max_results = t.k;
+        EXPECT_EQ(orve::candidate_budget(&q, t.sidecar, t.rows), t.want) << t.factor << " " << t.k;
+    }
 }
 
 }  // namespace
