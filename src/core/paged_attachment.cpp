@@ -98,6 +98,10 @@ void release_hivf_rows_locked(semantic_vector_indexing_system* sys) {
     }
     copy->refs.store(1, std::memory_order_relaxed);
     copy->generation = live->generation;
+    // A search that missed the file (it was attached just after the search looked) and fell
+    // to the H-IVF would scan no rows here and return an empty answer as final; the copy
+    // refuses to pin, so such a search falls through to a path that has the rows.
+    copy->rows_released = true;
     hivf_live_release(sys->live_hivf.exchange(copy, std::memory_order_acq_rel));
 }
 
@@ -123,8 +127,9 @@ extern "C" ORVE_API int semantic_vector_indexing_system_build_ivf_paged(
         holder = hivf_live_retain(sys->live_hivf.load(std::memory_order_acquire));
     }
     if (holder == nullptr) {
-        std::fputs("[IVF_PAGED] build_ivf_paged: no H-IVF built \u2014 call build_ivf_level2 first\n",
-                   stderr);
+        std::fputs(
+            "[IVF_PAGED] build_ivf_paged: no H-IVF built \u2014 call build_ivf_level2 first\n",
+            stderr);
         return -1;
     }
     struct unpin {

@@ -260,6 +260,13 @@ extern "C" ORVE_API void semantic_vector_indexing_system_destroy_hivf(
 
 namespace {
 
+bool searchable(const ivf_live*) {
+    return true;
+}
+bool searchable(const hivf_live* h) {
+    return !h->rows_released;
+}
+
 template <typename Holder>
 int pin_live(semantic_vector_indexing_system* sys, holder_ptr<Holder> live,
              Holder* (*retain)(Holder*), void (*release)(Holder*), Holder** out) {
@@ -272,7 +279,7 @@ int pin_live(semantic_vector_indexing_system* sys, holder_ptr<Holder> live,
         h = retain((sys->*live).load(std::memory_order_acquire));
     }
     if (h == nullptr) return -1;
-    if (sys->ingest_generation.load(std::memory_order_acquire) != h->generation) {
+    if (!searchable(h) || sys->ingest_generation.load(std::memory_order_acquire) != h->generation) {
         release(h);
         return -1;
     }

@@ -19,6 +19,9 @@ struct hivf_live {
     std::atomic<uint32_t> refs;
     uint64_t generation;
     orve_hivf_index index;
+    // Set on the copy published once a paged file holds the rows: it keeps the routing data
+    // for a later write but can answer no search, so it is never pinned for one.
+    bool rows_released;
 };
 
 ivf_live* ivf_live_retain(ivf_live* holder);
@@ -27,7 +30,7 @@ hivf_live* hivf_live_retain(hivf_live* holder);
 void hivf_live_release(hivf_live* holder);
 
 // Pins the published index for a search: 0 with *out set (release it exactly once), or -1
-// when there is none or it is stale (a row arrived, or an IVF teardown happened, since its
-// build).
+// when there is none, it is stale (a row arrived, or an IVF teardown happened, since its
+// build) or, for the H-IVF, its rows were released to a paged file.
 int ivf_rcu_pin_live(semantic_vector_indexing_system* sys, ivf_live** out);
 int hivf_rcu_pin_live(semantic_vector_indexing_system* sys, hivf_live** out);
