@@ -28,14 +28,8 @@ bool file_structure_fits(const uint8_t* base, uint64_t length, uint32_t version,
         if (!add_u64(codes, kCodeBytes * m, &expect_meta) || meta != expect_meta) return false;
         if (!add_u64(meta, meta_per_row * m, &end) || end > length) return false;
         next_free = end;
-        // A first-version file names its rows only by position; the caller maps positions to
-        // node identifiers through a table of n_rows entries, so every position must fit it.
-        if (version == 1) {
-            const uint8_t* row_ids = base + meta + 8 * static_cast<uint64_t>(m);
-            for (uint32_t k = 0; k < m; ++k) {
-                if (load_u32(row_ids + 4 * static_cast<uint64_t>(k)) >= n_rows) return false;
-            }
-        }
+        // Row positions are not looked at: they are the caller's to map (a first-version file
+        // through the caller's table), and the search skips any position the table lacks.
     }
     // At most 4096 slots of 32-bit counts: the total cannot wrap.
     if (total != n_rows) return false;

@@ -16,8 +16,7 @@ namespace orve::paged {
 //     up to n_rows;
 //   - every non-empty leaf starts on a 64-byte boundary at or after the data start and after
 //     the previous leaf's end, has its metadata right behind its codes, and ends inside the
-//     file;
-//   - in a first-version file (no node identifiers), every row position is below n_rows.
+//     file.
 // Empty slots take no bytes, so their offsets are not looked at. Fills *layout on success.
 // The header fields must already be known to be nonzero b1, b2 and a version of 1 or 2.
 bool file_structure_fits(const uint8_t* base, uint64_t length, uint32_t version, uint32_t b1,

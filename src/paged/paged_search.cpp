@@ -11,6 +11,8 @@
 // mapping is ever read whatever the file held.
 #include <cstring>
 
+#include "paged/paged_search.h"
+
 #include "paged/page_advice.h"
 #include "paged/paged_format.h"
 #include "quant/cosine.h"
@@ -54,6 +56,7 @@ struct probe {
     const int8_t* query;
     float q_scale, q_norm, min_similarity;
     const uint32_t* id_map;  // null for version-2 files, which carry their node ids
+    uint32_t id_map_rows;    // entries in id_map
     bool with_node_ids;
     bf_topk_entry* heap;
     uint32_t* found;
@@ -77,6 +80,9 @@ void scan_leaf(const probe& pr, const orve::dot512_many_fn many, uint64_t codes_
                                                       pr.q_norm, load_f32(norms + 4 * k));
             if (score < pr.min_similarity) continue;
             const uint32_t row = load_u32(row_ids + 4 * k);
+            // A position the map does not cover names no node the caller knows; it is skipped
+            // rather than read past the map (open does not bound positions).
+            if (!pr.with_node_ids && row >= pr.id_map_rows) continue;
             const uint32_t node = pr.with_node_ids ? load_u32(node_ids + 4 * k) : pr.id_map[row];
             const bf_topk_entry e{score, node, 0, 0.0f, row};
             bf_topk_heap_push(pr.heap, pr.found, pr.budget, &e);
@@ -91,14 +97,12 @@ void scan_leaf(const probe& pr, const orve::dot512_many_fn many, uint64_t codes_
 //     so its leaves are not read at all;
 //   - a handle whose b1 or b2 is above the scratch size (only a handle not made by open could
 //     have one) is searched as if empty.
-extern "C" ORVE_API int32_t orve_ivf_paged_search(const orve_ivf_paged_index* handle,
-                                                  const float* query_vector, uint32_t n_probe_l1,
-                                                  uint32_t n_probe_l2, const int8_t* query_codes,
-                                                  bf_topk_entry* candidates, uint32_t* found,
-                                                  uint32_t budget, const uint32_t* id_map,
-                                                  float query_scale, float query_norm,
-                                                  float min_similarity) {
-    (void)query_vector;  // the codes, scale and norm carry everything the scores need
+namespace orve::paged {
+
+int32_t search_mapped(const orve_ivf_paged_index* handle, uint32_t n_probe_l1, uint32_t n_probe_l2,
+                      const int8_t* query_codes, bf_topk_entry* candidates, uint32_t* found,
+                      uint32_t budget, const uint32_t* id_map, uint32_t id_map_rows,
+                      float query_scale, float query_norm, float min_similarity) {
     if (handle == nullptr || query_codes == nullptr || candidates == nullptr || found == nullptr)
         return -1;
     const uint32_t b1 = handle->b1;
@@ -116,6 +120,7 @@ extern "C" ORVE_API int32_t orve_ivf_paged_search(const orve_ivf_paged_index* ha
                    query_norm,
                    min_similarity,
                    with_node_ids ? nullptr : id_map,
+                   id_map_rows,
                    with_node_ids,
                    candidates,
                    found,
@@ -162,4 +167,23 @@ extern "C" ORVE_API int32_t orve_ivf_paged_search(const orve_ivf_paged_index* ha
         }
     }
     return 0;
+}
+
+}  // namespace orve::paged
+
+extern "C" ORVE_API int32_t orve_ivf_paged_search(const orve_ivf_paged_index* handle,
+                                                  const float* query_vector, uint32_t n_probe_l1,
+                                                  uint32_t n_probe_l2, const int8_t* query_codes,
+                                                  bf_topk_entry* candidates, uint32_t* found,
+                                                  uint32_t budget, const uint32_t* id_map,
+                                                  float query_scale, float query_norm,
+                                                  float min_similarity) {
+    (void)query_vector;  // the codes, scale and norm carry everything the scores need
+    // The map's size is not passed here; the file's row count is the one size a caller can be
+    // expected to have sized it by. A row position at or past it is skipped instead of being
+    // used as an index, since open accepts files whose positions go beyond their row count.
+    const uint32_t map_rows = handle != nullptr ? handle->n_rows : 0;
+    return orve::paged::search_mapped(handle, n_probe_l1, n_probe_l2, query_codes, candidates,
+                                      found, budget, id_map, map_rows, query_scale, query_norm,
+                                      min_similarity);
 }

@@ -3,6 +3,7 @@
 
 #include "core/paged_attachment.h"
 #include "core/system.h"
+#include "paged/paged_search.h"
 #include "search/index_scan.h"
 
 namespace orve {
@@ -25,20 +26,19 @@ int search_paged(semantic_vector_indexing_system* sys, const vector_similarity_q
     auto heap = c_alloc_array<bf_topk_entry>(budget);
     if (!heap) return -1;
     // Files of the first version carry no node identifiers: row positions map to node-table
-    // slots. Open checked that every position is below the file's row count, so the table
-    // covers that many entries; positions past the node count name no node (identifier 0).
+    // slots. Positions at or past the node count name no node and are skipped by the search.
     c_unique<uint32_t[]> id_map;
+    uint32_t nodes = 0;
     if (a->handle->version <= 1) {
-        const uint32_t nodes = load_node_count(sys);
-        const uint32_t n = a->handle->n_rows > nodes ? a->handle->n_rows : nodes;
-        id_map = c_calloc_array<uint32_t>(n);
+        nodes = load_node_count(sys);
+        id_map = c_alloc_array<uint32_t>(nodes);
         if (!id_map) return -1;
         for (uint32_t i = 0; i < nodes; ++i) id_map[i] = sys->nodes[i].node_id;
     }
     uint32_t found = 0;
-    (void)orve_ivf_paged_search(a->handle, q->query_vector, q->n_probe_l1, q->n_probe_l2, qc.codes,
-                                heap.get(), &found, budget, id_map.get(), qc.scale, qc.norm,
-                                q->min_similarity);
+    (void)paged::search_mapped(a->handle, q->n_probe_l1, q->n_probe_l2, qc.codes, heap.get(),
+                               &found, budget, id_map.get(), nodes, qc.scale, qc.norm,
+                               q->min_similarity);
     orve_vec_sidecar* rerank = (q->rerank && sys->sidecar != nullptr) ? sys->sidecar : nullptr;
     finish_results(heap.get(), found, q, rerank, results, count);
     return 0;

@@ -10,6 +10,7 @@
 #include "core/paged_attachment.h"
 #include "core/publication.h"
 #include "core/system.h"
+#include "search/ivf_pinned_search.h"
 #include "support/system_fixture.h"
 
 namespace {
@@ -20,7 +21,7 @@ using orve_test::system_block;
 constexpr uint32_t kRows = 1100;
 
 class PagedAttachment : public ::testing::Test {
-protected:
+  protected:
     void SetUp() override {
         char t[] = "/tmp/orve_paged_attach_XXXXXX";
         ASSERT_NE(mkdtemp(t), nullptr);
@@ -40,7 +41,8 @@ protected:
     }
     void TearDown() override {
         semantic_vector_indexing_system_destroy(sys());
-        for (const char* f : {"/index.ivfp", "/vectors.sidecar", "/other.ivfp", "/junk.ivfp"}) {
+        for (const char* f :
+             {"/index.ivfp", "/vectors.sidecar", "/other.ivfp", "/junk.ivfp", "/v1.ivfp"}) {
             unlink((dir + f).c_str());
         }
         rmdir(dir.c_str());
@@ -100,6 +102,14 @@ TEST_F(PagedAttachment, FileAnswersAsTheHivfDidAndFreesItsRows) {
         EXPECT_EQ(live.l2_indexes[i].codes, nullptr);
         EXPECT_EQ(live.l2_indexes[i].row_ids, nullptr);
     }
+    // The row-less copy never pins as current: a search that missed the file and fell to the
+    // H-IVF must not take its empty scan for an answer.
+    hivf_live* rowless = nullptr;
+    EXPECT_EQ(hivf_rcu_pin_live(sys(), &rowless), -1);
+    vector_similarity_result r[8];
+    uint32_t got = 0;
+    const auto hq = hivf_query(queries.data(), false);
+    EXPECT_EQ(search_similar_orve512_hivf_pinned(sys(), &hq, r, &got), -1);
     for (int qi = 0; qi < 4; ++qi) {
         const auto after = search(hivf_query(&queries[qi * 512], qi % 2));
         ASSERT_EQ(after.size(), before[qi].size());
@@ -168,6 +178,56 @@ TEST_F(PagedAttachment, RestartFromSidecarAndFileGivesTheSameAnswers) {
             EXPECT_EQ(after[i].similarity, before[qi][i].similarity);
         }
     }
+}
+
+TEST_F(PagedAttachment, FirstVersionRowsPastTheNodeTableAreSkipped) {
+    // A first-version file maps row positions through the node table. Attached to an object
+    // with fewer rows, the positions past its table name no node: they must not be answered
+    // (nor read past the table).
+    ASSERT_EQ(semantic_vector_indexing_system_build_ivf_level2(sys(), 4, 6, 2), 0);
+    testing::internal::CaptureStdout();
+    testing::internal::CaptureStderr();
+    ASSERT_EQ(semantic_vector_indexing_system_build_ivf_paged(sys(), ivfp.c_str()), 0);
+    // Same sections and offsets; as version 1 the node identifiers are simply not read.
+    std::vector<unsigned char> bytes;
+    {
+        FILE* in = std::fopen(ivfp.c_str(), "rb");
+        ASSERT_NE(in, nullptr);
+        int c;
+        while ((c = std::fgetc(in)) != EOF) bytes.push_back(static_cast<unsigned char>(c));
+        std::fclose(in);
+    }
+    bytes[8] = 1;
+    const std::string v1 = dir + "/v1.ivfp";
+    FILE* out = std::fopen(v1.c_str(), "wb");
+    ASSERT_NE(out, nullptr);
+    ASSERT_EQ(std::fwrite(bytes.data(), 1, bytes.size(), out), bytes.size());
+    std::fclose(out);
+
+    constexpr uint32_t kFewer = 600;
+    system_block small;
+    ASSERT_EQ(create_with_capacity(small.get(), "3000"), 0);
+    for (uint32_t r = 0; r < kFewer; ++r) {
+        ASSERT_EQ(semantic_vector_indexing_system_add_embedding_orve512(small.get(), 7 + r,
+                                                                        &vecs[r * 512]),
+                  0);
+    }
+    ASSERT_EQ(semantic_vector_indexing_system_open_ivf_paged(small.get(), v1.c_str()), 0);
+    testing::internal::GetCapturedStdout();
+    testing::internal::GetCapturedStderr();
+    auto q = hivf_query(queries.data(), false);
+    q.max_results = kRows;
+    q.min_similarity = -2.0f;
+    q.n_probe_l1 = q.n_probe_l2 = 64;
+    std::vector<vector_similarity_result> res(kRows);
+    uint32_t n = 0;
+    ASSERT_EQ(semantic_vector_indexing_system_search_similar(small.get(), &q, res.data(), &n), 0);
+    EXPECT_EQ(n, kFewer);
+    for (uint32_t i = 0; i < n; ++i) {
+        EXPECT_GE(res[i].node_id, 7u);
+        EXPECT_LT(res[i].node_id, 7 + kFewer);
+    }
+    semantic_vector_indexing_system_destroy(small.get());
 }
 
 }  // namespace

@@ -11,6 +11,7 @@
 #include <string>
 
 #include "paged_fixture.h"
+#include "search/topk.h"
 
 using namespace paged_test;
 
@@ -224,10 +225,10 @@ TEST(PagedOpen, HandlePointsIntoTheMapping) {
     EXPECT_FALSE(mapped_anywhere(p));
 }
 
-// A first-version file names rows only by position, which the caller maps through a table of
-// n_rows entries; a position past that must be refused, while a second-version file (which
-// carries its node identifiers) does not depend on it.
-TEST(PagedOpen, FirstVersionRowPositionsMustBeBelowTheRowCount) {
+// Row positions are the caller's to map, so open does not bound them. A first-version file
+// whose position passes its row count opens, and the search (whose map has n_rows entries)
+// skips that row instead of reading past the map; a second-version file offers it.
+TEST(PagedOpen, RowPositionsPastTheRowCountOpenAndAreNeverMappedOutOfBounds) {
     scratch_dir d;
     hand_hivf h(2, 3, random_buckets(2, 3, 4, 77));
     const uint32_t n = h.total_rows();
@@ -241,8 +242,16 @@ TEST(PagedOpen, FirstVersionRowPositionsMustBeBelowTheRowCount) {
         write_file(d.path("rows.ivfp"), f);
         orve_ivf_paged_index* handle = nullptr;
         std::string err;
-        EXPECT_EQ(open_quietly(d.path("rows.ivfp"), &handle, &err), version == 1 ? -7 : 0)
-            << version;
+        ASSERT_EQ(open_quietly(d.path("rows.ivfp"), &handle, &err), 0) << version;
+        const std::vector<uint32_t> map = node_table(n);  // exactly n entries
+        std::vector<bf_topk_entry> heap(n);
+        uint32_t found = 0;
+        const std::vector<int8_t> codes(512, 1);
+        EXPECT_EQ(orve_ivf_paged_search(handle, nullptr, 9, 9, codes.data(), heap.data(), &found, n,
+                                        map.data(), 1.0f, 1.0f, -1e30f),
+                  0);
+        EXPECT_EQ(found, version == 1 ? n - 1 : n) << version;
+        for (uint32_t i = 0; version == 1 && i < found; ++i) EXPECT_LT(heap[i].row, n);
         orve_ivf_paged_close(handle);
     }
 }

@@ -1,0 +1,19 @@
+// Probing an open paged index with a node-identifier map of known size.
+#pragma once
+
+#include <cstdint>
+
+#include "search/topk.h"
+#include "semantic_vector_indexing.h"
+
+namespace orve::paged {
+
+// orve_ivf_paged_search with the number of entries in id_map: a first-version file's row at a
+// position of id_map_rows or more is not offered (its node is unknown to the map's owner).
+// Same return values and heap rule as orve_ivf_paged_search.
+int32_t search_mapped(const orve_ivf_paged_index* handle, uint32_t n_probe_l1, uint32_t n_probe_l2,
+                      const int8_t* query_codes, bf_topk_entry* candidates, uint32_t* found,
+                      uint32_t budget, const uint32_t* id_map, uint32_t id_map_rows,
+                      float query_scale, float query_norm, float min_similarity);
+
+}  // namespace orve::paged
