@@ -2,6 +2,8 @@
 // and forwarding the paged index's memory controls.
 #include "core/paged_attachment.h"
 
+#include <sched.h>
+
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -21,11 +23,42 @@ paged_attachment* paged_attachment_wrap(orve_ivf_paged_index* handle) {
     return a;
 }
 
+namespace {
+
+// The object's slot doubles as a tiny lock of its own: whoever exchanges the busy marker into
+// it owns the slot until it stores a real value (or null) back. A pin holds it only for one
+// reference-count increment, so the holder cannot be freed between loading the pointer and
+// taking the reference, and no object lock is needed. The marker is never dereferenced.
+paged_attachment* const kSlotBusy = reinterpret_cast<paged_attachment*>(alignof(paged_attachment));
+
+paged_attachment* claim_slot(semantic_vector_indexing_system* sys) {
+    std::atomic_ref<paged_attachment*> slot(sys->paged);
+    for (unsigned spins = 0;; ++spins) {
+        paged_attachment* a = slot.exchange(kSlotBusy, std::memory_order_acquire);
+        if (a != kSlotBusy) return a;
+        // Another pin or swap holds the slot for a few instructions; yield only if it lasts.
+        if (spins >= 64) sched_yield();
+    }
+}
+
+void return_slot(semantic_vector_indexing_system* sys, paged_attachment* value) {
+    std::atomic_ref<paged_attachment*>(sys->paged).store(value, std::memory_order_release);
+}
+
+}  // namespace
+
 paged_attachment* paged_attachment_pin(semantic_vector_indexing_system* sys) {
-    object_lock guard(sys);
-    paged_attachment* a = sys->paged;
-    if (a != nullptr) a->refs.fetch_add(1, std::memory_order_acquire);
+    paged_attachment* a = claim_slot(sys);
+    if (a != nullptr) a->refs.fetch_add(1, std::memory_order_relaxed);
+    return_slot(sys, a);
     return a;
+}
+
+paged_attachment* paged_attachment_swap(semantic_vector_indexing_system* sys,
+                                        paged_attachment* fresh) {
+    paged_attachment* old = claim_slot(sys);
+    return_slot(sys, fresh);
+    return old;
 }
 
 void paged_attachment_release(paged_attachment* a) {
@@ -109,8 +142,7 @@ void attach(semantic_vector_indexing_system* sys, paged_attachment* fresh, bool 
     paged_attachment* old;
     {
         orve::object_lock guard(sys);
-        old = sys->paged;
-        sys->paged = fresh;
+        old = orve::paged_attachment_swap(sys, fresh);
         if (release_rows) release_hivf_rows_locked(sys);
     }
     orve::paged_attachment_release(old);

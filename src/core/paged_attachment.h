@@ -19,8 +19,15 @@ namespace orve {
 // which case the handle is left open for the caller.
 paged_attachment* paged_attachment_wrap(orve_ivf_paged_index* handle);
 
-// Takes a reference to the attached paged index under the object's lock; null when none.
+// Takes a reference to the attached paged index; null when none. Takes no object lock: the
+// paged search must stay responsive while brute force, bulk loads and snapshots hold it.
 paged_attachment* paged_attachment_pin(semantic_vector_indexing_system* sys);
+
+// Puts `fresh` (or null) in the object's slot and returns what was there, whose reference
+// passes to the caller. Safe against concurrent pins: a pin either took its reference before
+// the swap, or sees `fresh`.
+paged_attachment* paged_attachment_swap(semantic_vector_indexing_system* sys,
+                                        paged_attachment* fresh);
 
 // Drops a reference; the last one closes the handle. Null is ignored.
 void paged_attachment_release(paged_attachment* a);

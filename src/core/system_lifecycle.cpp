@@ -93,8 +93,8 @@ extern "C" ORVE_API void semantic_vector_indexing_system_destroy(
     }
     orve_vec_sidecar_close(sys->sidecar);
     sys->sidecar = nullptr;
-    orve::paged_attachment_release(sys->paged);  // closes it unless a search still holds it
-    sys->paged = nullptr;
+    // Closes it unless a search still holds it.
+    orve::paged_attachment_release(orve::paged_attachment_swap(sys, nullptr));
     if (has_lock) pthread_mutex_destroy(&sys->lock);
     zero_object(sys);
 }

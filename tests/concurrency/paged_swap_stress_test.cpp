@@ -5,6 +5,8 @@
 #include <unistd.h>
 
 #include <atomic>
+#include <chrono>
+#include <future>
 #include <string>
 #include <thread>
 
@@ -66,6 +68,47 @@ TEST(Concurrency, PagedSearchesWhileFilesAreSwapped) {
     semantic_vector_indexing_system_destroy(sys);
     unlink(a.c_str());
     unlink(b2.c_str());
+    rmdir(t);
+}
+
+TEST(Concurrency, PagedSearchRunsWhileTheObjectLockIsHeld) {
+    // Brute force, bulk loads and snapshots hold the object's lock for long stretches; the
+    // paged path, the memory controls included, must not wait for it.
+    char t[] = "/tmp/orve_paged_nolock_XXXXXX";
+    ASSERT_NE(mkdtemp(t), nullptr);
+    const std::string path = std::string(t) + "/a.ivfp";
+    orve_test::system_block b;
+    auto* sys = b.get();
+    ASSERT_EQ(orve_test::create_with_capacity(sys, "2000"), 0);
+    const auto vecs = orve_test::gaussian_vectors(1000, 121);
+    ASSERT_EQ(semantic_vector_indexing_system_load_vectors_f32(sys, vecs.data(), 1000), 1000);
+    ASSERT_EQ(semantic_vector_indexing_system_build_ivf_level2(sys, 2, 4, 1), 0);
+    testing::internal::CaptureStdout();
+    testing::internal::CaptureStderr();
+    ASSERT_EQ(semantic_vector_indexing_system_build_ivf_paged(sys, path.c_str()), 0);
+    testing::internal::GetCapturedStdout();
+    testing::internal::GetCapturedStderr();
+
+    pthread_mutex_lock(&sys->lock);
+    auto searched = std::async(std::launch::async, [&] {
+        auto q = orve_test::int8_query(&vecs[5 * 512], 3);
+        q.use_hivf = 1;
+        q.n_probe_l1 = 2;
+        q.n_probe_l2 = 4;
+        vector_similarity_result r[3];
+        uint32_t n = 0;
+        semantic_vector_indexing_system_set_paged_low_memory(sys, 1);
+        semantic_vector_indexing_system_drop_ivf_paged_cache(sys);
+        const int rc = semantic_vector_indexing_system_search_similar(sys, &q, r, &n);
+        return rc == 0 && n == 3 && r[0].node_id == 6;
+    });
+    // Generous bound only to turn a deadlock into a failure instead of a hung test.
+    const bool finished = searched.wait_for(std::chrono::seconds(60)) == std::future_status::ready;
+    pthread_mutex_unlock(&sys->lock);
+    EXPECT_TRUE(finished) << "the paged search waited for the object's lock";
+    EXPECT_TRUE(searched.get());
+    semantic_vector_indexing_system_destroy(sys);
+    unlink(path.c_str());
     rmdir(t);
 }
 
