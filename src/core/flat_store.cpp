@@ -11,11 +11,12 @@ namespace {
 
 void free_flat_arrays(semantic_vector_indexing_system* sys) {
     orve::dequant_cache_free(sys);
-    std::free(sys->slab_i8);
+    int8_t* slab = sys->slab_i8;
+    orve::store_slab(sys, nullptr);
+    std::free(slab);
     std::free(sys->row_scale);
     std::free(sys->row_norm);
     std::free(sys->row_valid);
-    sys->slab_i8 = nullptr;
     sys->row_scale = nullptr;
     sys->row_norm = nullptr;
     sys->row_valid = nullptr;
@@ -31,7 +32,7 @@ extern "C" ORVE_API int orve_flat_index_ensure(semantic_vector_indexing_system* 
     auto slab = orve::c_aligned_array<int8_t>(
         static_cast<std::size_t>(sys->capacity) * orve::kRowBytes, 64);
     if (!slab) return -1;
-    sys->slab_i8 = slab.release();
+    orve::store_slab(sys, slab.release());
     sys->row_scale = static_cast<float*>(std::calloc(sys->capacity, sizeof(float)));
     sys->row_norm = static_cast<float*>(std::calloc(sys->capacity, sizeof(float)));
     sys->row_valid = static_cast<uint8_t*>(std::calloc(sys->capacity, 1));
@@ -58,7 +59,7 @@ extern "C" ORVE_API int orve512_drop_flat_slabs(semantic_vector_indexing_system*
     if (sys->slabs_dropped) return 0;
     // The published indexes hold their own copies of the rows and keep serving searches.
     free_flat_arrays(sys);
-    sys->slabs_dropped = 1;
+    orve::store_slabs_dropped(sys, true);
     return 0;
 }
 

@@ -73,6 +73,21 @@ inline void store_node_count(semantic_vector_indexing_system* sys, uint32_t n) {
     std::atomic_ref<uint32_t>(sys->node_count).store(n, std::memory_order_release);
 }
 
+// slab_i8 and slabs_dropped are written under the lock but read without it by the front end's
+// brute-force guard; the same atomic_ref scheme keeps those reads race-free.
+inline int8_t* load_slab(semantic_vector_indexing_system* sys) {
+    return std::atomic_ref<int8_t*>(sys->slab_i8).load(std::memory_order_acquire);
+}
+inline void store_slab(semantic_vector_indexing_system* sys, int8_t* slab) {
+    std::atomic_ref<int8_t*>(sys->slab_i8).store(slab, std::memory_order_release);
+}
+inline bool load_slabs_dropped(semantic_vector_indexing_system* sys) {
+    return std::atomic_ref<uint8_t>(sys->slabs_dropped).load(std::memory_order_acquire) != 0;
+}
+inline void store_slabs_dropped(semantic_vector_indexing_system* sys, bool dropped) {
+    std::atomic_ref<uint8_t>(sys->slabs_dropped).store(dropped ? 1 : 0, std::memory_order_release);
+}
+
 // Parses a capacity the way ORVE_VECTOR_CAPACITY is read: base-10 signed 64-bit, leading blanks
 // and a sign allowed, stopping at the first non-digit; the low 32 bits taken as unsigned; any
 // value outside 1..1,100,000 (or null text) gives 1,100,000.

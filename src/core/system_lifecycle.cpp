@@ -66,7 +66,7 @@ extern "C" ORVE_API int semantic_vector_indexing_system_create(
         return -1;
     }
     sys->initialized = 1;
-    sys->slabs_dropped = 0;
+    orve::store_slabs_dropped(sys, false);
     return 0;
 }
 

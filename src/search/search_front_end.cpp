@@ -75,7 +75,7 @@ extern "C" ORVE_API int semantic_vector_indexing_system_search_similar(
         }
     }
 
-    if (sys->slabs_dropped && sys->slab_i8 == nullptr) {
+    if (orve::load_slabs_dropped(sys) && orve::load_slab(sys) == nullptr) {
         std::fputs("[ORVE] bruteforce fallback disabled: flat slabs were dropped\n", stderr);
         return -7;
     }

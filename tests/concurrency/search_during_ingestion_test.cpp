@@ -64,4 +64,30 @@ TEST(Concurrency, SearchesWhileOneThreadIngests) {
     EXPECT_EQ(nodes, kRows);
 }
 
+TEST(Concurrency, BruteForceSearchesWhileTheSlabsAreDropped) {
+    // The front end's guard reads the drop flag and the slab pointer without the lock while
+    // another thread drops them: every search either runs (0) or is refused (-7).
+    orve_test::system_block b;
+    auto* sys = b.get();
+    ASSERT_EQ(orve_test::create_with_capacity(sys, "2000"), 0);
+    const auto vecs = orve_test::gaussian_vectors(200, 62);
+    ASSERT_EQ(semantic_vector_indexing_system_load_vectors_f32(sys, vecs.data(), 200), 200);
+    testing::internal::CaptureStderr();
+    std::atomic<bool> bad{false}, refused{false};
+    std::thread searcher([&] {
+        for (int round = 0; round < 400 && !refused.load(); ++round) {
+            auto q = orve_test::int8_query(&vecs[(round % 200) * 512], 3);
+            vector_similarity_result r[3];
+            uint32_t n = 0;
+            const int rc = semantic_vector_indexing_system_search_similar(sys, &q, r, &n);
+            if (rc == -7) refused = true;
+            if (rc != 0 && rc != -7) bad = true;
+        }
+    });
+    EXPECT_EQ(semantic_vector_indexing_system_evict_flat_slab(sys), 0);
+    searcher.join();
+    testing::internal::GetCapturedStderr();
+    EXPECT_FALSE(bad.load());
+}
+
 }  // namespace
