@@ -7,6 +7,7 @@
 
 #include <cstdlib>
 #include <cstring>
+#include <utility>
 
 #include "core/dequant_cache.h"
 #include "core/system.h"
@@ -19,7 +20,7 @@ constexpr uint32_t kMinRowsForIndex = 1000;
 constexpr int kSnapshotAttempts = 8;
 
 struct snapshot {
-    orve::c_unique<float[]> floats;  // only for the IVF
+    orve::dequant_rows floats;  // only for the IVF
     orve::c_unique<int8_t[]> codes;
     orve::c_unique<float[]> scales;
     orve::c_unique<float[]> norms;
@@ -35,16 +36,26 @@ bool all_rows_valid(const semantic_vector_indexing_system* sys, uint32_t n) {
     return true;
 }
 
-// Copies the flat store into private buffers, retrying while ingestion moves under it. With
-// floats, the dequantised cache is copied too, extended first when rows arrived after it was
-// built. Returns 0 with `s` filled, -1 after an allocation failure or eight moving attempts.
-int take_snapshot(semantic_vector_indexing_system* sys, bool with_floats, snapshot& s) {
+// The checks a build makes before its first snapshot; the caller holds the lock.
+using build_check = bool (*)(semantic_vector_indexing_system* sys, uint32_t n, uint32_t param_a,
+                             uint32_t param_b);
+
+// Copies the flat store into private buffers, retrying while ingestion moves under it. Each
+// attempt takes the lock twice: to read the row count and generation (the first attempt also
+// runs `check` there), and to copy. With floats, the rows the dequantised cache covers are
+// copied from it and the rest are converted from the copied codes afterwards, without the
+// lock: conversion is far slower than a copy, and the copied codes are exactly the slab's.
+// Returns 0 with `s` filled, -1 after a failed check, an allocation failure or eight moving
+// attempts.
+int take_snapshot(semantic_vector_indexing_system* sys, bool with_floats, build_check check,
+                  uint32_t a, uint32_t b, snapshot& s) {
     for (int attempt = 0; attempt < kSnapshotAttempts; ++attempt) {
         uint32_t n;
         uint64_t g;
         {
             orve::object_lock guard(sys);
             n = sys->node_count;
+            if (attempt == 0 && !check(sys, n, a, b)) return -1;
             g = sys->ingest_generation.load(std::memory_order_acquire);
         }
         s = snapshot{};
@@ -53,24 +64,32 @@ int take_snapshot(semantic_vector_indexing_system* sys, bool with_floats, snapsh
         s.scales = orve::c_alloc_array<float>(n_sz);
         s.norms = orve::c_alloc_array<float>(n_sz);
         if (with_floats) {
-            s.floats = orve::c_alloc_array<float>(n_sz * ORVE512_DIM);
+            s.floats = orve::dequant_rows(n);
             s.valid = orve::c_alloc_array<uint8_t>(n_sz);
         }
-        if (!s.codes || !s.scales || !s.norms || (with_floats && (!s.floats || !s.valid))) {
+        if (!s.codes || !s.scales || !s.norms || (with_floats && (s.floats.empty() || !s.valid))) {
             return -1;
         }
-        orve::object_lock guard(sys);
-        if (sys->slab_i8 == nullptr) return -1;  // dropped while the buffers were allocated
-        if (sys->ingest_generation.load(std::memory_order_acquire) != g || sys->node_count != n) {
-            continue;
+        uint32_t cached = 0;
+        {
+            orve::object_lock guard(sys);
+            if (sys->slab_i8 == nullptr) return -1;  // dropped while the buffers were allocated
+            if (sys->ingest_generation.load(std::memory_order_acquire) != g ||
+                sys->node_count != n) {
+                continue;
+            }
+            std::memcpy(s.codes.get(), sys->slab_i8, n_sz * orve::kRowBytes);
+            std::memcpy(s.scales.get(), sys->row_scale, n_sz * sizeof(float));
+            std::memcpy(s.norms.get(), sys->row_norm, n_sz * sizeof(float));
+            if (with_floats) {
+                std::memcpy(s.valid.get(), sys->row_valid, n_sz);
+                cached = orve::dequant_cache_copy(sys, n, s.floats.rows());
+            }
         }
-        if (with_floats && orve::dequant_cache_extend(sys, n) != 0) return -1;
-        std::memcpy(s.codes.get(), sys->slab_i8, n_sz * orve::kRowBytes);
-        std::memcpy(s.scales.get(), sys->row_scale, n_sz * sizeof(float));
-        std::memcpy(s.norms.get(), sys->row_norm, n_sz * sizeof(float));
         if (with_floats) {
-            std::memcpy(s.floats.get(), sys->dequant_cache, n_sz * ORVE512_DIM * sizeof(float));
-            std::memcpy(s.valid.get(), sys->row_valid, n_sz);
+            orve::dequantise_rows(s.codes.get(), s.scales.get(), s.valid.get(), cached, n,
+                                  s.floats.rows());
+            s.floats.set_filled(n);
         }
         s.n = n;
         s.generation = g;
@@ -164,22 +183,21 @@ extern "C" ORVE_API void orve_ivf_snapshot_buffers_free(float* floats, int8_t* c
 extern "C" ORVE_API int semantic_vector_indexing_system_build_ivf(
     semantic_vector_indexing_system* sys, uint32_t nlist, uint32_t seed) {
     if (sys == nullptr || !sys->initialized) return -1;
-    {
-        orve::object_lock guard(sys);
-        const uint32_t n = sys->node_count;
-        if (n < kMinRowsForIndex || nlist == 0 || nlist > n || sys->slab_i8 == nullptr ||
-            sys->row_valid == nullptr) {
-            return -1;
-        }
-        if (orve::dequant_cache_extend(sys, n) != 0) return -1;
-        if (!all_rows_valid(sys, n)) return -1;
-    }
+    // The dequantised rows are made from the snapshot rather than from the store under the
+    // lock, so the build holds the lock for three short sections only: the checks with the
+    // row count, the copy, and the publication. The cache is still reused and, when the build
+    // cannot publish, left covering the rows this build converted, for the next attempt.
+    const build_check check = [](semantic_vector_indexing_system* s, uint32_t n, uint32_t nl,
+                                 uint32_t) {
+        return n >= kMinRowsForIndex && nl != 0 && nl <= n && s->slab_i8 != nullptr &&
+               s->row_valid != nullptr && all_rows_valid(s, n);
+    };
     snapshot s;
-    if (take_snapshot(sys, true, s) != 0) return -1;
+    if (take_snapshot(sys, true, check, nlist, 0, s) != 0) return -1;
 
     orve::c_unique<ivf_live> fresh(static_cast<ivf_live*>(std::calloc(1, sizeof(ivf_live))));
     if (!fresh) return -1;
-    if (orve_ivf_build_kmeans_centroids(s.floats.get(), s.n, nlist, seed, s.codes.get(),
+    if (orve_ivf_build_kmeans_centroids(s.floats.rows(), s.n, nlist, seed, s.codes.get(),
                                         s.scales.get(), s.norms.get(), s.valid.get(),
                                         &fresh->index) != 0) {
         orve_ivf_index_destroy(&fresh->index);
@@ -187,6 +205,7 @@ extern "C" ORVE_API int semantic_vector_indexing_system_build_ivf(
     }
     const uint32_t n = s.n;
     const uint64_t g = s.generation;
+    orve::dequant_rows floats = std::move(s.floats);
     s = snapshot{};  // the index holds its own copies of the rows
 
     orve::object_lock guard(sys);
@@ -194,6 +213,8 @@ extern "C" ORVE_API int semantic_vector_indexing_system_build_ivf(
                                   &semantic_vector_indexing_system::live_ivf,
                                   sys->ivf_built_generation, ivf_live_release)) {
         orve_ivf_index_destroy(&fresh->index);
+        // Only while the store lives: a dropped store has no cache.
+        if (sys->slab_i8 != nullptr) orve::dequant_cache_adopt(sys, std::move(floats));
         return -1;
     }
     fresh.release();
@@ -204,16 +225,13 @@ extern "C" ORVE_API int semantic_vector_indexing_system_build_ivf(
 extern "C" ORVE_API int semantic_vector_indexing_system_build_ivf_level2(
     semantic_vector_indexing_system* sys, uint32_t b1, uint32_t b2, uint32_t seed) {
     if (sys == nullptr || !sys->initialized) return -1;
-    {
-        orve::object_lock guard(sys);
-        const uint32_t n = sys->node_count;
-        if (n < kMinRowsForIndex || b1 == 0 || b2 == 0 || static_cast<uint64_t>(b1) * b2 > n ||
-            sys->slab_i8 == nullptr || sys->row_valid == nullptr || !all_rows_valid(sys, n)) {
-            return -1;
-        }
-    }
+    const build_check check = [](semantic_vector_indexing_system* s, uint32_t n, uint32_t l1,
+                                 uint32_t l2) {
+        return n >= kMinRowsForIndex && l1 != 0 && l2 != 0 && static_cast<uint64_t>(l1) * l2 <= n &&
+               s->slab_i8 != nullptr && s->row_valid != nullptr && all_rows_valid(s, n);
+    };
     snapshot s;
-    if (take_snapshot(sys, false, s) != 0) return -1;
+    if (take_snapshot(sys, false, check, b1, b2, s) != 0) return -1;
 
     orve::c_unique<hivf_live> fresh(static_cast<hivf_live*>(std::calloc(1, sizeof(hivf_live))));
     if (!fresh) return -1;

@@ -1,5 +1,6 @@
 #include "alloc_fault.h"
 
+#include <atomic>
 #include <cerrno>
 #include <cstddef>
 #include <cstdlib>
@@ -17,7 +18,14 @@ namespace {
 long g_fail_at = 0;
 long g_seen = 0;
 
-bool should_fail() {
+const std::function<void(std::size_t)>* g_observer = nullptr;
+std::atomic<bool> g_observing{false};  // set while the observer runs, on any thread
+
+bool should_fail(std::size_t bytes) {
+    if (g_observer != nullptr && !g_observing.exchange(true)) {
+        (*g_observer)(bytes);
+        g_observing = false;
+    }
     if (g_fail_at == 0) return false;
     return ++g_seen == g_fail_at;
 }
@@ -26,16 +34,16 @@ bool should_fail() {
 
 extern "C" {
 void* __wrap_malloc(std::size_t n) {
-    return should_fail() ? nullptr : __real_malloc(n);
+    return should_fail(n) ? nullptr : __real_malloc(n);
 }
 void* __wrap_calloc(std::size_t n, std::size_t size) {
-    return should_fail() ? nullptr : __real_calloc(n, size);
+    return should_fail(n * size) ? nullptr : __real_calloc(n, size);
 }
 void* __wrap_realloc(void* p, std::size_t n) {
-    return should_fail() ? nullptr : __real_realloc(p, n);
+    return should_fail(n) ? nullptr : __real_realloc(p, n);
 }
 int __wrap_posix_memalign(void** out, std::size_t alignment, std::size_t n) {
-    return should_fail() ? ENOMEM : __real_posix_memalign(out, alignment, n);
+    return should_fail(n) ? ENOMEM : __real_posix_memalign(out, alignment, n);
 }
 }
 
@@ -47,6 +55,13 @@ bool run_with_failing_allocation(long k, const std::function<void()>& call) {
     call();
     g_fail_at = 0;
     return g_seen >= k;
+}
+
+void run_observing_allocations(const std::function<void(std::size_t)>& seen,
+                               const std::function<void()>& call) {
+    g_observer = &seen;
+    call();
+    g_observer = nullptr;
 }
 
 }  // namespace orve_test

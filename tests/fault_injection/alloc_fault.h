@@ -5,6 +5,7 @@
 // below. Other allocations (the C++ runtime, the test framework's shared parts) are untouched.
 #pragma once
 
+#include <cstddef>
 #include <functional>
 
 namespace orve_test {
@@ -15,5 +16,10 @@ namespace orve_test {
 // false, checking after each run that the call returned its documented error and left the
 // object usable.
 bool run_with_failing_allocation(long k, const std::function<void()>& call);
+
+// Runs call() with `seen` told the byte size of every allocation it makes (allocations the
+// observer itself makes are not reported).
+void run_observing_allocations(const std::function<void(std::size_t)>& seen,
+                               const std::function<void()>& call);
 
 }  // namespace orve_test

@@ -231,7 +231,13 @@ TEST_F(IndexedSearch, PartialCacheIsExtendedToCoverEveryRow) {
     // index: build once with such a cache and once without, on the same rows and seed.
     {
         orve::object_lock guard(sys());
-        ASSERT_EQ(orve::dequant_cache_extend(sys(), 500), 0);
+        orve::dequant_rows part(500);
+        ASSERT_FALSE(part.empty());
+        orve::dequantise_rows(sys()->slab_i8, sys()->row_scale, sys()->row_valid, 0, 500,
+                              part.rows());
+        part.set_filled(500);
+        orve::dequant_cache_adopt(sys(), std::move(part));
+        ASSERT_NE(sys()->dequant_cache, nullptr);
     }
     ASSERT_EQ(semantic_vector_indexing_system_build_ivf(sys(), 8, 5), 0);
     ivf_live* a = nullptr;
