@@ -180,8 +180,9 @@ extern "C" ORVE_API int32_t orve_ivf_paged_search(const orve_ivf_paged_index* ha
                                                   float min_similarity) {
     (void)query_vector;  // the codes, scale and norm carry everything the scores need
     // The map's size is not passed here; the file's row count is the one size a caller can be
-    // expected to have sized it by. A row position at or past it is skipped instead of being
-    // used as an index, since open accepts files whose positions go beyond their row count.
+    // expected to have sized it by, and a file written from an index has every position below
+    // it. Open accepts files whose positions go beyond it, so such a position is skipped
+    // instead of being used as an index past the caller's map.
     const uint32_t map_rows = handle != nullptr ? handle->n_rows : 0;
     return orve::paged::search_mapped(handle, n_probe_l1, n_probe_l2, query_codes, candidates,
                                       found, budget, id_map, map_rows, query_scale, query_norm,
