@@ -16,6 +16,7 @@
 #include "commands.h"
 #include "datasets.h"
 #include "exact.h"
+#include "file_checks.h"
 #include "library.h"
 #include "outputs.h"
 #include "progress.h"
@@ -164,9 +165,8 @@ int run_demo(const parsed_args& args) {
         static_cast<uint32_t>(args.get_uint("--nlist", default_nlist(rows), 1, rows));
     const uint32_t nprobe =
         static_cast<uint32_t>(args.get_uint("--nprobe", default_nprobe(nlist), 1, nlist));
-    const uint32_t b1 = static_cast<uint32_t>(
-        args.get_uint("--b1", default_branching(rows), 1, ORVE_IVF_PAGED_MAX_B));
-    const uint32_t b2 = static_cast<uint32_t>(args.get_uint("--b2", b1, 1, ORVE_IVF_PAGED_MAX_B));
+    const uint32_t b1 = paged_branching_arg(args, "--b1", default_branching(rows));
+    const uint32_t b2 = paged_branching_arg(args, "--b2", b1);
     if (uint64_t{b1} * b2 > rows) throw usage_error("--b1 x --b2 must not exceed --rows");
     const uint32_t nprobe_l1 =
         static_cast<uint32_t>(args.get_uint("--nprobe-l1", default_nprobe_level(b1), 1, b1));
@@ -184,6 +184,7 @@ int run_demo(const parsed_args& args) {
         }
         sidecar_path = dir + "/demo.sidecar";
         ivfp_path = dir + "/demo.ivfp";
+        check_paths({sidecar_path, ivfp_path}, {});
         // A sidecar left by an earlier run would be replayed into the new object.
         ::unlink(sidecar_path.c_str());
         ::unlink(ivfp_path.c_str());
@@ -215,8 +216,10 @@ int run_demo(const parsed_args& args) {
             const uint32_t n = static_cast<uint32_t>(std::min<uint64_t>(kChunk, rows - done));
             data->next_rows(n, chunk.data());
             const auto t0 = std::chrono::steady_clock::now();
+            errno = 0;
             const int committed =
                 semantic_vector_indexing_system_load_vectors_f32(sys.get(), chunk.data(), n);
+            const int err = errno;
             ingest_s += seconds_since(t0);
             if (committed != static_cast<int>(n)) {
                 throw tool_error("ingestion stopped at row " + std::to_string(done) +
@@ -224,6 +227,8 @@ int run_demo(const parsed_args& args) {
             }
             exact.add_rows(chunk.data(), done, n);
             done += n;
+            // The restart below replays the sidecar: a row it lost must fail here, by name.
+            check_sidecar_kept_up(sidecar_path, sidecar_path, done, err);
             bar.update(done);
         }
     }
@@ -273,15 +278,8 @@ int run_demo(const parsed_args& args) {
     run_both(search_path::hivf, hivf_settings);
 
     step_timer paged_step(rep, "writing paged index");
-    library_output log;
-    const int paged_rc =
-        semantic_vector_indexing_system_build_ivf_paged(sys.get(), ivfp_path.c_str());
-    const std::string paged_log = log.finish();
-    if (paged_rc != 0) {
-        throw tool_error(ivfp_path + ": writing the paged index failed: " + paged_log);
-    }
+    write_paged_index(sys.get(), ivfp_path, ivfp_path, rep);
     const double paged_s = paged_step.done();
-    if (!rep.quiet()) std::fputs(paged_log.c_str(), stderr);
     run_both(search_path::paged, hivf_settings);
 
     // Restart: a new object knows only the two files.
