@@ -10,7 +10,7 @@ FUZZ_SECONDS="${1:-60}"
 ensure_packages cmake ninja-build clang-14 libclang-rt-14-dev libfuzzer-14-dev
 
 cd "$ROOT"
-BUILD_TARGETS="paged_open_fuzz paged_fuzz_seeds" build_tree build/fuzz \
+BUILD_TARGETS="paged_open_fuzz paged_fuzz_seeds orve_vector_file_fuzz" build_tree build/fuzz \
     -DCMAKE_BUILD_TYPE=RelWithDebInfo -DCMAKE_C_COMPILER=clang-14 -DCMAKE_CXX_COMPILER=clang++-14 \
     -DORVE_BUILD_FUZZ=ON -DORVE_SANITIZE=ON -DORVE_BUILD_TESTS=OFF -DORVE_BUILD_BENCH=OFF
 
@@ -26,4 +26,9 @@ echo "=== fuzzing the paged index reader for ${FUZZ_SECONDS}s ==="
 ASAN_OPTIONS=detect_leaks=1:abort_on_error=1 UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1 \
     "$bin/paged_open_fuzz" -max_total_time="$FUZZ_SECONDS" -timeout=20 -rss_limit_mb=2048 \
     -close_fd_mask=3 -print_final_stats=1 -artifact_prefix=build/fuzz/artifacts/ "$corpus"
+# The tool's .npy/.fvecs readers, a few seconds from the seed files kept with the target.
+rm -rf build/fuzz/corpus-tool && mkdir -p build/fuzz/corpus-tool
+ASAN_OPTIONS=detect_leaks=1:abort_on_error=1 UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1 \
+    build/fuzz/tools/fuzz/orve_vector_file_fuzz -max_total_time=5 -timeout=20 -rss_limit_mb=2048 \
+    -artifact_prefix=build/fuzz/artifacts/ build/fuzz/corpus-tool tests/tools/fuzz/seeds
 echo "fuzzing finished without a crash"

@@ -3,6 +3,7 @@
 // bad input: one line naming the file, a non-zero exit, no file left behind.
 #include <sys/stat.h>
 #include <sys/wait.h>
+#include <unistd.h>
 
 #include <gtest/gtest.h>
 
@@ -30,8 +31,10 @@ struct run_result {
     std::string err;
 };
 
-// Runs the tool with stdout and stderr captured through files.
-run_result run_orve(const scratch_dir& dir, const std::string& args) {
+// Runs the tool with stdout and stderr captured through files; `shell_setup` runs first in the
+// same shell (resource limits, ignored signals), and `out_to` replaces the stdout capture.
+run_result run_orve(const scratch_dir& dir, const std::string& args,
+                    const std::string& shell_setup = "", const std::string& out_to = "") {
     const char* tool = std::getenv("ORVE_TOOL");
     run_result r;
     if (!tool) {
@@ -40,12 +43,14 @@ run_result run_orve(const scratch_dir& dir, const std::string& args) {
     }
     // A cross-built tool needs the emulator the tests themselves run under.
     const char* launcher = std::getenv("ORVE_TOOL_LAUNCHER");
-    const std::string out = dir.file("stdout.txt"), err = dir.file("stderr.txt");
-    const std::string cmd = std::string(launcher ? launcher : "") + " '" + tool + "' " + args +
-                            " >'" + out + "' 2>'" + err + "'";
+    const std::string out = out_to.empty() ? dir.file("stdout.txt") : out_to;
+    const std::string err = dir.file("stderr.txt");
+    const std::string cmd = shell_setup + std::string(launcher ? launcher : "") + " '" + tool +
+                            "' " + args + " >'" + out + "' 2>'" + err + "'";
     const int status = std::system(cmd.c_str());
     r.exit_code = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-    const bytes o = read_file(out), e = read_file(err);
+    // A redirection target such as /dev/full is not read back: it reads as endless zeros.
+    const bytes o = out_to.empty() ? read_file(out) : bytes{}, e = read_file(err);
     r.out.assign(o.begin(), o.end());
     r.err.assign(e.begin(), e.end());
     return r;
@@ -184,6 +189,13 @@ TEST(OrveEndToEnd, BuildThenQueryMatchesTheLibraryCalledDirectly) {
     const std::vector<answer> tool_brute = parse_csv(brute.out);
     EXPECT_EQ(tool_brute.size(), kQueries * 6);
     expect_same_answers(tool_brute, lib.search(q, kQueries, 6));
+    // Answers that never reached standard output are a failure, not a success.
+    run_result full = run_orve(
+        dir,
+        "query --quiet --sidecar " + dir.file("s.sc") + " --queries " + dir.file("q.npy") + " -k 6",
+        "", "/dev/full");
+    EXPECT_EQ(full.exit_code, 1);
+    EXPECT_EQ(full.err, "orve: standard output: No space left on device\n");
 
     // The paged path: the library given the tool's .ivfp file answers the same.
     ASSERT_EQ(semantic_vector_indexing_system_open_ivf_paged(lib.sys(), dir.file("i.ivfp").c_str()),
@@ -248,14 +260,16 @@ TEST(OrveEndToEnd, BadInputGetsOneLineAndLeavesNoFiles) {
     EXPECT_NE(r.err.find("no/such/dir/i.ivfp: cannot write in"), std::string::npos) << r.err;
     EXPECT_EQ(std::count(r.err.begin(), r.err.end(), '\n'), 1) << r.err;
 
-    // A failure at the very end, after ingestion, training and writing: the finished index
-    // cannot be renamed over a directory. Neither output may survive.
-    ASSERT_EQ(::mkdir(dir.file("taken.ivfp").c_str(), 0755), 0);
-    r = run_orve(dir, "build --quiet --vectors " + dir.file("v.npy") + " --sidecar " +
-                          dir.file("s.sc") + " --ivfp " + dir.file("taken.ivfp"));
+    // A write that fails during the build (a file size limit stands in for a full disk): one
+    // line naming the sidecar and the cause, and neither output nor a temporary survives.
+    r = run_orve(dir, "build --quiet --vectors " + dir.file("v.npy") + outputs,
+                 "ulimit -f 1024; trap '' XFSZ; ");
     EXPECT_EQ(r.exit_code, 1);
-    EXPECT_NE(r.err.find("taken.ivfp: cannot move the finished file into place"), std::string::npos)
+    EXPECT_EQ(r.err.rfind("orve: " + dir.file("s.sc") + ": writing the sidecar failed after ", 0),
+              0u)
         << r.err;
+    EXPECT_NE(r.err.find(" of 1500 rows: File too large\n"), std::string::npos) << r.err;
+    EXPECT_EQ(std::count(r.err.begin(), r.err.end(), '\n'), 1) << r.err;
     EXPECT_FALSE(exists(dir.file("s.sc")));
 
     bytes q_trunc = npy_f32(mixture(2, 6), 2);
@@ -270,7 +284,7 @@ TEST(OrveEndToEnd, BadInputGetsOneLineAndLeavesNoFiles) {
     ASSERT_EQ(std::system(listing_cmd.c_str()), 0);
     const bytes listing = read_file(dir.file("ls.txt"));
     EXPECT_EQ(std::string(listing.begin(), listing.end()),
-              "ls.txt\nq.npy\nstderr.txt\nstdout.txt\ntaken.ivfp\nv.npy\nv8.npy\n");
+              "ls.txt\nq.npy\nstderr.txt\nstdout.txt\nv.npy\nv8.npy\n");
 }
 
 TEST(OrveEndToEnd, RefusesToOverwriteASidecarWithoutForce) {
@@ -294,3 +308,142 @@ TEST(OrveEndToEnd, RefusesToOverwriteASidecarWithoutForce) {
 }
 
 }  // namespace
+
+// Paths of the wrong kind, paths that name one file, and out-of-range options are refused
+// before any work: the vectors file here has the wrong dtype, so reaching it would print a
+// different message. Devices, FIFOs and inputs are left exactly as they were.
+TEST(OrveEndToEnd, PathsOfTheWrongKindAndBadOptionsAreRefusedFirst) {
+    scratch_dir dir;
+    bytes f8 = npy_preamble(npy_dict("<f8", "(1500, 512)"));
+    f8.resize(f8.size() + kRows * 512 * 8);
+    write_file(dir.file("v8.npy"), f8);
+    write_file(dir.file("s.sc"), {});
+    ASSERT_EQ(::symlink("/dev/null", dir.file("null").c_str()), 0);
+    ASSERT_EQ(::mkfifo(dir.file("fifo").c_str(), 0644), 0);
+    ASSERT_EQ(::mkdir(dir.file("sub").c_str(), 0755), 0);
+    ASSERT_EQ(::link(dir.file("s.sc").c_str(), dir.file("hard.ivfp").c_str()), 0);
+    const std::string d = dir.path() + "/";
+    const std::string v = " --vectors " + d + "v8.npy";
+    struct refusal {
+        std::string args;
+        int exit_code;
+        std::string message;
+    };
+    const refusal cases[] = {
+        {"build" + v + " --force --sidecar " + d + "null --ivfp " + d + "i.ivfp", 1,
+         d + "null: is a character device; an output must be a regular file or not exist yet"},
+        {"build" + v + " --sidecar " + d + "fifo --ivfp " + d + "i.ivfp", 1,
+         d + "fifo: is a FIFO; an output must be"},
+        {"build" + v + " --sidecar " + d + "n.sc --ivfp " + d + "sub", 1,
+         d + "sub: is a directory; an output must be"},
+        {"build" + v + " --sidecar " + d + "n.sc --ivfp " + d + "sub/../n.sc", 2,
+         d + "n.sc and " + d + "sub/../n.sc are the same file"},
+        {"build" + v + " --sidecar " + d + "s.sc --ivfp " + d + "hard.ivfp", 2,
+         d + "s.sc and " + d + "hard.ivfp are the same file"},
+        {"build" + v + " --sidecar " + d + "n.sc --ivfp " + d + "v8.npy", 2,
+         "output " + d + "v8.npy is the input " + d + "v8.npy"},
+        {"build" + v + " --sidecar " + d + "n.sc --ivfp " + d + "i.ivfp --b2 65", 2,
+         "--b2 65: the paged index supports at most 64 buckets per level"},
+        {"build --vectors " + d + "fifo --sidecar " + d + "n.sc --ivfp " + d + "i.ivfp", 1,
+         d + "fifo: is a FIFO, not a regular file"},
+        {"inspect " + d + "fifo", 1, d + "fifo: is a FIFO, not a regular file"},
+        {"query --sidecar " + d + "fifo --queries " + d + "v8.npy", 1,
+         d + "fifo: is a FIFO, not a regular file"},
+        {"query --sidecar " + d + "s.sc --queries " + d + "fifo", 1,
+         d + "fifo: is a FIFO, not a regular file"},
+        {"query --sidecar " + d + "s.sc --queries " + d + "v8.npy --ivfp " + d + "sub", 1,
+         d + "sub: is a directory, not a regular file"},
+        {"query --sidecar " + d + "s.sc --queries " + d + "v8.npy -k 0", 2,
+         "-k expects a whole number from 1 to 100000, got '0'"},
+    };
+    for (const refusal& c : cases) {
+        const run_result r = run_orve(dir, c.args);
+        EXPECT_EQ(r.exit_code, c.exit_code) << c.args << "\n" << r.err;
+        EXPECT_NE(r.err.find(c.message), std::string::npos) << c.args << "\n" << r.err;
+        EXPECT_EQ(std::count(r.err.begin(), r.err.end(), '\n'), 1) << r.err;
+    }
+    struct stat st {};
+    ASSERT_EQ(::stat(dir.file("null").c_str(), &st), 0);
+    EXPECT_TRUE(S_ISCHR(st.st_mode));
+    ASSERT_EQ(::stat(dir.file("fifo").c_str(), &st), 0);
+    EXPECT_TRUE(S_ISFIFO(st.st_mode));
+    EXPECT_EQ(read_file(dir.file("v8.npy")), f8);
+    EXPECT_FALSE(exists(dir.file("n.sc")));
+    EXPECT_FALSE(exists(dir.file("i.ivfp")));
+}
+
+// Temporaries are named after the output and the process; a killed build's are removed by the
+// next build, and nothing else is: not a live process's, not another output's.
+TEST(OrveEndToEnd, TheNextBuildRemovesTemporariesOfKilledBuilds) {
+    scratch_dir dir;
+    write_file(dir.file("v.npy"), npy_f32(mixture(kRows, 8), kRows));
+    const pid_t child = ::fork();
+    if (child == 0) ::_exit(0);
+    ASSERT_GT(child, 0);
+    ASSERT_EQ(::waitpid(child, nullptr, 0), child);
+    const std::string dead = std::to_string(child), live = std::to_string(::getpid());
+    const std::vector<std::string> stale = {"s.sc.partial-" + dead, "i.ivfp.partial-" + dead,
+                                            "i.ivfp.partial-" + dead + ".tmp"};
+    const std::vector<std::string> kept = {"s.sc.partial-" + live, "s.sc.partial-" + dead + "x",
+                                           "other.partial-" + dead};
+    for (const std::string& f : stale) write_file(dir.file(f), {1, 2, 3});
+    for (const std::string& f : kept) write_file(dir.file(f), {1, 2, 3});
+    const run_result r = run_orve(dir, "build --vectors " + dir.file("v.npy") + " --sidecar " +
+                                           dir.file("s.sc") + " --ivfp " + dir.file("i.ivfp"));
+    ASSERT_EQ(r.exit_code, 0) << r.err;
+    EXPECT_NE(r.err.find("removed 3 temporary files left by killed runs"), std::string::npos)
+        << r.err;
+    for (const std::string& f : stale) EXPECT_FALSE(exists(dir.file(f))) << f;
+    for (const std::string& f : kept) EXPECT_TRUE(exists(dir.file(f))) << f;
+}
+
+// A paged index answers only for the sidecar it was built with: one from another data set of
+// the same size (same ids 1..n), of another size, or with other ids is refused by name.
+TEST(OrveEndToEnd, QueryRefusesAPagedIndexBuiltFromOtherRows) {
+    scratch_dir dir;
+    std::vector<uint32_t> ids(kRows);
+    for (size_t r = 0; r < kRows; ++r) ids[r] = static_cast<uint32_t>(r + 2);
+    write_file(dir.file("a.npy"), npy_f32(mixture(kRows, 9), kRows));
+    write_file(dir.file("b.npy"), npy_f32(mixture(kRows, 10), kRows));
+    write_file(dir.file("c.npy"), npy_f32(mixture(kRows + 1, 11), kRows + 1));
+    write_file(dir.file("ids.npy"), npy_u32(ids));
+    write_file(dir.file("q.npy"), npy_f32(mixture(2, 12), 2));
+    const struct {
+        std::string name, vectors, extra;
+    } builds[] = {{"a", "a", ""},
+                  {"b", "b", ""},
+                  {"c", "c", ""},
+                  {"aids", "a", " --ids " + dir.file("ids.npy")}};
+    for (const auto& b : builds) {
+        const run_result r =
+            run_orve(dir, "build --quiet --vectors " + dir.file(b.vectors + ".npy") + b.extra +
+                              " --sidecar " + dir.file(b.name + ".sc") + " --ivfp " +
+                              dir.file(b.name + ".ivfp"));
+        ASSERT_EQ(r.exit_code, 0) << r.err;
+    }
+    const struct {
+        const char* ivfp;
+        std::string problem;
+    } cases[] = {
+        {"b", "holds another vector than the sidecar's"},
+        {"c", "it holds 1501 rows, the sidecar 1500"},
+        {"aids", "the sidecar's row has id"},
+    };
+    for (const auto& c : cases) {
+        const std::string ivfp = dir.file(std::string(c.ivfp) + ".ivfp");
+        const run_result r =
+            run_orve(dir, "query --quiet --sidecar " + dir.file("a.sc") + " --ivfp " + ivfp +
+                              " --queries " + dir.file("q.npy"));
+        EXPECT_EQ(r.exit_code, 1) << c.ivfp;
+        EXPECT_EQ(
+            r.err.rfind("orve: " + ivfp + ": does not belong to " + dir.file("a.sc") + ": ", 0), 0u)
+            << r.err;
+        EXPECT_NE(r.err.find(c.problem), std::string::npos) << r.err;
+        EXPECT_EQ(std::count(r.err.begin(), r.err.end(), '\n'), 1) << r.err;
+        EXPECT_EQ(r.out, "");
+    }
+    const run_result own =
+        run_orve(dir, "query --quiet --sidecar " + dir.file("a.sc") + " --ivfp " +
+                          dir.file("a.ivfp") + " --queries " + dir.file("q.npy"));
+    EXPECT_EQ(own.exit_code, 0) << own.err;
+}

@@ -100,6 +100,16 @@ TEST(NpyHeader, RejectsBrokenPreambles) {
               std::string::npos);
     EXPECT_NE(err(npy_preamble("{'descr': '<f4', 'shape': (1, 512")).find("malformed NPY header"),
               std::string::npos);
+
+    // A hostile header is refused by its nesting depth and its length, before the parser's
+    // recursion or allocation could exhaust the stack or memory.
+    const std::string deep(60000, '(');
+    EXPECT_EQ(err(npy_preamble("{'descr': '<f4', 'fortran_order': False, 'shape': " + deep)),
+              "f.npy: malformed NPY header: nested more than 16 levels deep");
+    bytes huge = {0x93, 'N', 'U', 'M', 'P', 'Y', 2, 0};
+    put_le32(huge, 65537);
+    huge.resize(huge.size() + 65537, ' ');
+    EXPECT_EQ(err(huge), "f.npy: NPY header of 65537 bytes (at most 65536 accepted)");
 }
 
 TEST(NpyVectors, ReadsEveryValueOfVersionOneAndTwoFiles) {

@@ -11,11 +11,13 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "commands.h"
 #include "datasets.h"
 #include "exact.h"
+#include "file_checks.h"
 #include "library.h"
 #include "outputs.h"
 #include "progress.h"
@@ -147,113 +149,213 @@ const command_def& demo_def() {
     return def;
 }
 
-int run_demo(const parsed_args& args) {
-    const reporter rep(args.has("--quiet"));
+namespace {
+
+struct demo_options {
+    uint64_t rows = 0;
+    uint32_t n_queries = 0;
+    uint32_t k = 0;
+    uint64_t seed = 1;
+    std::string kind;
+    std::string dir;  // empty: a private temporary directory
+    uint32_t nlist = 0, nprobe = 0;
+    uint32_t b1 = 0, b2 = 0, nprobe_l1 = 0, nprobe_l2 = 0;
+};
+
+demo_options parse_demo_options(const parsed_args& args) {
     if (!args.positionals().empty()) {
         throw usage_error("unexpected argument '" + args.positionals()[0] + "'");
     }
-    const uint64_t rows = args.get_uint("--rows", 20000, 1000, 1100000);
-    const uint32_t n_queries = static_cast<uint32_t>(args.get_uint("--queries", 300, 1, 100000));
-    const uint32_t k = static_cast<uint32_t>(args.get_uint("-k", 10, 1, 1000));
-    const uint64_t seed = args.get_uint("--seed", 1, 0, UINT32_MAX);
-    const std::string kind = args.get_or("--dataset", "clustered");
-    if (kind != "clustered" && kind != "facts") {
-        throw usage_error("--dataset expects clustered or facts, got '" + kind + "'");
+    demo_options o;
+    o.rows = args.get_uint("--rows", 20000, 1000, 1100000);
+    o.n_queries = static_cast<uint32_t>(args.get_uint("--queries", 300, 1, 100000));
+    o.k = static_cast<uint32_t>(args.get_uint("-k", 10, 1, 1000));
+    o.seed = args.get_uint("--seed", 1, 0, UINT32_MAX);
+    o.kind = args.get_or("--dataset", "clustered");
+    if (o.kind != "clustered" && o.kind != "facts") {
+        throw usage_error("--dataset expects clustered or facts, got '" + o.kind + "'");
     }
-    const uint32_t nlist =
-        static_cast<uint32_t>(args.get_uint("--nlist", default_nlist(rows), 1, rows));
-    const uint32_t nprobe =
-        static_cast<uint32_t>(args.get_uint("--nprobe", default_nprobe(nlist), 1, nlist));
-    const uint32_t b1 = static_cast<uint32_t>(
-        args.get_uint("--b1", default_branching(rows), 1, ORVE_IVF_PAGED_MAX_B));
-    const uint32_t b2 = static_cast<uint32_t>(args.get_uint("--b2", b1, 1, ORVE_IVF_PAGED_MAX_B));
-    if (uint64_t{b1} * b2 > rows) throw usage_error("--b1 x --b2 must not exceed --rows");
-    const uint32_t nprobe_l1 =
-        static_cast<uint32_t>(args.get_uint("--nprobe-l1", default_nprobe_level(b1), 1, b1));
-    const uint32_t nprobe_l2 =
-        static_cast<uint32_t>(args.get_uint("--nprobe-l2", default_nprobe_level(b2), 1, b2));
+    o.dir = args.get_or("--dir", "");
+    o.nlist = static_cast<uint32_t>(args.get_uint("--nlist", default_nlist(o.rows), 1, o.rows));
+    o.nprobe =
+        static_cast<uint32_t>(args.get_uint("--nprobe", default_nprobe(o.nlist), 1, o.nlist));
+    o.b1 = paged_branching_arg(args, "--b1", default_branching(o.rows));
+    o.b2 = paged_branching_arg(args, "--b2", o.b1);
+    if (uint64_t{o.b1} * o.b2 > o.rows) throw usage_error("--b1 x --b2 must not exceed --rows");
+    o.nprobe_l1 =
+        static_cast<uint32_t>(args.get_uint("--nprobe-l1", default_nprobe_level(o.b1), 1, o.b1));
+    o.nprobe_l2 =
+        static_cast<uint32_t>(args.get_uint("--nprobe-l2", default_nprobe_level(o.b2), 1, o.b2));
+    return o;
+}
 
-    // Files: kept in --dir, or in a private directory that goes away with the demo.
-    std::optional<temp_directory> scratch;
-    std::optional<discard_on_failure> kept_files;
-    std::string sidecar_path, ivfp_path;
-    if (args.has("--dir")) {
-        const std::string dir = args.get("--dir");
+// The sidecar and the .ivfp: kept in --dir, or in a private directory that goes away with the
+// demo.
+struct demo_files {
+    explicit demo_files(const std::string& dir) {
+        if (dir.empty()) {
+            scratch.emplace();
+            sidecar = scratch->file("demo.sidecar");
+            ivfp = scratch->file("demo.ivfp");
+            return;
+        }
         if (::mkdir(dir.c_str(), 0755) != 0 && errno != EEXIST) {
             throw tool_error(dir + ": cannot create directory: " + errno_text(errno));
         }
-        sidecar_path = dir + "/demo.sidecar";
-        ivfp_path = dir + "/demo.ivfp";
+        sidecar = dir + "/demo.sidecar";
+        ivfp = dir + "/demo.ivfp";
+        check_paths({sidecar, ivfp}, {});
         // A sidecar left by an earlier run would be replayed into the new object.
-        ::unlink(sidecar_path.c_str());
-        ::unlink(ivfp_path.c_str());
-        kept_files.emplace(std::vector<std::string>{sidecar_path, ivfp_path});
-    } else {
-        scratch.emplace();
-        sidecar_path = scratch->file("demo.sidecar");
-        ivfp_path = scratch->file("demo.ivfp");
+        ::unlink(sidecar.c_str());
+        ::unlink(ivfp.c_str());
+        kept.emplace(std::vector<std::string>{sidecar, ivfp});
     }
+    std::optional<temp_directory> scratch;
+    std::optional<discard_on_failure> kept;
+    std::string sidecar, ivfp;
+};
 
-    step_timer gen_step(rep, "generating " + kind + " data set");
-    std::unique_ptr<dataset> data =
-        kind == "facts" ? make_facts(rows, seed) : make_clustered(rows, seed);
-    std::vector<float> queries(uint64_t{n_queries} * 512);
-    data->make_queries(n_queries, queries.data());
-    gen_step.done();
-
-    system_object sys(rows);
-    check(semantic_vector_indexing_system_open_sidecar(sys.get(), sidecar_path.c_str()),
-          sidecar_path + ": attaching the sidecar");
-
-    // Rows are generated, ingested and offered to the exact search one chunk at a time.
-    exact_topk exact(queries.data(), n_queries, k);
+// Rows are generated, ingested and offered to the exact search one chunk at a time. Returns
+// the seconds spent in the library.
+double ingest_rows(system_object& sys, dataset& data, exact_topk& exact, uint64_t rows,
+                   const std::string& sidecar, const reporter& rep) {
     std::vector<float> chunk(uint64_t{kChunk} * 512);
     double ingest_s = 0.0;
-    {
-        progress_bar bar(rep, "ingesting", rows, "rows");
-        for (uint64_t done = 0; done < rows;) {
-            const uint32_t n = static_cast<uint32_t>(std::min<uint64_t>(kChunk, rows - done));
-            data->next_rows(n, chunk.data());
-            const auto t0 = std::chrono::steady_clock::now();
-            const int committed =
-                semantic_vector_indexing_system_load_vectors_f32(sys.get(), chunk.data(), n);
-            ingest_s += seconds_since(t0);
-            if (committed != static_cast<int>(n)) {
-                throw tool_error("ingestion stopped at row " + std::to_string(done) +
-                                 " (library returned " + std::to_string(committed) + ")");
-            }
-            exact.add_rows(chunk.data(), done, n);
-            done += n;
-            bar.update(done);
+    progress_bar bar(rep, "ingesting", rows, "rows");
+    for (uint64_t done = 0; done < rows;) {
+        const uint32_t n = static_cast<uint32_t>(std::min<uint64_t>(kChunk, rows - done));
+        data.next_rows(n, chunk.data());
+        const auto t0 = std::chrono::steady_clock::now();
+        errno = 0;
+        const int committed =
+            semantic_vector_indexing_system_load_vectors_f32(sys.get(), chunk.data(), n);
+        const int err = errno;
+        ingest_s += seconds_since(t0);
+        if (committed != static_cast<int>(n)) {
+            throw tool_error("ingestion stopped at row " + std::to_string(done) +
+                             " (library returned " + std::to_string(committed) + ")");
         }
+        exact.add_rows(chunk.data(), done, n);
+        done += n;
+        // The restart replays the sidecar: a row it lost must fail here, by name.
+        check_sidecar_kept_up(sidecar, sidecar, done, err);
+        bar.update(done);
     }
-    std::vector<std::vector<uint32_t>> truth(n_queries);
-    for (uint32_t q = 0; q < n_queries; ++q) {
+    return ingest_s;
+}
+
+const std::vector<std::vector<hit>>& answers_of(const std::vector<measured_path>& table,
+                                                search_path p) {
+    for (const measured_path& m : table) {
+        if (m.path == path_name(p) && !m.rerank) return m.answers;
+    }
+    throw tool_error("internal: no answers recorded for " + std::string(path_name(p)));
+}
+
+// A new object that knows only the two files answers again; returns how many queries got
+// identical answers on brute force and on the paged path.
+std::pair<uint32_t, uint32_t> restart_and_compare(system_object& sys, const demo_options& o,
+                                                  const demo_files& files,
+                                                  const search_params& base,
+                                                  const std::vector<float>& queries,
+                                                  const std::vector<measured_path>& table,
+                                                  const reporter& rep) {
+    step_timer restart_step(rep, "restarting from the sidecar and the paged index");
+    sys.recreate(o.rows);
+    check(semantic_vector_indexing_system_open_sidecar(sys.get(), files.sidecar.c_str()),
+          files.sidecar + ": reattaching the sidecar");
+    library_output reopen_log;
+    const int reopen_rc =
+        semantic_vector_indexing_system_open_ivf_paged(sys.get(), files.ivfp.c_str());
+    const std::string reopen_text = reopen_log.finish();
+    if (reopen_rc != 0) throw tool_error(files.ivfp + ": reopening failed: " + reopen_text);
+    restart_step.done();
+    if (!rep.quiet()) std::fputs(reopen_text.c_str(), stderr);
+    if (sys.node_count() != o.rows) {
+        throw tool_error(files.sidecar + ": restart replayed " + std::to_string(sys.node_count()) +
+                         " rows, expected " + std::to_string(o.rows));
+    }
+    search_params brute = base;
+    brute.path = search_path::brute;
+    search_params paged = base;
+    paged.path = search_path::paged;
+    return {count_identical(answers_of(table, search_path::brute),
+                            answer_all(sys.get(), brute, queries, o.n_queries, nullptr, nullptr)),
+            count_identical(answers_of(table, search_path::paged),
+                            answer_all(sys.get(), paged, queries, o.n_queries, nullptr, nullptr))};
+}
+
+struct demo_timings {
+    double ingest_s = 0, ivf_s = 0, hivf_s = 0, paged_s = 0;
+};
+
+void print_report(const demo_options& o, const std::string& describe, const demo_timings& t,
+                  uint64_t ivfp_bytes, const std::vector<measured_path>& table) {
+    std::printf("orve demo: %s, %llu rows x 512, %u held-out queries, k=%u, seed %llu\n",
+                describe.c_str(), static_cast<unsigned long long>(o.rows), o.n_queries, o.k,
+                static_cast<unsigned long long>(o.seed));
+    std::printf(
+        "ingest %.1f s (%.0f rows/s) | IVF nlist=%u: %.1f s | H-IVF %ux%u: %.1f s | "
+        "paged file %.1f MB: %.1f s\n\n",
+        t.ingest_s, t.ingest_s > 0 ? static_cast<double>(o.rows) / t.ingest_s : 0.0, o.nlist,
+        t.ivf_s, o.b1, o.b2, t.hivf_s, static_cast<double>(ivfp_bytes) / 1e6, t.paged_s);
+    char recall_head[32];
+    std::snprintf(recall_head, sizeof recall_head, "recall@%u", o.k);
+    std::printf("%-6s  %-22s  %-6s  %9s  %9s  %9s  %9s\n", "path", "settings", "rerank",
+                recall_head, "qps", "p50 us", "p99 us");
+    for (const measured_path& m : table) {
+        std::printf("%-6s  %-22s  %-6s  %9.3f  %9.0f  %9.1f  %9.1f\n", m.path.c_str(),
+                    m.settings.c_str(), m.rerank ? "yes" : "no", m.recall, m.qps, m.p50_us,
+                    m.p99_us);
+    }
+}
+
+}  // namespace
+
+int run_demo(const parsed_args& args) {
+    const reporter rep(args.has("--quiet"));
+    const demo_options o = parse_demo_options(args);
+    demo_files files(o.dir);
+
+    step_timer gen_step(rep, "generating " + o.kind + " data set");
+    std::unique_ptr<dataset> data =
+        o.kind == "facts" ? make_facts(o.rows, o.seed) : make_clustered(o.rows, o.seed);
+    std::vector<float> queries(uint64_t{o.n_queries} * 512);
+    data->make_queries(o.n_queries, queries.data());
+    gen_step.done();
+
+    system_object sys(o.rows);
+    check(semantic_vector_indexing_system_open_sidecar(sys.get(), files.sidecar.c_str()),
+          files.sidecar + ": attaching the sidecar");
+    exact_topk exact(queries.data(), o.n_queries, o.k);
+    demo_timings times;
+    times.ingest_s = ingest_rows(sys, *data, exact, o.rows, files.sidecar, rep);
+    std::vector<std::vector<uint32_t>> truth(o.n_queries);
+    for (uint32_t q = 0; q < o.n_queries; ++q) {
         // load_vectors_f32 numbers rows from 1.
         for (uint64_t row : exact.best_rows(q)) truth[q].push_back(static_cast<uint32_t>(row + 1));
     }
 
-    step_timer ivf_step(rep, "training IVF (nlist=" + std::to_string(nlist) + ")");
-    check(semantic_vector_indexing_system_build_ivf(sys.get(), nlist, static_cast<uint32_t>(seed)),
-          "IVF build");
-    const double ivf_s = ivf_step.done();
+    const uint32_t seed = static_cast<uint32_t>(o.seed);
+    step_timer ivf_step(rep, "training IVF (nlist=" + std::to_string(o.nlist) + ")");
+    check(semantic_vector_indexing_system_build_ivf(sys.get(), o.nlist, seed), "IVF build");
+    times.ivf_s = ivf_step.done();
     step_timer hivf_step(
-        rep, "training H-IVF (b1=" + std::to_string(b1) + ", b2=" + std::to_string(b2) + ")");
-    check(semantic_vector_indexing_system_build_ivf_level2(sys.get(), b1, b2,
-                                                           static_cast<uint32_t>(seed)),
+        rep, "training H-IVF (b1=" + std::to_string(o.b1) + ", b2=" + std::to_string(o.b2) + ")");
+    check(semantic_vector_indexing_system_build_ivf_level2(sys.get(), o.b1, o.b2, seed),
           "H-IVF build");
-    const double hivf_s = hivf_step.done();
+    times.hivf_s = hivf_step.done();
 
     search_params base;
-    base.k = k;
-    base.nprobe = nprobe;
-    base.nprobe_l1 = nprobe_l1;
-    base.nprobe_l2 = nprobe_l2;
+    base.k = o.k;
+    base.nprobe = o.nprobe;
+    base.nprobe_l1 = o.nprobe_l1;
+    base.nprobe_l2 = o.nprobe_l2;
     const std::string ivf_settings =
-        "nprobe " + std::to_string(nprobe) + "/" + std::to_string(nlist);
-    const std::string hivf_settings = "nprobe " + std::to_string(nprobe_l1) + "x" +
-                                      std::to_string(nprobe_l2) + " of " + std::to_string(b1) +
-                                      "x" + std::to_string(b2);
+        "nprobe " + std::to_string(o.nprobe) + "/" + std::to_string(o.nlist);
+    const std::string hivf_settings = "nprobe " + std::to_string(o.nprobe_l1) + "x" +
+                                      std::to_string(o.nprobe_l2) + " of " + std::to_string(o.b1) +
+                                      "x" + std::to_string(o.b2);
     std::vector<measured_path> table;
     auto run_both = [&](search_path p, const std::string& settings) {
         for (bool rerank : {false, true}) {
@@ -262,7 +364,7 @@ int run_demo(const parsed_args& args) {
             params.rerank = rerank;
             step_timer t(rep,
                          std::string("querying ") + path_name(p) + (rerank ? " + rerank" : ""));
-            table.push_back(measure(sys.get(), params, settings, queries, n_queries, truth));
+            table.push_back(measure(sys.get(), params, settings, queries, o.n_queries, truth));
             t.done();
         }
     };
@@ -271,79 +373,24 @@ int run_demo(const parsed_args& args) {
     run_both(search_path::brute, "exact int8 scan");
     run_both(search_path::ivf, ivf_settings);
     run_both(search_path::hivf, hivf_settings);
-
     step_timer paged_step(rep, "writing paged index");
-    library_output log;
-    const int paged_rc =
-        semantic_vector_indexing_system_build_ivf_paged(sys.get(), ivfp_path.c_str());
-    const std::string paged_log = log.finish();
-    if (paged_rc != 0) {
-        throw tool_error(ivfp_path + ": writing the paged index failed: " + paged_log);
-    }
-    const double paged_s = paged_step.done();
-    if (!rep.quiet()) std::fputs(paged_log.c_str(), stderr);
+    write_paged_index(sys.get(), files.ivfp, files.ivfp, rep);
+    times.paged_s = paged_step.done();
     run_both(search_path::paged, hivf_settings);
 
-    // Restart: a new object knows only the two files.
-    step_timer restart_step(rep, "restarting from the sidecar and the paged index");
-    sys.recreate(rows);
-    check(semantic_vector_indexing_system_open_sidecar(sys.get(), sidecar_path.c_str()),
-          sidecar_path + ": reattaching the sidecar");
-    library_output reopen_log;
-    const int reopen_rc =
-        semantic_vector_indexing_system_open_ivf_paged(sys.get(), ivfp_path.c_str());
-    const std::string reopen_text = reopen_log.finish();
-    if (reopen_rc != 0) throw tool_error(ivfp_path + ": reopening failed: " + reopen_text);
-    restart_step.done();
-    if (!rep.quiet()) std::fputs(reopen_text.c_str(), stderr);
-    if (sys.node_count() != rows) {
-        throw tool_error(sidecar_path + ": restart replayed " + std::to_string(sys.node_count()) +
-                         " rows, expected " + std::to_string(rows));
-    }
-    search_params brute = base;
-    brute.path = search_path::brute;
-    search_params paged = base;
-    paged.path = search_path::paged;
-    auto before = [&](search_path p) -> const std::vector<std::vector<hit>>& {
-        for (const measured_path& m : table) {
-            if (m.path == path_name(p) && !m.rerank) return m.answers;
-        }
-        throw tool_error("internal: no answers recorded for " + std::string(path_name(p)));
-    };
-    const uint32_t same_brute =
-        count_identical(before(search_path::brute),
-                        answer_all(sys.get(), brute, queries, n_queries, nullptr, nullptr));
-    const uint32_t same_paged =
-        count_identical(before(search_path::paged),
-                        answer_all(sys.get(), paged, queries, n_queries, nullptr, nullptr));
-
-    std::printf("orve demo: %s, %llu rows x 512, %u held-out queries, k=%u, seed %llu\n",
-                data->describe().c_str(), static_cast<unsigned long long>(rows), n_queries, k,
-                static_cast<unsigned long long>(seed));
-    std::printf(
-        "ingest %.1f s (%.0f rows/s) | IVF nlist=%u: %.1f s | H-IVF %ux%u: %.1f s | "
-        "paged file %.1f MB: %.1f s\n\n",
-        ingest_s, ingest_s > 0 ? static_cast<double>(rows) / ingest_s : 0.0, nlist, ivf_s, b1, b2,
-        hivf_s, static_cast<double>(file_size(ivfp_path)) / 1e6, paged_s);
-    char recall_head[32];
-    std::snprintf(recall_head, sizeof recall_head, "recall@%u", k);
-    std::printf("%-6s  %-22s  %-6s  %9s  %9s  %9s  %9s\n", "path", "settings", "rerank",
-                recall_head, "qps", "p50 us", "p99 us");
-    for (const measured_path& m : table) {
-        std::printf("%-6s  %-22s  %-6s  %9.3f  %9.0f  %9.1f  %9.1f\n", m.path.c_str(),
-                    m.settings.c_str(), m.rerank ? "yes" : "no", m.recall, m.qps, m.p50_us,
-                    m.p99_us);
-    }
+    const auto [same_brute, same_paged] =
+        restart_and_compare(sys, o, files, base, queries, table, rep);
+    print_report(o, data->describe(), times, file_size(files.ivfp), table);
+    const uint32_t n = o.n_queries;
     std::printf("\nrestart: %u/%u queries gave identical answers on brute, %u/%u on paged\n",
-                same_brute, n_queries, same_paged, n_queries);
-    if (kept_files) {
-        kept_files->keep();
-        std::printf("files: %s, %s\n", sidecar_path.c_str(), ivfp_path.c_str());
+                same_brute, n, same_paged, n);
+    if (files.kept) {
+        files.kept->keep();
+        std::printf("files: %s, %s\n", files.sidecar.c_str(), files.ivfp.c_str());
     }
-    if (same_brute != n_queries || same_paged != n_queries) {
+    if (same_brute != n || same_paged != n) {
         throw tool_error("the restarted object answered " +
-                         std::to_string(2 * n_queries - same_brute - same_paged) +
-                         " queries differently");
+                         std::to_string(2 * n - same_brute - same_paged) + " queries differently");
     }
     return 0;
 }

@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "commands.h"
+#include "file_checks.h"
 #include "index_files.h"
 #include "library.h"
 #include "progress.h"
@@ -82,8 +83,9 @@ void print_results(output_format format, const search_params& params,
 
 // What the sidecar holds, checked before the library is let near it: the library reinitialises
 // a file whose header it does not recognise, which must never happen to a user's other file.
-sidecar_report check_sidecar(const std::string& path, bool rerank, const reporter& rep) {
-    const sidecar_report s = read_sidecar_report(path);
+sidecar_report check_sidecar(const std::string& path, bool rerank, const reporter& rep,
+                             sidecar_live_rows* live) {
+    const sidecar_report s = read_sidecar_report(path, live);
     if (!s.magic_ok) throw tool_error(path + ": not a sidecar file (bad magic)");
     if (!s.header_ok) {
         throw tool_error(path + ": unsupported sidecar header (version " +
@@ -148,106 +150,148 @@ const command_def& query_def() {
     return def;
 }
 
-int run_query(const parsed_args& args) {
-    const reporter rep(args.has("--quiet"));
+namespace {
+
+struct query_request {
+    std::string sidecar;
+    std::string queries;
+    std::string ivfp;  // empty unless the paged path attaches one
+    output_format format = output_format::table;
+    search_params params;
+    uint32_t seed = 1;
+    uint32_t nlist = 0;  // --path ivf
+    uint32_t b1 = 0;     // --path hivf
+    uint32_t b2 = 0;
+};
+
+// The options that need no file, and the kinds of the input files.
+query_request check_options(const parsed_args& args, const reporter& rep) {
     if (!args.positionals().empty()) {
         throw usage_error("unexpected argument '" + args.positionals()[0] + "'");
     }
-    const std::string sidecar_path = args.get("--sidecar");
-    const std::string queries_path = args.get("--queries");
+    query_request r;
+    r.sidecar = args.get("--sidecar");
+    r.queries = args.get("--queries");
     const bool has_ivfp = args.has("--ivfp");
-    const output_format format = parse_format(args.get_or("--format", "table"));
-    search_params params;
-    params.k = static_cast<uint32_t>(args.get_uint("-k", 10, 1, 100000));
-    params.path = parse_search_path(args.get_or("--path", has_ivfp ? "paged" : "brute"));
-    params.rerank = args.has("--rerank");
-    params.rerank_factor = static_cast<uint32_t>(args.get_uint("--rerank-factor", 0, 1, 1000));
-    const uint64_t seed = args.get_uint("--seed", 1, 0, UINT32_MAX);
-    if (params.path == search_path::paged && !has_ivfp) {
+    r.format = parse_format(args.get_or("--format", "table"));
+    r.params.k = static_cast<uint32_t>(args.get_uint("-k", 10, 1, 100000));
+    r.params.path = parse_search_path(args.get_or("--path", has_ivfp ? "paged" : "brute"));
+    r.params.rerank = args.has("--rerank");
+    r.params.rerank_factor = static_cast<uint32_t>(args.get_uint("--rerank-factor", 0, 1, 1000));
+    r.seed = static_cast<uint32_t>(args.get_uint("--seed", 1, 0, UINT32_MAX));
+    if (r.params.path == search_path::paged && !has_ivfp) {
         throw usage_error("--path paged needs --ivfp");
     }
-    if (has_ivfp && params.path != search_path::paged) {
+    if (has_ivfp && r.params.path != search_path::paged) {
         rep.warn("--ivfp is only used by --path paged; not attaching it");
     }
+    if (r.params.path == search_path::paged) r.ivfp = args.get("--ivfp");
+    check_input_file(r.sidecar);
+    check_input_file(r.queries);
+    if (!r.ivfp.empty()) check_input_file(r.ivfp);
+    return r;
+}
 
-    const sidecar_report sidecar = check_sidecar(sidecar_path, params.rerank, rep);
-    const uint64_t rows = sidecar.live_rows;
-    const vector_file query_file(queries_path);
-    std::vector<float> queries(query_file.rows() * kDim);
-    query_file.read_rows(0, query_file.rows(), queries.data());
+// Index sizes and probe counts of the in-memory paths, against the sidecar's row count.
+void choose_index_sizes(const parsed_args& args, uint64_t rows, query_request& r) {
+    if (r.params.path != search_path::ivf && r.params.path != search_path::hivf) return;
+    if (rows < 1000) {
+        throw tool_error(r.sidecar + ": " + std::to_string(rows) + " rows; --path " +
+                         path_name(r.params.path) + " needs at least 1000 to train an index");
+    }
+    if (r.params.path == search_path::ivf) {
+        r.nlist = static_cast<uint32_t>(args.get_uint("--nlist", default_nlist(rows), 1, rows));
+        r.params.nprobe =
+            static_cast<uint32_t>(args.get_uint("--nprobe", default_nprobe(r.nlist), 1, r.nlist));
+        return;
+    }
+    r.b1 = static_cast<uint32_t>(
+        args.get_uint("--b1", default_branching(rows), 1, ORVE_IVF_PAGED_MAX_B));
+    r.b2 = static_cast<uint32_t>(args.get_uint("--b2", r.b1, 1, ORVE_IVF_PAGED_MAX_B));
+    if (uint64_t{r.b1} * r.b2 > rows) throw usage_error("--b1 x --b2 exceeds the sidecar's rows");
+    r.params.nprobe_l1 =
+        static_cast<uint32_t>(args.get_uint("--nprobe-l1", default_nprobe_level(r.b1), 1, r.b1));
+    r.params.nprobe_l2 =
+        static_cast<uint32_t>(args.get_uint("--nprobe-l2", default_nprobe_level(r.b2), 1, r.b2));
+}
 
-    system_object sys(rows);
+// The paged file must hold the very rows the sidecar replays, at the same positions: a file
+// from another data set, or one renamed into place without its sidecar by an interrupted
+// build, would otherwise answer with ids of unrelated rows.
+void check_paged_index(const parsed_args& args, const sidecar_live_rows& live, query_request& r) {
+    if (sniff_index_file(r.ivfp) != index_file_kind::paged_index) {
+        throw tool_error(r.ivfp + ": not a paged index file (bad magic)");
+    }
+    const ivfp_report layout = read_ivfp_report(r.ivfp);
+    if (!layout.problems.empty()) {
+        throw tool_error(r.ivfp + ": damaged paged index: " + layout.problems.front());
+    }
+    const std::string mismatch = paged_rows_mismatch(r.ivfp, layout, r.sidecar, live);
+    if (!mismatch.empty()) {
+        throw tool_error(r.ivfp + ": does not belong to " + r.sidecar + ": " + mismatch +
+                         " (were they built together?)");
+    }
+    r.params.nprobe_l1 = static_cast<uint32_t>(
+        args.get_uint("--nprobe-l1", default_nprobe_level(layout.b1), 1, layout.b1));
+    r.params.nprobe_l2 = static_cast<uint32_t>(
+        args.get_uint("--nprobe-l2", default_nprobe_level(layout.b2), 1, layout.b2));
+}
+
+// The object replayed from the sidecar, with the index the path searches built or attached.
+void prepare_object(system_object& sys, const query_request& r, uint64_t rows,
+                    const reporter& rep) {
     {
         step_timer t(rep, "loading " + std::to_string(rows) + " rows from the sidecar");
-        if (semantic_vector_indexing_system_open_sidecar(sys.get(), sidecar_path.c_str()) != 0) {
-            throw tool_error(sidecar_path +
+        if (semantic_vector_indexing_system_open_sidecar(sys.get(), r.sidecar.c_str()) != 0) {
+            throw tool_error(r.sidecar +
                              ": the library could not attach it (it opens the "
                              "file for appending: is it writable?)");
         }
         t.done();
     }
     if (sys.node_count() != rows) {
-        throw tool_error(sidecar_path + ": replayed " + std::to_string(sys.node_count()) +
+        throw tool_error(r.sidecar + ": replayed " + std::to_string(sys.node_count()) +
                          " rows, expected " + std::to_string(rows));
     }
-
-    if (params.path == search_path::ivf || params.path == search_path::hivf) {
-        if (rows < 1000) {
-            throw tool_error(sidecar_path + ": " + std::to_string(rows) + " rows; --path " +
-                             path_name(params.path) + " needs at least 1000 to train an index");
-        }
-    }
-    if (params.path == search_path::ivf) {
-        const uint32_t nlist =
-            static_cast<uint32_t>(args.get_uint("--nlist", default_nlist(rows), 1, rows));
-        params.nprobe =
-            static_cast<uint32_t>(args.get_uint("--nprobe", default_nprobe(nlist), 1, nlist));
-        step_timer t(rep, "training IVF (nlist=" + std::to_string(nlist) + ")");
-        if (semantic_vector_indexing_system_build_ivf(sys.get(), nlist,
-                                                      static_cast<uint32_t>(seed)) != 0) {
-            throw tool_error(sidecar_path + ": training the IVF failed");
+    if (r.params.path == search_path::ivf) {
+        step_timer t(rep, "training IVF (nlist=" + std::to_string(r.nlist) + ")");
+        if (semantic_vector_indexing_system_build_ivf(sys.get(), r.nlist, r.seed) != 0) {
+            throw tool_error(r.sidecar + ": training the IVF failed");
         }
         t.done();
-    } else if (params.path == search_path::hivf) {
-        const uint32_t b1 = static_cast<uint32_t>(
-            args.get_uint("--b1", default_branching(rows), 1, ORVE_IVF_PAGED_MAX_B));
-        const uint32_t b2 =
-            static_cast<uint32_t>(args.get_uint("--b2", b1, 1, ORVE_IVF_PAGED_MAX_B));
-        if (uint64_t{b1} * b2 > rows) throw usage_error("--b1 x --b2 exceeds the sidecar's rows");
-        params.nprobe_l1 =
-            static_cast<uint32_t>(args.get_uint("--nprobe-l1", default_nprobe_level(b1), 1, b1));
-        params.nprobe_l2 =
-            static_cast<uint32_t>(args.get_uint("--nprobe-l2", default_nprobe_level(b2), 1, b2));
-        step_timer t(
-            rep, "training H-IVF (b1=" + std::to_string(b1) + ", b2=" + std::to_string(b2) + ")");
-        if (semantic_vector_indexing_system_build_ivf_level2(sys.get(), b1, b2,
-                                                             static_cast<uint32_t>(seed)) != 0) {
-            throw tool_error(sidecar_path + ": training the H-IVF failed");
+    } else if (r.params.path == search_path::hivf) {
+        step_timer t(rep, "training H-IVF (b1=" + std::to_string(r.b1) +
+                              ", b2=" + std::to_string(r.b2) + ")");
+        if (semantic_vector_indexing_system_build_ivf_level2(sys.get(), r.b1, r.b2, r.seed) != 0) {
+            throw tool_error(r.sidecar + ": training the H-IVF failed");
         }
         t.done();
-    } else if (params.path == search_path::paged) {
-        const std::string ivfp_path = args.get("--ivfp");
-        if (sniff_index_file(ivfp_path) != index_file_kind::paged_index) {
-            throw tool_error(ivfp_path + ": not a paged index file (bad magic)");
-        }
-        const ivfp_report layout = read_ivfp_report(ivfp_path);
+    } else if (r.params.path == search_path::paged) {
         library_output log;
-        const int rc = semantic_vector_indexing_system_open_ivf_paged(sys.get(), ivfp_path.c_str());
+        const int rc = semantic_vector_indexing_system_open_ivf_paged(sys.get(), r.ivfp.c_str());
         const std::string text = log.finish();
-        if (rc != 0) throw tool_error(ivfp_path + ": cannot be opened: " + first_line_of(text));
+        if (rc != 0) throw tool_error(r.ivfp + ": cannot be opened: " + first_line_of(text));
         if (!rep.quiet()) std::fputs(text.c_str(), stderr);
-        if (layout.n_rows != rows) {
-            rep.warn(ivfp_path + " holds " + std::to_string(layout.n_rows) + " rows but " +
-                     sidecar_path + " holds " + std::to_string(rows) +
-                     "; were they built together?");
-        }
-        params.nprobe_l1 = static_cast<uint32_t>(
-            args.get_uint("--nprobe-l1", default_nprobe_level(layout.b1), 1, layout.b1));
-        params.nprobe_l2 = static_cast<uint32_t>(
-            args.get_uint("--nprobe-l2", default_nprobe_level(layout.b2), 1, layout.b2));
     }
+}
 
-    searcher s(sys.get(), params);
+}  // namespace
+
+int run_query(const parsed_args& args) {
+    const reporter rep(args.has("--quiet"));
+    query_request req = check_options(args, rep);
+    sidecar_live_rows live;
+    const sidecar_report sidecar = check_sidecar(req.sidecar, req.params.rerank, rep, &live);
+    const uint64_t rows = sidecar.live_rows;
+    choose_index_sizes(args, rows, req);
+    if (!req.ivfp.empty()) check_paged_index(args, live, req);
+    const vector_file query_file(req.queries);
+    std::vector<float> queries(query_file.rows() * kDim);
+    query_file.read_rows(0, query_file.rows(), queries.data());
+
+    system_object sys(rows);
+    prepare_object(sys, req, rows, rep);
+    searcher s(sys.get(), req.params);
     std::vector<std::vector<hit>> answers(query_file.rows());
     {
         progress_bar bar(rep, "querying", answers.size(), "queries");
@@ -256,7 +300,7 @@ int run_query(const parsed_args& args) {
             bar.update(q + 1);
         }
     }
-    print_results(format, params, answers);
+    print_results(req.format, req.params, answers);
     return 0;
 }
 

@@ -8,6 +8,7 @@
 #include <cstring>
 #include <unordered_set>
 
+#include "semantic_vector_indexing.h"
 #include "tool_error.h"
 #include "vector_file.h"
 
@@ -164,7 +165,7 @@ ivfp_report read_ivfp_report(const std::string& path) {
     return r;
 }
 
-sidecar_report read_sidecar_report(const std::string& path) {
+sidecar_report read_sidecar_report(const std::string& path, sidecar_live_rows* live) {
     const mapped_file file(path);
     const uint8_t* d = file.data();
     sidecar_report r;
@@ -192,9 +193,76 @@ sidecar_report read_sidecar_report(const std::string& path) {
         if (r.live_rows == 0 || id < r.min_id) r.min_id = id;
         if (r.live_rows == 0 || id > r.max_id) r.max_id = id;
         ++r.live_rows;
+        if (live) {
+            live->ids.push_back(id);
+            live->file_rows.push_back(static_cast<uint32_t>(i));
+        }
         if (!seen.insert(id).second) ++r.duplicate_ids;
     }
     return r;
+}
+
+namespace {
+
+// Row `row`'s code in the paged file against the sidecar's floats for it, quantised again by
+// the library's own function: the file holds exactly that code for a row built from them.
+bool same_code(const mapped_file& sidecar, uint32_t file_row, const uint8_t* code) {
+    const uint64_t at = kSidecarHeaderBytes + kSidecarRowBytes * file_row + 8;
+    if (at + 4 * uint64_t{kDim} > sidecar.size()) return false;
+    float values[kDim];
+    std::memcpy(values, sidecar.data() + at, sizeof values);
+    int8_t expected[kDim];
+    if (orve_quantize_float_vector_symmetric(values, kDim, expected, nullptr, nullptr) != 0) {
+        return false;
+    }
+    return std::memcmp(expected, code, kDim) == 0;
+}
+
+}  // namespace
+
+std::string paged_rows_mismatch(const std::string& ivfp_path, const ivfp_report& layout,
+                                const std::string& sidecar_path, const sidecar_live_rows& live) {
+    const std::vector<uint32_t>& ids = live.ids;
+    if (layout.n_rows != ids.size()) {
+        return "it holds " + std::to_string(layout.n_rows) + " rows, the sidecar " +
+               std::to_string(ids.size());
+    }
+    const mapped_file file(ivfp_path);
+    const mapped_file sidecar(sidecar_path);
+    const uint8_t* d = file.data();
+    const uint64_t meta_per_row = layout.version == 1 ? 12 : 16;
+    // About 256 rows spread over the file: a foreign data set differs in nearly every row.
+    const uint64_t sample_every = std::max<uint64_t>(1, ids.size() / 256);
+    std::vector<bool> seen(ids.size(), false);
+    for (uint64_t s = 0; s < layout.slots; ++s) {
+        const uint64_t count = le32(d + layout.leaf_table + kLeafTableEntry * s + 8);
+        const uint64_t codes = le64(d + layout.leaf_directory + kLeafDirEntry * s);
+        const uint64_t meta = le64(d + layout.leaf_directory + kLeafDirEntry * s + 8);
+        if (count == 0) continue;
+        // The layout check placed every leaf inside the file; this guards the reads regardless.
+        if (meta > file.size() || (file.size() - meta) / meta_per_row < count || codes > meta ||
+            (meta - codes) / kCodeBytes < count) {
+            return "a leaf runs past the end of the file";
+        }
+        for (uint64_t k = 0; k < count; ++k) {
+            const uint32_t row = le32(d + meta + 8 * count + 4 * k);
+            if (row >= ids.size() || seen[row]) {
+                return "row position " + std::to_string(row) +
+                       (row >= ids.size() ? " is past the sidecar's rows" : " appears twice");
+            }
+            seen[row] = true;
+            const uint32_t node = meta_per_row == 16 ? le32(d + meta + 12 * count + 4 * k) : 0;
+            if (meta_per_row == 16 && node != ids[row]) {
+                return "row " + std::to_string(row) + " holds node id " + std::to_string(node) +
+                       ", the sidecar's row has id " + std::to_string(ids[row]);
+            }
+            if (row % sample_every == 0 &&
+                !same_code(sidecar, live.file_rows[row], d + codes + kCodeBytes * k)) {
+                return "row " + std::to_string(row) + " holds another vector than the sidecar's";
+            }
+        }
+    }
+    return "";
 }
 
 }  // namespace orve::tool

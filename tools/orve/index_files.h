@@ -60,7 +60,23 @@ struct sidecar_report {
     uint32_t max_id = 0;
 };
 
-sidecar_report read_sidecar_report(const std::string& path);
+// The live rows of a sidecar in file order, which are the rows, in order, of an object the file
+// is replayed into: row k's node id and the number of the file row that holds it.
+struct sidecar_live_rows {
+    std::vector<uint32_t> ids;
+    std::vector<uint32_t> file_rows;
+};
+
+sidecar_report read_sidecar_report(const std::string& path, sidecar_live_rows* live = nullptr);
+
+// Whether the paged file at ivfp_path holds exactly the rows the sidecar replays: the same row
+// count, every row position once, (version 2, which stores them) the node id at each row
+// position equal to the sidecar's, and for a sample of rows the stored int8 code equal to the
+// sidecar's vector quantised again (ids alone cannot tell two data sets with ids 1..n apart).
+// Returns why not, or "" when it does. The file's layout must already have been found
+// consistent by read_ivfp_report.
+std::string paged_rows_mismatch(const std::string& ivfp_path, const ivfp_report& layout,
+                                const std::string& sidecar_path, const sidecar_live_rows& live);
 
 inline constexpr uint64_t kSidecarHeaderBytes = 32;
 inline constexpr uint64_t kSidecarRowBytes = 2056;

@@ -10,6 +10,7 @@
 #include <cstring>
 #include <limits>
 
+#include "cli.h"
 #include "progress.h"
 #include "tool_error.h"
 
@@ -108,6 +109,37 @@ uint32_t system_object::node_count() const {
     float avg = 0.0f, silhouette = 0.0f;
     semantic_vector_indexing_system_get_stats(sys_, &nodes, &clusters, &avg, &silhouette);
     return nodes;
+}
+
+uint32_t paged_branching_arg(const parsed_args& args, const std::string& name, uint32_t fallback) {
+    uint64_t v = 0;
+    if (args.has(name) && parse_decimal(args.get(name), &v) && v > kPagedMaxBranching) {
+        throw usage_error(name + " " + args.get(name) + ": the paged index supports at most " +
+                          std::to_string(kPagedMaxBranching) + " buckets per level");
+    }
+    return static_cast<uint32_t>(args.get_uint(name, fallback, 1, kPagedMaxBranching));
+}
+
+void write_paged_index(semantic_vector_indexing_system* sys, const std::string& path,
+                       const std::string& display_name, const reporter& rep) {
+    library_output log;
+    const int rc = semantic_vector_indexing_system_build_ivf_paged(sys, path.c_str());
+    const std::string text = log.finish();
+    if (rc == 0) {
+        if (!rep.quiet()) std::fputs(text.c_str(), stderr);
+        return;
+    }
+    std::string reason = text.substr(0, text.find('\n'));
+    const std::string tag = "[IVF_PAGED] ";
+    if (reason.rfind(tag, 0) == 0) reason.erase(0, tag.size());
+    // The one silent refusal: once a paged index is written or attached the object keeps only
+    // a row-less copy of its H-IVF, which cannot be written again.
+    if (reason.empty()) {
+        reason =
+            "the library gave no reason (if a paged index was already written or attached, "
+            "the H-IVF has to be built again first)";
+    }
+    throw tool_error(display_name + ": writing the paged index failed: " + reason);
 }
 
 const char* path_name(search_path p) {

@@ -12,6 +12,17 @@
 namespace orve::tool {
 
 class reporter;
+class parsed_args;
+
+// Largest b1 and b2 an H-IVF may have to be written as a paged index: the paged search keeps its
+// per-level scratch in fixed tables of this many entries. Checked by the tool before any work,
+// so a user learns it from the command line rather than from a failed write after training.
+inline constexpr uint32_t kPagedMaxBranching = 64;
+static_assert(kPagedMaxBranching == ORVE_IVF_PAGED_MAX_B);
+
+// --b1 / --b2 of an H-IVF that will be paged: 1 to kPagedMaxBranching, with a message that says
+// why the upper limit exists.
+uint32_t paged_branching_arg(const parsed_args& args, const std::string& name, uint32_t fallback);
 
 // The library announces paged files it opens or writes on standard output and its problems on
 // standard error. Standard output carries the tool's tables, CSV and JSON, so while a guarded
@@ -54,6 +65,12 @@ class system_object {
     void create(uint64_t capacity);
     semantic_vector_indexing_system* sys_ = nullptr;
 };
+
+// Writes the object's H-IVF to `path` as a paged index and attaches it; the library's lines are
+// replayed on standard error unless --quiet. Throws naming display_name and the library's
+// reason.
+void write_paged_index(semantic_vector_indexing_system* sys, const std::string& path,
+                       const std::string& display_name, const reporter& rep);
 
 enum class search_path { brute, ivf, hivf, paged };
 

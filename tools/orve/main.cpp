@@ -1,4 +1,5 @@
 // orve: a command-line host of libsemantic_vector_indexing, built on its public C API only.
+#include <cerrno>
 #include <cstdio>
 #include <exception>
 #include <string>
@@ -65,7 +66,13 @@ int main(int argc, char** argv) {
     }
     install_cleanup_on_signals();
     try {
-        return chosen->run(parse_args(chosen->def(), rest));
+        const int rc = chosen->run(parse_args(chosen->def(), rest));
+        // Results that never reached standard output (a full disk, a closed pipe) are a
+        // failure, not a silent success.
+        if (std::fflush(stdout) != 0 || std::ferror(stdout)) {
+            throw tool_error("standard output: " + errno_text(errno));
+        }
+        return rc;
     } catch (const usage_error& e) {
         std::fprintf(stderr, "orve %s: %s (see orve %s --help)\n", chosen->def().name.c_str(),
                      e.what(), chosen->def().name.c_str());

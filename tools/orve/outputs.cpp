@@ -8,6 +8,7 @@
 #include <cerrno>
 #include <cstring>
 
+#include "file_checks.h"
 #include "tool_error.h"
 
 namespace orve::tool {
@@ -84,8 +85,11 @@ pending_file::pending_file(std::string final_path)
     if (::access(dir.c_str(), W_OK) != 0) {
         throw tool_error(final_ + ": cannot write in " + dir + ": " + errno_text(errno));
     }
-    // A leftover temporary from a crashed run with the same pid would be appended to.
+    // A leftover temporary from a crashed run with the same pid would be appended to; those of
+    // other killed runs would otherwise pile up, each as large as the output.
     ::unlink(temp_.c_str());
+    ::unlink(writer_scratch_.c_str());
+    stale_removed_ = remove_stale_temporaries(final_);
     register_path(temp_, false);
     register_path(writer_scratch_, false);
 }

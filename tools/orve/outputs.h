@@ -10,6 +10,8 @@ namespace orve::tool {
 // SIGINT, SIGTERM and SIGHUP remove every registered temporary before the process dies.
 void install_cleanup_on_signals();
 
+// Temporaries are named "<final>.partial-PID"; those a killed run left behind are removed when
+// the next pending_file for the same final path is created.
 class pending_file {
   public:
     explicit pending_file(std::string final_path);
@@ -19,6 +21,8 @@ class pending_file {
 
     const std::string& temp_path() const { return temp_; }
     const std::string& final_path() const { return final_; }
+    // How many temporaries of dead runs the constructor removed.
+    int stale_removed() const { return stale_removed_; }
     // Renames the temporary over the final name; throws tool_error when that fails.
     void commit();
 
@@ -28,6 +32,7 @@ class pending_file {
     // The library's paged writer stages its own file at "<path>.tmp" next to ours.
     std::string writer_scratch_;
     bool committed_ = false;
+    int stale_removed_ = 0;
 };
 
 // Outputs that must be written under their final names (the demo restarts from them) and are

@@ -11,6 +11,7 @@
 #include <cstring>
 #include <unordered_map>
 
+#include "file_checks.h"
 #include "tool_error.h"
 
 namespace orve::tool {
@@ -43,6 +44,12 @@ struct py_value {
     std::vector<py_value> items;
 };
 
+// A header is a short line of text (NumPy itself reads at most 10,000 bytes), and the parser
+// below recurses once per nesting level: both bounds keep a hostile file from exhausting memory
+// or the stack before it is refused.
+constexpr uint64_t kMaxNpyHeaderBytes = 65536;
+constexpr int kMaxNpyNesting = 16;
+
 class literal_parser {
   public:
     literal_parser(const std::string& text, const std::string& name) : s_(text), name_(name) {}
@@ -56,11 +63,11 @@ class literal_parser {
                 ++pos_;
                 break;
             }
-            py_value key = parse_value();
+            py_value key = parse_value(1);
             if (key.kind != py_value::string) fail("dictionary key is not a string");
             expect(':');
             if (out.count(key.text)) fail("key '" + key.text + "' appears twice");
-            out[key.text] = parse_value();
+            out[key.text] = parse_value(1);
             skip_space();
             if (peek() == ',') {
                 ++pos_;
@@ -90,7 +97,9 @@ class literal_parser {
         ++pos_;
     }
 
-    py_value parse_value() {
+    py_value parse_value(int depth) {
+        if (depth > kMaxNpyNesting)
+            fail("nested more than " + std::to_string(kMaxNpyNesting) + " levels deep");
         skip_space();
         py_value v;
         const char c = peek();
@@ -111,7 +120,7 @@ class literal_parser {
                     ++pos_;
                     break;
                 }
-                v.items.push_back(parse_value());
+                v.items.push_back(parse_value(depth + 1));
                 skip_space();
                 if (peek() == ',') {
                     ++pos_;
@@ -157,7 +166,9 @@ std::string count_text(uint64_t n, const char* unit) {
 }  // namespace
 
 mapped_file::mapped_file(const std::string& path) : path_(path) {
-    const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
+    // O_NONBLOCK: opening a FIFO for reading would otherwise wait for a writer forever, before
+    // the type check below could refuse it. It has no effect on reading a regular file.
+    const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK);
     if (fd < 0) fail_file(path, "cannot open: " + errno_text(errno));
     struct stat st {};
     if (::fstat(fd, &st) != 0) {
@@ -167,7 +178,7 @@ mapped_file::mapped_file(const std::string& path) : path_(path) {
     }
     if (!S_ISREG(st.st_mode)) {
         ::close(fd);
-        fail_file(path, "not a regular file");
+        fail_file(path, "is " + file_type_name(st.st_mode) + ", not a regular file");
     }
     size_ = static_cast<uint64_t>(st.st_size);
     if (size_ > 0) {
@@ -221,6 +232,10 @@ npy_header parse_npy_header(const uint8_t* bytes, uint64_t size, const std::stri
     const uint64_t header_len =
         len_bytes == 2 ? uint64_t{bytes[8]} | uint64_t{bytes[9]} << 8 : load_le32(bytes + 8);
     const uint64_t start = 8 + len_bytes;
+    if (header_len > kMaxNpyHeaderBytes) {
+        fail_file(name, "NPY header of " + std::to_string(header_len) + " bytes (at most " +
+                            std::to_string(kMaxNpyHeaderBytes) + " accepted)");
+    }
     if (size - start < header_len) fail_file(name, "truncated NPY header");
     const std::string text(reinterpret_cast<const char*>(bytes + start), header_len);
     h.data_offset = start + header_len;
