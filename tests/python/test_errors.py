@@ -123,9 +123,8 @@ def test_closed_index_raises_everywhere(rows, queries, tmp_path):
 
 
 def test_unreadable_files(small, tmp_path):
-    with pytest.raises(orve.Error) as e:
+    with pytest.raises(orve.Error, match="does not exist"):
         small.open_paged(tmp_path / "missing.ivfp")
-    assert e.value.code is not None and e.value.code < 0
     junk = tmp_path / "junk.ivfp"
     junk.write_bytes(os.urandom(5000))
     with pytest.raises(orve.Error):
@@ -134,24 +133,9 @@ def test_unreadable_files(small, tmp_path):
     empty.write_bytes(b"")
     with pytest.raises(orve.Error):
         small.open_paged(empty)
-    with pytest.raises(orve.Error) as e:
-        small.write_paged(tmp_path / "x.ivfp")  # no H-IVF to write
-    assert e.value.code == -1
-    with pytest.raises(orve.Error) as e:
-        orve.Index(capacity=5, sidecar=tmp_path)  # a directory
-    assert e.value.code == -1 and "open_sidecar" in str(e.value)
-    with pytest.raises(orve.Error):
-        orve.Index(capacity=5, sidecar=tmp_path / "no" / "such" / "dir" / "rows.vec")
     with pytest.raises(ValueError):
         small.open_paged("bad\0path")
     assert len(small) == 20  # the index is untouched and still usable
-
-
-def test_write_paged_to_missing_directory(index, tmp_path):
-    index.build_hivf(4, 4)
-    with pytest.raises(orve.Error) as e:
-        index.write_paged(tmp_path / "no" / "dir" / "x.ivfp")
-    assert e.value.code is not None
 
 
 def test_dropped_flat_store(index, rows, queries):
