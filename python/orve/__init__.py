@@ -317,14 +317,14 @@ class Index:
                         f"most {PAGED_MAX_BRANCHING} buckets per level")
         _files.existing_regular(path, "write_paged: output")
         directory = _files.check_directory(path, "write_paged: output")
-        need = _files.paged_size_estimate(b1, b2, len(self))
+        need, most = _files.paged_size_bounds(b1, b2, len(self))
         cause = _files.space_cause(directory, need)
         if cause:
             raise Error(f"write_paged: cannot write '{path}': {cause}")
         try:
             self._sys.write_paged(path)
         except Error as e:
-            cause = _files.write_cause(directory, need) or (
+            cause = _files.write_cause(directory, most, needs="may need") or (
                 "no cause found by the package; the library's line on standard error may say more")
             raise Error(f"{e}: {cause}", e.code) from None
         self._hivf_moved = path

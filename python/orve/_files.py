@@ -79,28 +79,28 @@ def check_directory(path, what):
     return parent
 
 
-def space_cause(directory, need_bytes, file_size=0):
+def space_cause(directory, need_bytes, file_size=0, needs="needs"):
     """Why `need_bytes` more bytes cannot be written to a file of `file_size` bytes in
-    `directory`, as far as the process limits and the file system's free space tell; None
-    when both leave room."""
+    `directory`, as far as the process's file-size limit and the file system's free space
+    tell; None when both leave room. `needs` words the figure ("needs", "may need")."""
     soft, _ = resource.getrlimit(resource.RLIMIT_FSIZE)
     if soft != resource.RLIM_INFINITY and file_size + need_bytes > soft:
         return (f"the process's file-size limit (RLIMIT_FSIZE) is {soft} bytes, and the file "
-                f"needs {file_size + need_bytes}")
+                f"{needs} {file_size + need_bytes}")
     try:
         st = os.statvfs(directory)
     except OSError as e:
         return f"'{directory}': {e.strerror}"
     free = st.f_bavail * st.f_frsize
     if free < need_bytes:
-        return f"the file system is full: {free} bytes free, {need_bytes} needed"
+        return f"the file system is full: {free} bytes free, and the file {needs} {need_bytes}"
     return None
 
 
-def write_cause(directory, need_bytes, file_size=0):
+def write_cause(directory, need_bytes, file_size=0, needs="needs"):
     """space_cause, then a test write of one page in `directory` (removed again): the OS's
     own error text, or None when nothing shows a cause."""
-    cause = space_cause(directory, need_bytes, file_size)
+    cause = space_cause(directory, need_bytes, file_size, needs)
     if cause:
         return cause
     try:
@@ -207,9 +207,11 @@ def paged_layout(b1, b2):
     return ld, _align(ld + 24 * slots, 4096)
 
 
-def paged_size_estimate(b1, b2, rows):
-    """A lower bound of the size of the paged file of an H-IVF of b1 x b2 over `rows` rows."""
-    return paged_layout(b1, b2)[1] + 528 * rows
+def paged_size_bounds(b1, b2, rows):
+    """Lowest and highest size of the paged file of an H-IVF of b1 x b2 over `rows` rows
+    (each leaf adds up to 63 bytes of padding)."""
+    low = paged_layout(b1, b2)[1] + 528 * rows
+    return low, low + 64 * b1 * b2
 
 
 def paged_rows(path, max_branching):
