@@ -75,7 +75,12 @@ def check_directory(path, what):
     if not os.path.isdir(parent):
         raise Error(f"{what} '{path}': directory '{parent}' does not exist")
     if not os.access(parent, os.W_OK | os.X_OK):
-        raise Error(f"{what} '{path}': directory '{parent}' is not writable")
+        try:
+            read_only = os.statvfs(parent).f_flag & os.ST_RDONLY
+        except OSError:
+            read_only = False
+        why = "is on a read-only file system" if read_only else "is not writable"
+        raise Error(f"{what} '{path}': directory '{parent}' {why}")
     return parent
 
 
