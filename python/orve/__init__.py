@@ -111,8 +111,12 @@ class Index:
         try:
             self._sys.open_sidecar(path)
         except Error as e:
-            cause = self._sidecar_cause(path)
-            self._sys.close()
+            try:
+                cause = self._sidecar_cause(path)
+            except OSError as probe:
+                cause = f"'{path}': {probe.strerror}"
+            finally:
+                self._sys.close()
             raise Error(f"{e}: {cause}", e.code) from None
         try:
             self._side_fd = os.open(path, os.O_RDONLY)
@@ -152,8 +156,10 @@ class Index:
     # -- lifetime -------------------------------------------------------------------------
     def close(self):
         """Releases the object and everything attached to it. Idempotent."""
-        self._sys.close()
-        fd, self._side_fd = self._side_fd, None
+        # After any add in progress: it reads the sidecar's size through the descriptor.
+        with self._ingest:
+            self._sys.close()
+            fd, self._side_fd = self._side_fd, None
         if fd is not None:
             os.close(fd)
 
