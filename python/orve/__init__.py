@@ -321,7 +321,12 @@ class Index:
             raise Error(f"write_paged: an H-IVF with b1 or b2 above {PAGED_MAX_BRANCHING} cannot "
                         f"be paged (this one has b1={b1}, b2={b2}); the paged search handles at "
                         f"most {PAGED_MAX_BRANCHING} buckets per level")
-        _files.existing_regular(path, "write_paged: output")
+        st = _files.existing_regular(path, "write_paged: output")
+        if st is not None and self._side_fd is not None:
+            side = os.fstat(self._side_fd)
+            if (st.st_dev, st.st_ino) == (side.st_dev, side.st_ino):
+                raise Error(f"write_paged: '{path}' is this index's sidecar; writing the paged "
+                            f"file there would replace the sidecar's rows")
         directory = _files.check_directory(path, "write_paged: output")
         need, most = _files.paged_size_bounds(b1, b2, len(self))
         cause = _files.space_cause(directory, need)

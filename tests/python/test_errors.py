@@ -173,6 +173,17 @@ def test_write_paged_refusal_names_the_cause_and_keeps_the_target(index, rows, t
     assert (tmp_path / "adir").is_dir()
 
 
+def test_write_paged_never_replaces_the_sidecar(rows, tmp_path):
+    side = tmp_path / "rows.vec"
+    with orve.Index(capacity=2000, sidecar=side) as ix:
+        ix.add(rows)
+        ix.build_hivf(4, 4)
+        with pytest.raises(orve.Error, match="is this index's sidecar"):
+            ix.write_paged(side)
+    with orve.Index(capacity=2000, sidecar=side) as ix:
+        assert len(ix) == len(rows)
+
+
 def _sidecar_with(path, rows, n):
     with orve.Index(capacity=n, sidecar=path) as ix:
         ix.add(rows[:n])
