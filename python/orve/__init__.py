@@ -10,16 +10,18 @@
 from __future__ import annotations
 
 import os
+import threading
 
 import numpy as np
 
 from ._errors import Error
-from . import _core
+from . import _core, _files
 
-__all__ = ["Index", "Error", "DIM", "quantize", "dot512", "text_embedding", "hrr_atom",
-           "hrr_encode"]
+__all__ = ["Index", "Error", "DIM", "PAGED_MAX_BRANCHING", "quantize", "dot512",
+           "text_embedding", "hrr_atom", "hrr_encode"]
 
 DIM = int(_core.vec_dim())
+PAGED_MAX_BRANCHING = int(_core.PAGED_MAX_BRANCHING)   # largest b1, b2 write_paged accepts
 _MAX_ROWS = 1_100_000
 _PATHS = ("auto", "brute", "ivf", "hivf", "paged")
 _U32_MAX = 2**32 - 1
@@ -78,22 +80,93 @@ class Index:
     (the ORVE_VECTOR_CAPACITY environment variable, else 1,100,000). With ``sidecar`` the
     exact float rows are kept in that file: rows already in it are loaded first, and every
     later row is appended, so an index made again from the same file holds the same rows.
+    An existing non-empty file that is not a sidecar is refused (it would be emptied) unless
+    ``overwrite`` is true; a path that is not a regular file, or a sidecar attached by
+    another index or process, is always refused.
     """
 
-    def __init__(self, capacity=None, sidecar=None):
+    def __init__(self, capacity=None, sidecar=None, *, overwrite=False):
         if capacity is not None:
             capacity = _u32(capacity, "capacity", 1, _MAX_ROWS)
-        if sidecar is not None:
-            sidecar = os.fsdecode(os.fspath(sidecar))
-        self._sys = _core.System(capacity, sidecar)
+        self._side_path = None
+        self._side_fd = None        # our own read-only descriptor: file row counts, ids
+        self._side_lost = None      # (rows in memory, rows in the file) once an append failed
+        self._ingest = threading.Lock()   # one ingestion at a time: row positions are known
+        self._ids = np.empty(0, np.uint32)   # node id of each row, by row position
+        self._nids = 0
         self._nlist = None          # of the last IVF built here
         self._hivf = None           # (b1, b2, ingestion generation at the build)
+        self._hivf_moved = None     # path the H-IVF's rows went to (write_paged frees them)
         self._paged = None          # (b1, b2) of the attached paged file
+        self._paged_gen = None      # ingestion generation it is current at; None: stale
+        self._paged_rows = 0
+        if sidecar is not None:
+            sidecar = os.fsdecode(os.fspath(sidecar))
+            _files.check_sidecar(sidecar, overwrite, _files.effective_capacity(capacity))
+        self._sys = _core.System(capacity, None)
+        if sidecar is not None:
+            self._attach_sidecar(sidecar)
+
+    def _attach_sidecar(self, path):
+        try:
+            self._sys.open_sidecar(path)
+        except Error as e:
+            try:
+                cause = self._sidecar_cause(path)
+            except OSError as probe:
+                cause = f"'{path}': {probe.strerror}"
+            finally:
+                self._sys.close()
+            raise Error(f"{e}: {cause}", e.code) from None
+        try:
+            self._side_fd = os.open(path, os.O_RDONLY)
+            ids = _files.sidecar_ids(self._side_fd, os.fstat(self._side_fd).st_size)
+        except OSError as e:
+            self.close()
+            raise Error(f"sidecar '{path}' attached but cannot be read back: {e.strerror}") \
+                from None
+        self._side_path = path
+        # The replay ingests exactly the live rows, in file order; any other count means the
+        # rows' ids are not known here, and open_paged then cannot check a file against them.
+        if len(ids) == len(self):
+            self._record_ids(ids)
+        else:
+            self._nids = -1
+
+    def _sidecar_cause(self, path):
+        """Why the library could not attach the sidecar, from what can be observed now."""
+        cause = _files.lock_holder_cause(path)
+        if cause:
+            return cause
+        if os.path.exists(path):
+            try:
+                os.close(os.open(path, os.O_RDWR))
+            except OSError as e:
+                return f"it cannot be opened for reading and writing: {e.strerror}"
+            with open(path, "rb") as f:
+                size = os.fstat(f.fileno()).st_size
+                live = len(_files.sidecar_ids(f.fileno(), size))
+            done = len(self)
+            if done < live:
+                return (f"the replay stopped after {done} of its {live} rows: the library "
+                        f"refused row {done + 1}")
+        cause = _files.write_cause(os.path.dirname(path) or ".", _files.SIDECAR_HEADER_BYTES)
+        return cause or "no cause found by the package"
 
     # -- lifetime -------------------------------------------------------------------------
     def close(self):
         """Releases the object and everything attached to it. Idempotent."""
-        self._sys.close()
+        # After any add in progress: it reads the sidecar's size through the descriptor.
+        with self._ingest:
+            self._sys.close()
+            fd, self._side_fd = self._side_fd, None
+        if fd is not None:
+            os.close(fd)
+
+    def __del__(self):
+        fd = getattr(self, "_side_fd", None)
+        if fd is not None:
+            os.close(fd)
 
     @property
     def closed(self):
@@ -134,20 +207,82 @@ class Index:
             raise Error("the index is closed")
 
     # -- ingestion ------------------------------------------------------------------------
+    def _record_ids(self, new):
+        need = self._nids + len(new)
+        if need > len(self._ids):
+            grown = np.empty(max(need, 2 * len(self._ids), 1024), np.uint32)
+            grown[:self._nids] = self._ids[:self._nids]
+            self._ids = grown
+        self._ids[self._nids:need] = new
+        self._nids = need
+
+    def _side_file_rows(self):
+        return _files.sidecar_whole_rows(os.fstat(self._side_fd).st_size)
+
     def add(self, vectors, ids=None):
         """Adds float rows of shape (n, 512). Without ids the rows are numbered by position
         (1-based over the whole index); with ids (n nonzero uint32 values) each row keeps its
-        own. Returns the number of rows added."""
+        own. Returns the number of rows added.
+
+        With a sidecar, raises Error when rows could not all be written to it (a full disk,
+        a file-size limit): those rows stay in the index and are searchable, but the file no
+        longer follows the index, so every later add raises without adding anything. Close
+        the index and make it again from the sidecar (which holds a correct prefix) to go on.
+        """
         rows = _float_rows(vectors, "vectors")
-        if ids is None:
-            return self._sys.load(rows)
-        ids_a = np.asarray(ids)
-        if ids_a.dtype.kind not in "iu" or ids_a.shape != (rows.shape[0],):
-            raise ValueError(f"ids: expected {rows.shape[0]} integers (one per row), got "
-                             f"dtype {ids_a.dtype} shape {ids_a.shape}")
-        if ids_a.size and (ids_a.min() < 1 or ids_a.max() > _U32_MAX):
-            raise ValueError("ids: expected values from 1 to 2**32 - 1")
-        return self._sys.add_with_ids(rows, np.ascontiguousarray(ids_a, dtype=np.uint32))
+        if ids is not None:
+            ids_a = np.asarray(ids)
+            if ids_a.dtype.kind not in "iu" or ids_a.shape != (rows.shape[0],):
+                raise ValueError(f"ids: expected {rows.shape[0]} integers (one per row), got "
+                                 f"dtype {ids_a.dtype} shape {ids_a.shape}")
+            if ids_a.size and (ids_a.min() < 1 or ids_a.max() > _U32_MAX):
+                raise ValueError("ids: expected values from 1 to 2**32 - 1")
+            ids_a = np.ascontiguousarray(ids_a, dtype=np.uint32)
+        # One ingestion at a time, so that the rows of a call take consecutive positions
+        # (their ids are recorded for open_paged's check) and the sidecar's growth during the
+        # call belongs to this call alone.
+        with self._ingest:
+            self._check_open()
+            if self._side_lost is not None:
+                mem, in_file = self._side_lost
+                raise Error(f"add: the sidecar '{self._side_path}' stopped receiving rows after "
+                            f"a failed write (the index held {mem} rows, the file {in_file}); "
+                            f"rows added now would be lost at a restart, so nothing was added")
+            before = len(self)
+            file_before = self._side_file_rows() if self._side_fd is not None else 0
+            failure = None
+            try:
+                if ids is None:
+                    self._sys.load(rows)
+                else:
+                    self._sys.add_with_ids(rows, ids_a)
+            except Error as e:
+                failure = e
+            after = len(self)
+            done = after - before
+            if self._nids >= 0:
+                self._record_ids(np.arange(before + 1, after + 1, dtype=np.uint32)
+                                 if ids is None else ids_a[:done])
+            if self._side_fd is not None:
+                self._check_persisted(done, after, file_before, failure)
+            if failure is not None:
+                raise failure
+            return done
+
+    def _check_persisted(self, done, in_memory, file_before, failure):
+        size = os.fstat(self._side_fd).st_size
+        in_file = _files.sidecar_whole_rows(size)
+        written = in_file - file_before
+        if written >= done:
+            return
+        self._side_lost = (in_memory, in_file)
+        directory = os.path.dirname(self._side_path) or "."
+        cause = _files.write_cause(directory, _files.SIDECAR_ROW_BYTES, size)
+        raise Error(f"add: {done} rows were added to the index but only {written} reached the "
+                    f"sidecar '{self._side_path}' ({cause or 'cause not found by the package'}): "
+                    f"the index holds {in_memory} rows in memory, the file {in_file}. The missing "
+                    f"rows are searchable now but would not come back at a restart, and no "
+                    f"later row is written to this file") from failure
 
     # -- index builds and files ------------------------------------------------------------
     def build_ivf(self, nlist, seed=1):
@@ -157,26 +292,75 @@ class Index:
         self._nlist = nlist
 
     def build_hivf(self, b1, b2, seed=1):
-        """Trains and publishes a two-level H-IVF with b1 x b2 leaves."""
+        """Trains and publishes a two-level H-IVF with b1 x b2 leaves. Only b1 and b2 up to
+        PAGED_MAX_BRANCHING (64) can later be written with write_paged."""
         b1 = _u32(b1, "b1", 1)
         b2 = _u32(b2, "b2", 1)
         self._sys.build_hivf(b1, b2, _u32(seed, "seed"))
         self._hivf = (b1, b2, self._sys.stats()[4])
+        self._hivf_moved = None
 
     def write_paged(self, path):
-        """Writes the current H-IVF to a paged .ivfp file and searches it from there on."""
-        path = os.fsdecode(os.fspath(path))
-        self._sys.write_paged(path)
-        b1, b2 = self._hivf[:2] if self._hivf else _core.paged_branching(path)
-        self._paged = (b1, b2)
-
-    def open_paged(self, path):
-        """Attaches an existing .ivfp file (written by write_paged, here or earlier)."""
+        """Writes the current H-IVF to a paged .ivfp file and searches it from there on. The
+        H-IVF's rows then live only in the file: a further write_paged needs build_hivf first.
+        """
         path = os.fsdecode(os.fspath(path))
         self._check_open()
-        b1, b2 = _core.paged_branching(path)
-        self._sys.open_paged(path)
+        if self._hivf is None:
+            raise Error("write_paged: no H-IVF built (call build_hivf first)")
+        b1, b2, built = self._hivf
+        if self._hivf_moved is not None:
+            raise Error(f"write_paged: the H-IVF's rows were moved to '{self._hivf_moved}' by "
+                        f"the previous write_paged, so nothing is left to write; an H-IVF has "
+                        f"to be built again first (call build_hivf)")
+        gen = self._sys.stats()[4]
+        if gen != built:
+            raise Error(f"write_paged: the H-IVF is stale ({gen - built} rows were added since "
+                        f"build_hivf); an H-IVF has to be built again first (call build_hivf)")
+        if b1 > PAGED_MAX_BRANCHING or b2 > PAGED_MAX_BRANCHING:
+            raise Error(f"write_paged: an H-IVF with b1 or b2 above {PAGED_MAX_BRANCHING} cannot "
+                        f"be paged (this one has b1={b1}, b2={b2}); the paged search handles at "
+                        f"most {PAGED_MAX_BRANCHING} buckets per level")
+        st = _files.existing_regular(path, "write_paged: output")
+        if st is not None and self._side_fd is not None:
+            side = os.fstat(self._side_fd)
+            if (st.st_dev, st.st_ino) == (side.st_dev, side.st_ino):
+                raise Error(f"write_paged: '{path}' is this index's sidecar; writing the paged "
+                            f"file there would replace the sidecar's rows")
+        directory = _files.check_directory(path, "write_paged: output")
+        need, most = _files.paged_size_bounds(b1, b2, len(self))
+        cause = _files.space_cause(directory, need)
+        if cause:
+            raise Error(f"write_paged: cannot write '{path}': {cause}")
+        try:
+            self._sys.write_paged(path)
+        except Error as e:
+            cause = _files.write_cause(directory, most, needs="may need") or (
+                "no cause found by the package; the library's line on standard error may say more")
+            raise Error(f"{e}: {cause}", e.code) from None
+        self._hivf_moved = path
         self._paged = (b1, b2)
+        self._paged_gen = built
+        self._paged_rows = len(self)
+
+    def open_paged(self, path):
+        """Attaches an existing .ivfp file written from this index's rows (by write_paged,
+        here or in an earlier run). A file written for other data (more rows than the index,
+        or other ids at its rows) is refused. A file with fewer rows than the index is stale:
+        path="paged" then raises until write_paged is run again."""
+        path = os.fsdecode(os.fspath(path))
+        with self._ingest:
+            self._check_open()
+            b1, b2, n_rows, row_ids, node_ids = _files.paged_rows(path, PAGED_MAX_BRANCHING)
+            if self._nids < 0 or self._nids != len(self):
+                raise Error(f"open_paged: the ids of this index's rows are not known to the "
+                            f"package, so '{path}' cannot be checked against them")
+            _files.check_paged_rows(path, n_rows, row_ids, node_ids, self._ids[:self._nids])
+            gen = self._sys.stats()[4]
+            self._sys.open_paged(path)
+            self._paged = (b1, b2)
+            self._paged_gen = gen if n_rows == self._nids else None
+            self._paged_rows = n_rows
 
     def drop_flat(self):
         """Frees the flat int8 rows for good: no more ingestion, builds or brute force."""
@@ -201,21 +385,32 @@ class Index:
         self._check_open()
         gen, built = self._sys.stats()[4:6]
         ivf_ok = self._nlist is not None and gen == built
-        hivf_ok = self._hivf is not None and self._hivf[2] == gen
+        # An attached paged file answers every H-IVF search in the library, so the in-memory
+        # H-IVF counts only while no file is attached.
+        paged_ok = self._paged is not None and self._paged_gen == gen
+        hivf_ok = (self._paged is None and self._hivf is not None and self._hivf[2] == gen
+                   and self._hivf_moved is None)
         if path == "ivf" and not ivf_ok:
             raise Error(f"{what}(path='ivf'): no current IVF (call build_ivf after the last add)")
-        if path == "hivf" and not (hivf_ok or self._paged):
+        if path in ("hivf", "paged") and self._paged is not None and not paged_ok:
+            missing = len(self) - self._paged_rows
+            raise Error(f"{what}(path='{path}'): the attached paged file is stale: it misses "
+                        f"{missing} rows added since it was written or attached (build_hivf "
+                        f"and write_paged again, or search another path)")
+        if path == "hivf" and not (hivf_ok or paged_ok):
             raise Error(f"{what}(path='hivf'): no current H-IVF (call build_hivf after the "
                         f"last add)")
-        if path == "paged" and not self._paged:
+        if path == "paged" and self._paged is None:
             raise Error(f"{what}(path='paged'): no paged file attached (write_paged or "
                         f"open_paged)")
         if path in ("ivf", "auto") and ivf_ok:
             o.use_ivf = True
             o.nprobe = _u32(nprobe if nprobe is not None else _default_nprobe(self._nlist),
                             "nprobe", 1)
-        if path in ("hivf", "paged", "auto") and (hivf_ok or self._paged):
-            b1, b2 = self._paged if self._paged else self._hivf[:2]
+        # "auto" never hands a stale paged file to the library: it would answer without the
+        # rows added since, and nothing would tell. A current IVF or brute force answers then.
+        if path in ("hivf", "paged", "auto") and (hivf_ok or paged_ok):
+            b1, b2 = self._paged if paged_ok else self._hivf[:2]
             o.use_hivf = True
             o.nprobe_l1 = _u32(nprobe_l1 if nprobe_l1 is not None
                                else _default_nprobe_level(b1), "nprobe_l1", 1)
@@ -229,8 +424,12 @@ class Index:
         int64 ids and float32 cosines; fewer than k when fewer rows qualify.
 
         path: "brute" scans every row; "ivf", "hivf" and "paged" use that index and raise
-        Error when it is missing or stale; "auto" lets the library take the paged file or
-        H-IVF, then the IVF, then brute force. rerank re-scores exactly from the sidecar."""
+        Error when it is missing or stale (rows added since its build, or since the paged
+        file was written or attached; an attached paged file also answers "hivf"); "auto"
+        takes the current paged file or H-IVF, then the current IVF, then brute force, and
+        never a stale index, so its answers cover every row (Error with code -7 when only
+        brute force could answer and drop_flat() removed it). rerank re-scores exactly from
+        the sidecar."""
         q = _float_vector(query, DIM, "query")
         o = self._options(k, path, nprobe, nprobe_l1, nprobe_l2, rerank, rerank_factor,
                           min_similarity, "search")

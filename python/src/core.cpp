@@ -86,7 +86,8 @@ const float* float_vector(const py::array& a, py::ssize_t n, const char* what) {
 const int8_t* int8_vector(const py::array& a, const char* what) {
     if (!a.dtype().is(py::dtype::of<int8_t>()) || !(a.flags() & py::array::c_style) ||
         a.ndim() != 1 || a.shape(0) != ORVE512_DIM) {
-        throw py::value_error(std::string(what) + ": expected a contiguous int8 array of 512 codes");
+        throw py::value_error(std::string(what) +
+                              ": expected a contiguous int8 array of 512 codes");
     }
     return static_cast<const int8_t*>(a.data());
 }
@@ -139,7 +140,7 @@ void copy_results(const vector_similarity_result* res, uint32_t count, uint32_t 
 }
 
 class System {
-public:
+  public:
     System(std::optional<uint64_t> capacity, std::optional<std::string> sidecar) {
         if (capacity && (*capacity < 1 || *capacity > kMaxCapacity)) {
             throw py::value_error("capacity: expected 1 to 1100000 rows, got " +
@@ -151,18 +152,35 @@ public:
             std::calloc(1, semantic_vector_indexing_system_sizeof()));
         if (!sys_) throw std::bad_alloc();
         int rc = 0;
-        int side_rc = 0;
         {
             py::gil_scoped_release nogil;
             rc = create_with_capacity(capacity);
-            if (rc == 0 && sidecar) side_rc = semantic_vector_indexing_system_open_sidecar(sys_, side.c_str());
-            if (rc != 0 || side_rc != 0) release_object();
+            if (rc != 0) release_object();
         }
         if (rc != 0) fail(rc, "semantic_vector_indexing_system_create");
-        if (side_rc != 0) {
-            fail(side_rc, "semantic_vector_indexing_system_open_sidecar",
-                 "'" + side + "' could not be replayed and opened for appending");
+        if (sidecar) {
+            // A throwing constructor runs no destructor: release here.
+            try {
+                open_sidecar(side);
+            } catch (...) {
+                release_object();
+                throw;
+            }
         }
+    }
+
+    // Replays the file and keeps it open for appending. The cause of a failure is diagnosed by
+    // the Python layer, which can look at the file and the file system.
+    void open_sidecar(const std::string& path_in) {
+        const std::string path = c_string(path_in, "sidecar");
+        int rc;
+        {
+            py::gil_scoped_release nogil;
+            std::unique_lock lk(mu_);
+            check_open();
+            rc = semantic_vector_indexing_system_open_sidecar(sys_, path.c_str());
+        }
+        if (rc != 0) fail(rc, "semantic_vector_indexing_system_open_sidecar", "'" + path + "'");
     }
 
     ~System() { release_object(); }
@@ -228,8 +246,9 @@ public:
             rc = semantic_vector_indexing_system_load_vectors_f32(sys_, data,
                                                                   static_cast<uint32_t>(n));
         }
-        if (rc < 0) fail(rc, "semantic_vector_indexing_system_load_vectors_f32",
-                         "no row committed (object full, flat store dropped, or out of memory)");
+        if (rc < 0)
+            fail(rc, "semantic_vector_indexing_system_load_vectors_f32",
+                 "no row committed (object full, flat store dropped, or out of memory)");
         if (static_cast<size_t>(rc) != n) {
             throw library_error(rc, "semantic_vector_indexing_system_load_vectors_f32 committed " +
                                         std::to_string(rc) + " of " + std::to_string(n) + " rows");
@@ -307,7 +326,7 @@ public:
         }
         if (rc != 0) {
             fail(rc, "semantic_vector_indexing_system_build_ivf_paged",
-                 "could not write and attach '" + path + "' (is an H-IVF built and current?)");
+                 "could not write and attach '" + path + "'");
         }
     }
 
@@ -441,7 +460,7 @@ public:
         return py::make_tuple(ids, scores);
     }
 
-private:
+  private:
     int create_with_capacity(std::optional<uint64_t> capacity) {
         std::lock_guard env(g_env_mutex);
         if (!capacity) return semantic_vector_indexing_system_create(sys_);
@@ -491,8 +510,8 @@ py::tuple quantize(const py::array& vec) {
     const float* in = float_vector(vec, ORVE512_DIM, "vec");
     py::array_t<int8_t> codes(ORVE512_DIM);
     float scale = 0.0f, norm = 0.0f;
-    const int rc = orve_quantize_float_vector_symmetric(in, ORVE512_DIM, codes.mutable_data(),
-                                                        &scale, &norm);
+    const int rc =
+        orve_quantize_float_vector_symmetric(in, ORVE512_DIM, codes.mutable_data(), &scale, &norm);
     if (rc != 0) fail(rc, "orve_quantize_float_vector_symmetric");
     return py::make_tuple(codes, scale, norm);
 }
@@ -562,6 +581,7 @@ PYBIND11_MODULE(_core, m) {
         .def(py::init<std::optional<uint64_t>, std::optional<std::string>>(),
              py::arg("capacity") = py::none(), py::arg("sidecar") = py::none())
         .def("close", &System::close)
+        .def("open_sidecar", &System::open_sidecar)
         .def_property_readonly("closed", &System::closed)
         .def("stats", &System::stats)
         .def("node_count", &System::node_count)
@@ -576,21 +596,8 @@ PYBIND11_MODULE(_core, m) {
         .def("search_batch_ivf", &System::search_batch_ivf)
         .def("search_batch_loop", &System::search_batch_loop);
 
-    m.def("paged_branching", [](const std::string& path_in) {
-        // Reads b1 and b2 of a paged file through the library's own reader, so that default
-        // probe counts can follow the file.
-        const std::string path = c_string(path_in, "path");
-        orve_ivf_paged_index* h = nullptr;
-        int rc;
-        {
-            py::gil_scoped_release nogil;
-            rc = orve_ivf_paged_open(path.c_str(), &h);
-        }
-        if (rc != 0) fail(rc, "orve_ivf_paged_open", "could not open '" + path + "'");
-        const auto b = py::make_tuple(h->b1, h->b2);
-        orve_ivf_paged_close(h);
-        return b;
-    });
+    // The largest b1 and b2 the paged search handles: an H-IVF beyond it cannot be paged.
+    m.attr("PAGED_MAX_BRANCHING") = py::int_(ORVE_IVF_PAGED_MAX_B);
     m.def("vec_dim", &semantic_vector_indexing_system_get_vec_dim);
     m.def("quantize", &quantize);
     m.def("dot512", &dot512);

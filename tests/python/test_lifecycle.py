@@ -118,3 +118,59 @@ def test_concurrent_creates_get_their_own_capacity(rows):
     for t in threads:
         t.join()
     assert errors == []
+
+
+def test_stale_paged_file_is_never_searched_silently(rows, queries, tmp_path):
+    paged = tmp_path / "p.ivfp"
+    new_row = rows[1200]  # its own best match once added, with id 1201
+    with orve.Index(capacity=2000) as ix:
+        ix.add(rows[:1200])
+        ix.build_hivf(4, 4)
+        ix.write_paged(paged)
+        ix.add(rows[1200:1201])
+        for path in ("paged", "hivf"):
+            with pytest.raises(orve.Error, match="stale: it misses 1 rows"):
+                ix.search(new_row, 3, path=path)
+        assert ix.search(new_row, 3)[0][0] == 1201  # auto: brute force, not the stale file
+        np.testing.assert_array_equal(ix.search_batch(queries, 5)[0],
+                                      ix.search_batch(queries, 5, path="brute")[0])
+        ix.build_hivf(4, 4)
+        ix.write_paged(tmp_path / "again.ivfp")
+        assert ix.search(new_row, 3, path="paged", nprobe_l1=4, nprobe_l2=4)[0][0] == 1201
+    with orve.Index(capacity=2000) as ix:  # stale from the moment it is attached
+        ix.add(rows[:1201])
+        ix.open_paged(paged)
+        with pytest.raises(orve.Error, match="stale"):
+            ix.search(new_row, 3, path="paged")
+        assert ix.search(new_row, 3)[0][0] == 1201
+        ix.drop_flat()
+        with pytest.raises(orve.Error) as e:  # nothing current can answer: no stale answer
+            ix.search(new_row, 3)
+        assert e.value.code == -7
+
+
+def _truncated(src, dst):
+    dst.write_bytes(src.read_bytes()[:100_000])
+    return dst
+
+
+@pytest.mark.parametrize("rows_added, ids, message", [
+    (1200, np.arange(1200) + 7, "written for other data: 1200 of its 1200 rows carry another id"),
+    (1100, None, "indexes 1200 rows, but this index holds 1100"),
+    (1200, "truncated", "not a usable paged file: leaf slot"),
+])
+def test_open_paged_refuses_a_file_of_other_rows(rows, queries, tmp_path, rows_added, ids,
+                                                 message):
+    paged = tmp_path / "p.ivfp"
+    with orve.Index(capacity=2000) as ix:
+        ix.add(rows[:1200])
+        ix.build_hivf(4, 4)
+        ix.write_paged(paged)
+    if isinstance(ids, str):
+        paged, ids = _truncated(paged, tmp_path / "cut.ivfp"), None
+    with orve.Index(capacity=2000) as ix:
+        ix.add(rows[:rows_added], ids=ids)
+        with pytest.raises(orve.Error, match=message):
+            ix.open_paged(paged)
+        with pytest.raises(orve.Error, match="no paged file attached"):
+            ix.search(queries[0], 3, path="paged")
