@@ -1,0 +1,128 @@
+"""Serving a sharded directory (orve.ShardedIndex) from a Dask cluster.
+
+    from distributed import Client, LocalCluster
+    with LocalCluster(n_workers=2, threads_per_worker=1) as cluster, Client(cluster) as client:
+        with orve.distributed.serve(client, "graph.idx") as index:
+            ids, scores = index.search_batch(queries, 10, path="paged")
+
+The directory must be on a path that every worker can read under the same name (a shared
+file system, or one machine). Workers only read it: each shard is opened once, on the one
+worker it is pinned to, from its sidecar and paged file, and stays open in that worker
+process. A query batch is scattered to the workers, each shard returns its partial top-k
+lists, and they are merged here by the same function as the local index uses, so the answers
+are those of ShardedIndex on the same directory.
+
+The shard list is the manifest as it stood when serve() was called: rows or shards added
+later are served after serve() is called again. Deletes are seen at once, since every batch
+re-reads the tail of each shard's tombstone file.
+"""
+
+from __future__ import annotations
+
+import os
+import threading
+
+from distributed import get_worker
+
+from .sharded import SearchFront, Shard, read_manifest
+
+__all__ = ["serve", "ServedIndex"]
+
+_LOCK = threading.Lock()
+
+
+def _worker_shards():
+    """Shards open in this worker process, keyed by (directory, shard name)."""
+    worker = get_worker()
+    with _LOCK:
+        if not hasattr(worker, "_orve_shards"):
+            worker._orve_shards = {}
+        return worker._orve_shards
+
+
+def _shard(directory, entry, settings):
+    shards = _worker_shards()
+    key = (directory, entry["name"])
+    with _LOCK:
+        shard = shards.get(key)
+        if shard is None:
+            shard = shards[key] = Shard(directory, entry, settings, writable=False)
+    return shard
+
+
+def _open(directory, entry, settings):
+    _shard(directory, entry, settings)
+    return entry["name"]
+
+
+def _topk(directory, entry, settings, queries, k, path, probes):
+    shard = _shard(directory, entry, settings)
+    shard.refresh_tombstones()
+    return shard.topk(queries, k, path, probes)
+
+
+def _close(directory, names):
+    shards = _worker_shards()
+    with _LOCK:
+        for name in names:
+            shard = shards.pop((directory, name), None)
+            if shard is not None:
+                shard.close()
+
+
+class ServedIndex(SearchFront):
+    """A sharded directory opened on the workers of a Dask client; made by serve()."""
+
+    def __init__(self, client, directory):
+        self._client = client
+        self.directory = os.path.abspath(os.fsdecode(os.fspath(directory)))
+        manifest = read_manifest(self.directory)
+        self.settings = manifest["settings"]
+        workers = sorted(client.scheduler_info()["workers"])
+        if not workers:
+            raise RuntimeError("serve: the Dask cluster has no workers")
+        # Round robin in manifest order: consecutive shards (similar sizes) spread evenly.
+        self.placement = [(entry, workers[i % len(workers)])
+                          for i, entry in enumerate(manifest["shards"])]
+        client.gather([self._submit(_open, entry, worker)
+                       for entry, worker in self.placement])
+
+    def _submit(self, fn, entry, worker, *args):
+        return self._client.submit(fn, self.directory, entry, self.settings, *args,
+                                   workers=[worker], allow_other_workers=False, pure=False)
+
+    def _partials(self, queries, k, path, probes):
+        if not self.placement:
+            return []
+        workers = sorted({w for _, w in self.placement})
+        data = self._client.scatter(queries, workers=workers, broadcast=True)
+        return self._client.gather([self._submit(_topk, entry, worker, data, k, path, probes)
+                                    for entry, worker in self.placement])
+
+    def __len__(self):
+        return sum(e.get("rows", 0) for e, _ in self.placement)
+
+    def close(self):
+        """Closes the shards on their workers."""
+        by_worker = {}
+        for entry, worker in self.placement:
+            by_worker.setdefault(worker, []).append(entry["name"])
+        self._client.gather([
+            self._client.submit(_close, self.directory, names, workers=[w],
+                                allow_other_workers=False, pure=False)
+            for w, names in by_worker.items()])
+        self.placement = []
+
+    def __enter__(self):
+        return self
+
+    def __exit__(self, *exc):
+        self.close()
+        return False
+
+
+def serve(client, directory):
+    """Opens every shard of ``directory`` once on a worker of ``client`` (a
+    distributed.Client) and returns a ServedIndex with search / search_batch as on
+    ShardedIndex. The directory must be readable at the same path on every worker."""
+    return ServedIndex(client, directory)
