@@ -95,7 +95,9 @@ class ServedIndex(SearchFront):
         if not self.placement:
             return []
         workers = sorted({w for _, w in self.placement})
-        data = self._client.scatter(queries, workers=workers, broadcast=True)
+        # A fresh key per batch: with content hashing, a batch equal to the previous one gets
+        # the same key while that key is being released, and its tasks are cancelled.
+        data = self._client.scatter(queries, workers=workers, broadcast=True, hash=False)
         return self._client.gather([self._submit(_topk, entry, worker, data, k, path, probes)
                                     for entry, worker in self.placement])
 
