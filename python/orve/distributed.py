@@ -101,9 +101,6 @@ class ServedIndex(SearchFront):
         return self._client.gather([self._submit(_topk, entry, worker, data, k, path, probes)
                                     for entry, worker in self.placement])
 
-    def __len__(self):
-        return sum(e.get("rows", 0) for e, _ in self.placement)
-
     def close(self):
         """Closes the shards on their workers."""
         by_worker = {}

@@ -356,7 +356,7 @@ class ShardedIndex(SearchFront):
     ``background_seal=False`` seals in the calling thread (add then returns later).
     """
 
-    def __init__(self, directory, shard_rows=None, *, hivf=None, nlist=None, seed=1,
+    def __init__(self, directory, shard_rows=None, *, hivf=None, nlist=None, seed=None,
                  threads=None, background_seal=True):
         self.directory = os.fsdecode(os.fspath(directory))
         os.makedirs(self.directory, exist_ok=True)
@@ -380,14 +380,14 @@ class ShardedIndex(SearchFront):
             manifest = read_manifest(self.directory)
             for name, value in given.items():
                 have = manifest["settings"][name]
-                if value is not None and name != "seed" and _norm(value) != have:
+                if value is not None and _norm(value) != have:
                     raise ValueError(f"{name}: the directory was made with {have!r}")
             return manifest
         rows = _u32(given["shard_rows"] or 1_000_000, "shard_rows", _MIN_BUILD_ROWS,
                     _MAX_ROWS)
         settings = {"shard_rows": rows, "hivf": _norm(given["hivf"]),
                     "nlist": given["nlist"] and _u32(given["nlist"], "nlist", 1),
-                    "seed": _u32(given["seed"], "seed")}
+                    "seed": _u32(1 if given["seed"] is None else given["seed"], "seed")}
         manifest = {"format": _FORMAT, "version": 1, "settings": settings, "shards": [],
                     "next_shard": 1}
         write_json_atomic(os.path.join(self.directory, MANIFEST), manifest)
@@ -437,10 +437,17 @@ class ShardedIndex(SearchFront):
         self._manifest["shards"] = [s.entry for s in self.shards]
         write_json_atomic(os.path.join(self.directory, MANIFEST), self._manifest)
 
-    def _new_shard(self):
+    def _fresh_shard(self):
+        """An empty shard under the next unused name. A directory of that name can only be
+        left by a crash before the manifest named it: it holds no acknowledged row, and
+        reusing its files would bring back rows nobody added, so it is removed."""
         name = f"shard-{self._manifest['next_shard']:06d}"
         self._manifest["next_shard"] += 1
-        shard = Shard(self.directory, {"name": name, "state": "open"}, self.settings)
+        shutil.rmtree(os.path.join(self.directory, name), ignore_errors=True)
+        return Shard(self.directory, {"name": name, "state": "open"}, self.settings)
+
+    def _new_shard(self):
+        shard = self._fresh_shard()
         self.shards.append(shard)
         self._publish()     # named in the manifest before it takes a row
         return shard
@@ -471,6 +478,8 @@ class ShardedIndex(SearchFront):
 
     # -- writes ---------------------------------------------------------------------------
     def _id_map(self):
+        """Node id -> (shard, key) of every live row. Only writes need it, so a process that
+        only searches never pays its memory (about 100 bytes a row)."""
         if self._where is None:
             where = {}
             for s in self.shards:
@@ -556,16 +565,14 @@ class ShardedIndex(SearchFront):
         drops shards left empty. Searches go on meanwhile; writes wait."""
         with self._lock:
             self._check_open()
-            self.wait_sealed()
+            # A shard still being sealed is not in the "sealed" state and is left alone.
             for old in list(self.shards):
                 if old.state == "sealed" and old.dead_count:
                     self._compact_one(old)
             self._where = None
 
     def _compact_one(self, old):
-        name = f"shard-{self._manifest['next_shard']:06d}"
-        self._manifest["next_shard"] += 1
-        new = Shard(self.directory, {"name": name, "state": "open"}, self.settings)
+        new = self._fresh_shard()
         rows = sidecar_rows(old.path("rows.vec"))
         for i in range(0, len(rows), _LOAD_CHUNK):
             chunk = rows[i:i + _LOAD_CHUNK]
