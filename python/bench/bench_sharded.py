@@ -63,10 +63,26 @@ def build(directory, rows, shard_rows, nlist, queries):
     during = latencies_while(s, queries, lambda: not sealing.done())
     s.wait_sealed()
     seal_s = time.perf_counter() - t0
-    s.add(rows[shard_rows:])
-    s.wait_sealed()
+    if len(rows) > shard_rows:
+        s.add(rows[shard_rows:])
+        s.wait_sealed()
     idle = latencies_while(s, queries, lambda: False, at_least=500)
     return s, seal_s, during, idle
+
+
+def resident_bytes():
+    with open("/proc/self/status") as f:
+        return next(int(l.split()[1]) * 1024 for l in f if l.startswith("VmRSS:"))
+
+
+def reopened(directory, queries, k):
+    """Resident bytes per row of the directory reopened from its files, after one batch on
+    each path has touched the pages a search needs."""
+    before = resident_bytes()
+    s = orve.ShardedIndex(directory)
+    for path in ("brute", "ivf", "paged"):
+        s.search_batch(queries, k, path=path)
+    return s, (resident_bytes() - before) / len(s)
 
 
 def dask_figures(directory, workers, queries, k, probes, truth):
@@ -109,6 +125,10 @@ def main():
         print(f"search p99 (path=auto, 1 query): {1e3 * np.percentile(during, 99):.2f} ms "
               f"while sealing ({len(during)} searches), "
               f"{1e3 * np.percentile(idle, 99):.2f} ms idle")
+        s.close()
+        s, per_row = reopened(directory, queries, a.k)
+        print(f"reopened: {per_row:.0f} resident bytes per row (flat int8 rows, node table, "
+              f"IVF, paged pages touched)")
         with s:
             truth = s.search_batch(queries, a.k, path="brute")[0]
             figures = {"local": measure(s, queries, a.k, probes, truth)}
