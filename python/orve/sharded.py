@@ -195,7 +195,8 @@ class Shard:
         return index
 
     def _load_ids(self):
-        keys = sidecar_rows(self.path("rows.vec"))["id"]
+        rows = sidecar_rows(self.path("rows.vec"))
+        keys = np.asarray(rows["id"][rows["live"] != 0])   # the rows the index holds
         self.n = int(keys.max()) if len(keys) else 0
         ids = np.fromfile(self.path("ids.u32"), dtype="<u4") if os.path.exists(
             self.path("ids.u32")) else np.zeros(0, np.uint32)
