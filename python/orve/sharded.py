@@ -25,6 +25,7 @@ indexes never go stale.
 
 from __future__ import annotations
 
+import fcntl
 import itertools
 import json
 import os
@@ -264,6 +265,10 @@ class Shard:
         """Builds the indexes and writes the paged file; the caller switches the manifest."""
         rows = len(self.index)
         b1, b2 = self.settings.get("hivf") or (_auto_branching(rows),) * 2
+        if b1 * b2 > rows:
+            # A compacted shard can hold fewer rows than the leaves asked for; the library
+            # would refuse the build, so this shard takes the size-derived branching.
+            b1 = b2 = _auto_branching(rows)
         seed = self.settings["seed"]
         self.index.build_hivf(b1, b2, seed)
         nlist = self.settings.get("nlist")
@@ -364,14 +369,21 @@ class ShardedIndex(SearchFront):
         self._lock = threading.RLock()       # adds, deletes, seals' manifest switches
         self._where = None                   # node id -> (shard, key), built on first write
         self._closed = False
-        given = {"shard_rows": shard_rows, "hivf": hivf, "nlist": nlist, "seed": seed}
-        self._manifest = self._load_or_create(given)
-        self.settings = self._manifest["settings"]
+        self._lock_fd = _lock_directory(self.directory)
+        self.shards = []
         self._pool = ThreadPoolExecutor(threads or min(32, os.cpu_count() or 1))
         self._sealer = ThreadPoolExecutor(1) if background_seal else None
         self._seals = []
-        self.shards = [Shard(self.directory, e, self.settings)
-                       for e in self._manifest["shards"]]
+        try:
+            given = {"shard_rows": shard_rows, "hivf": hivf, "nlist": nlist, "seed": seed}
+            self._manifest = self._load_or_create(given)
+            self.settings = self._manifest["settings"]
+            self._remove_orphans()
+            for entry in self._manifest["shards"]:
+                self.shards.append(Shard(self.directory, entry, self.settings))
+        except BaseException:
+            self.close()    # releases the shards opened so far and the directory lock
+            raise
         for shard in self.shards:
             if shard.state == "open" and shard.rows >= self.capacity:
                 self._start_seal(shard)      # full before a crash: seal it again
@@ -386,13 +398,27 @@ class ShardedIndex(SearchFront):
             return manifest
         rows = _u32(given["shard_rows"] or 1_000_000, "shard_rows", _MIN_BUILD_ROWS,
                     _MAX_ROWS)
-        settings = {"shard_rows": rows, "hivf": _norm(given["hivf"]),
+        hivf = given["hivf"]
+        if hivf is not None:
+            if len(hivf) != 2:
+                raise ValueError(f"hivf: expected (b1, b2), got {hivf!r}")
+            hivf = [_u32(b, "hivf", 1, rows) for b in hivf]
+        settings = {"shard_rows": rows, "hivf": hivf,
                     "nlist": given["nlist"] and _u32(given["nlist"], "nlist", 1),
                     "seed": _u32(1 if given["seed"] is None else given["seed"], "seed")}
         manifest = {"format": _FORMAT, "version": 1, "settings": settings, "shards": [],
                     "next_shard": 1}
         write_json_atomic(os.path.join(self.directory, MANIFEST), manifest)
         return manifest
+
+    def _remove_orphans(self):
+        """Shard directories the manifest does not name: a compaction's old shard whose
+        removal a crash cut short, or a new shard made before its manifest was written. A
+        shard takes rows only once named, so they hold no row that was acknowledged."""
+        named = {e["name"] for e in self._manifest["shards"]}
+        for name in os.listdir(self.directory):
+            if name.startswith("shard-") and name not in named:
+                shutil.rmtree(os.path.join(self.directory, name), ignore_errors=True)
 
     @property
     def capacity(self):
@@ -427,6 +453,7 @@ class ShardedIndex(SearchFront):
             self._pool.shutdown()
             if self._sealer:
                 self._sealer.shutdown()
+            os.close(self._lock_fd)
 
     def _check_open(self):
         if self._closed:
@@ -600,6 +627,18 @@ class ShardedIndex(SearchFront):
         self._check_open()
         return list(self._pool.map(lambda s: s.topk(queries, k, path, probes),
                                    list(self.shards)))
+
+
+def _lock_directory(directory):
+    """One writer per directory: a second one would hand out the same row keys and shard
+    names. The lock goes with the process, so a crash never leaves it behind."""
+    fd = os.open(os.path.join(directory, "lock"), os.O_RDWR | os.O_CREAT, 0o644)
+    try:
+        fcntl.flock(fd, fcntl.LOCK_EX | fcntl.LOCK_NB)
+    except BlockingIOError:
+        os.close(fd)
+        raise Error(f"{directory}: already open in a ShardedIndex (one writer at a time)")
+    return fd
 
 
 def _norm(value):

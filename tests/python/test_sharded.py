@@ -76,6 +76,10 @@ def test_deletes_updates_and_compaction_survive_reopen(data, sharded_dir):
             s.add(rows[:1], ids[5:6])            # a live id
         with pytest.raises(KeyError):
             s.delete([int(gone[0])])             # already gone
+        with pytest.raises(orve.Error):
+            orve.ShardedIndex(sharded_dir)       # a second writer
+    with pytest.raises(ValueError):
+        orve.ShardedIndex(sharded_dir, 2 * SHARD_ROWS)     # not the settings it was made with
     # A torn tombstone append (crash mid-write) is ignored on reopen.
     with open(sharded_dir / "shard-000001" / "dead.tmb", "ab") as f:
         f.write(b"OTMB\x01\x02")
