@@ -5,8 +5,9 @@ latency while a shard is being sealed. Prints figures; asserts nothing.
     PYTHONPATH=BUILD/python /usr/bin/python3 python/bench/bench_sharded.py \
         [--rows 30000] [--shards 3] [--queries 200] [--workers 1,2]
 
-Recall is against brute force over all shards (exact). The data are clustered synthetic rows
-and the queries perturbed rows, so that the index paths have neighbourhoods to find.
+Recall is against brute force over all shards (exact). Rows and queries are drawn from one
+Gaussian mixture (a centre per 1000 rows, N(0, I) centres and noise), so that the index paths
+have neighbourhoods to find.
 """
 
 import argparse
@@ -19,10 +20,10 @@ import numpy as np
 import orve
 
 
-def clustered(rng, n, centers, noise):
-    c = rng.standard_normal((centers, orve.DIM)).astype(np.float32)
-    pick = rng.integers(0, centers, n)
-    return (c[pick] + noise * rng.standard_normal((n, orve.DIM))).astype(np.float32)
+def clustered(rng, centres, n):
+    """Rows of a Gaussian mixture: a centre picked at random plus N(0, I) noise."""
+    pick = rng.integers(0, len(centres), n)
+    return (centres[pick] + rng.standard_normal((n, orve.DIM))).astype(np.float32)
 
 
 def recall(got, truth):
@@ -111,9 +112,9 @@ def main():
     nlist = a.nlist or max(1, int(shard_rows ** 0.5))
     probes = {"nprobe": a.nprobe or max(1, nlist // 16)}
     rng = np.random.default_rng(1)
-    rows = clustered(rng, a.rows, max(16, a.rows // 500), 0.6)
-    queries = rows[rng.integers(0, a.rows, a.queries)] + \
-        0.3 * rng.standard_normal((a.queries, orve.DIM)).astype(np.float32)
+    centres = rng.standard_normal((max(16, a.rows // 1000), orve.DIM)).astype(np.float32)
+    rows = clustered(rng, centres, a.rows)
+    queries = clustered(rng, centres, a.queries)
 
     with tempfile.TemporaryDirectory() as tmp:
         directory = a.dir or tmp
