@@ -12,7 +12,6 @@ have neighbourhoods to find.
 
 import argparse
 import tempfile
-import threading
 import time
 
 import numpy as np
