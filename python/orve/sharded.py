@@ -330,7 +330,9 @@ class SearchFront:
         """The k best live rows over all shards for each query: (ids (nq, k) int64, scores
         float32), padded with -1 / NaN. Shards not sealed yet are always searched exactly;
         ``path`` (as in Index.search) applies to sealed ones, so path="brute" gives exactly
-        the answer of one brute-force scan over all live rows."""
+        the answer of one brute-force scan over all live rows (when several rows tie exactly
+        at the k-th score, which of them is kept may differ: a single scan keeps the one it
+        met first, the merge the lower id)."""
         q = _float_rows(queries, "queries")
         k = _u32(k, "k", 1, _MAX_ROWS)
         if path not in _PATHS:
