@@ -164,6 +164,8 @@ class Shard:
         self.dead_count = 0
         self.writable = writable
         self._tomb_end = 0
+        self._users = 0                       # searches holding this shard
+        self._idle = threading.Condition()
         os.makedirs(self.dir, exist_ok=True)
         self.index = self._open_index()
         self._load_ids()
@@ -312,8 +314,20 @@ class Shard:
         ids = np.where(live, self.ids[np.maximum(k - 1, 0)].astype(np.int64), -1)
         return ids, np.where(live, scores, np.nan).astype(np.float32)
 
+    def hold(self):
+        with self._idle:
+            self._users += 1
+
+    def release(self):
+        with self._idle:
+            self._users -= 1
+            self._idle.notify_all()
+
     def close(self):
-        self.index.close()
+        """Closes the index once no search holds the shard any more."""
+        with self._idle:
+            self._idle.wait_for(lambda: self._users == 0)
+            self.index.close()
 
 
 def _auto_branching(rows):
@@ -369,6 +383,7 @@ class ShardedIndex(SearchFront):
         self.directory = os.fsdecode(os.fspath(directory))
         os.makedirs(self.directory, exist_ok=True)
         self._lock = threading.RLock()       # adds, deletes, seals' manifest switches
+        self._view = threading.Lock()        # the shard list as searches take it
         self._where = None                   # node id -> (shard, key), built on first write
         self._closed = False
         self._lock_fd = _lock_directory(self.directory)
@@ -592,7 +607,9 @@ class ShardedIndex(SearchFront):
 
     def compact(self):
         """Rewrites every sealed shard that has deleted rows with only its live rows, and
-        drops shards left empty. Searches go on meanwhile; writes wait."""
+        drops shards left empty. A shard left with fewer than 1000 rows (too few for an
+        index) stays unsealed and is searched exactly. Searches go on meanwhile; writes
+        wait."""
         with self._lock:
             self._check_open()
             # A shard still being sealed is not in the "sealed" state and is left alone.
@@ -616,9 +633,10 @@ class ShardedIndex(SearchFront):
         shards = [s for s in self.shards if s is not old]
         if new.rows:
             shards.insert(self.shards.index(old), new)
-        self.shards = shards
+        with self._view:
+            self.shards = shards
         self._publish()
-        old.close()
+        old.close()     # after the searches that still hold it
         if not new.rows:
             new.close()
             shutil.rmtree(new.dir, ignore_errors=True)
@@ -626,9 +644,19 @@ class ShardedIndex(SearchFront):
 
     # -- search ---------------------------------------------------------------------------
     def _partials(self, queries, k, path, probes):
-        self._check_open()
-        return list(self._pool.map(lambda s: s.topk(queries, k, path, probes),
-                                   list(self.shards)))
+        # The list and a hold on each of its shards are taken together, so a compaction
+        # that swaps a shard meanwhile cannot close one this search is about to read; the
+        # search sees either the old shard or its replacement, never neither.
+        with self._view:
+            self._check_open()
+            shards = list(self.shards)
+            for shard in shards:
+                shard.hold()
+        try:
+            return list(self._pool.map(lambda s: s.topk(queries, k, path, probes), shards))
+        finally:
+            for shard in shards:
+                shard.release()
 
 
 def _lock_directory(directory):
