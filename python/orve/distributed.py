@@ -21,6 +21,7 @@ from __future__ import annotations
 
 import os
 import threading
+import uuid
 
 from distributed import get_worker
 
@@ -32,7 +33,9 @@ _LOCK = threading.Lock()
 
 
 def _worker_shards():
-    """Shards open in this worker process, keyed by (directory, shard name)."""
+    """Shards open in this worker process: {(serve token, shard name): Shard}. Each serve()
+    call has its own token, so serving a directory again reads its files again instead of
+    reusing a tail opened when it had fewer rows."""
     worker = get_worker()
     with _LOCK:
         if not hasattr(worker, "_orve_shards"):
@@ -40,34 +43,32 @@ def _worker_shards():
         return worker._orve_shards
 
 
-def _shard(directory, entry, settings):
+def _shard(token, directory, entry, settings):
     shards = _worker_shards()
-    key = (directory, entry["name"])
     with _LOCK:
-        shard = shards.get(key)
+        shard = shards.get((token, entry["name"]))
         if shard is None:
-            shard = shards[key] = Shard(directory, entry, settings, writable=False)
+            shard = Shard(directory, entry, settings, writable=False)
+            shards[(token, entry["name"])] = shard
     return shard
 
 
-def _open(directory, entry, settings):
-    _shard(directory, entry, settings)
+def _open(token, directory, entry, settings):
+    _shard(token, directory, entry, settings)
     return entry["name"]
 
 
-def _topk(directory, entry, settings, queries, k, path, probes):
-    shard = _shard(directory, entry, settings)
+def _topk(token, directory, entry, settings, queries, k, path, probes):
+    shard = _shard(token, directory, entry, settings)
     shard.refresh_tombstones()
     return shard.topk(queries, k, path, probes)
 
 
-def _close(directory, names):
+def _close(token):
     shards = _worker_shards()
     with _LOCK:
-        for name in names:
-            shard = shards.pop((directory, name), None)
-            if shard is not None:
-                shard.close()
+        for key in [key for key in shards if key[0] == token]:
+            shards.pop(key).close()
 
 
 class ServedIndex(SearchFront):
@@ -75,6 +76,7 @@ class ServedIndex(SearchFront):
 
     def __init__(self, client, directory):
         self._client = client
+        self._token = uuid.uuid4().hex
         self.directory = os.path.abspath(os.fsdecode(os.fspath(directory)))
         manifest = read_manifest(self.directory)
         self.settings = manifest["settings"]
@@ -84,12 +86,17 @@ class ServedIndex(SearchFront):
         # Round robin in manifest order: consecutive shards (similar sizes) spread evenly.
         self.placement = [(entry, workers[i % len(workers)])
                           for i, entry in enumerate(manifest["shards"])]
-        client.gather([self._submit(_open, entry, worker)
-                       for entry, worker in self.placement])
+        try:
+            client.gather([self._submit(_open, entry, worker)
+                           for entry, worker in self.placement])
+        except BaseException:
+            self.close()        # the shards that did open
+            raise
 
     def _submit(self, fn, entry, worker, *args):
-        return self._client.submit(fn, self.directory, entry, self.settings, *args,
-                                   workers=[worker], allow_other_workers=False, pure=False)
+        return self._client.submit(fn, self._token, self.directory, entry, self.settings,
+                                   *args, workers=[worker], allow_other_workers=False,
+                                   pure=False)
 
     def _partials(self, queries, k, path, probes):
         if not self.placement:
@@ -103,13 +110,10 @@ class ServedIndex(SearchFront):
 
     def close(self):
         """Closes the shards on their workers."""
-        by_worker = {}
-        for entry, worker in self.placement:
-            by_worker.setdefault(worker, []).append(entry["name"])
-        self._client.gather([
-            self._client.submit(_close, self.directory, names, workers=[w],
-                                allow_other_workers=False, pure=False)
-            for w, names in by_worker.items()])
+        workers = {w for _, w in self.placement}
+        self._client.gather([self._client.submit(_close, self._token, workers=[w],
+                                                 allow_other_workers=False, pure=False)
+                             for w in workers])
         self.placement = []
 
     def __enter__(self):

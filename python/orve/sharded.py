@@ -152,7 +152,7 @@ class Shard:
     rows are read from the sidecar and loaded into a private index (used by serving
     processes that share the directory with a writer)."""
 
-    def __init__(self, directory, entry, settings, writable=True):
+    def __init__(self, directory, entry, settings, writable=True, create=False):
         self.dir = os.path.join(directory, entry["name"])
         self.name = entry["name"]
         self.state = entry["state"]
@@ -166,7 +166,13 @@ class Shard:
         self._tomb_end = 0
         self._users = 0                       # searches holding this shard
         self._idle = threading.Condition()
-        os.makedirs(self.dir, exist_ok=True)
+        if create:
+            os.makedirs(self.dir)
+        elif not os.path.exists(self.path("rows.vec")):
+            # A shard the manifest names always has its sidecar (made with the shard). Seen
+            # missing, e.g. on a worker where the directory is not shared, it must not be
+            # served as an empty shard: its rows would silently drop out of every answer.
+            raise Error(f"{self.path('rows.vec')}: missing (is the directory shared?)")
         self.index = self._open_index()
         self._load_ids()
         self.refresh_tombstones()
@@ -489,7 +495,8 @@ class ShardedIndex(SearchFront):
         name = f"shard-{self._manifest['next_shard']:06d}"
         self._manifest["next_shard"] += 1
         shutil.rmtree(os.path.join(self.directory, name), ignore_errors=True)
-        return Shard(self.directory, {"name": name, "state": "open"}, self.settings)
+        return Shard(self.directory, {"name": name, "state": "open"}, self.settings,
+                     create=True)
 
     def _new_shard(self):
         shard = self._fresh_shard()

@@ -141,3 +141,7 @@ def test_dask_cluster_answers_like_the_local_index(data, sharded_dir):
             s.delete(local["brute"][0][:, 0])
             want = s.search_batch(queries, 10, path="brute")
         assert_same(served.search_batch(queries, 10, path="brute"), want)
+        # A worker that cannot read a shard refuses rather than serve without its rows.
+        (sharded_dir / "shard-000002" / "rows.vec").rename(sharded_dir / "moved.vec")
+        with pytest.raises(orve.Error, match="missing"):
+            orve.distributed.serve(client, sharded_dir)
