@@ -23,7 +23,7 @@ run_leg "x86-64" build/release -DCMAKE_BUILD_TYPE=RelWithDebInfo
 # collect and pass tests: any nonzero exit, including 5 (nothing collected), fails the run.
 echo
 echo "=== x86-64, Python package (pytest) ==="
-ensure_packages python3-dev python3-numpy pybind11-dev python3-pytest
+ensure_packages python3-dev python3-numpy pybind11-dev python3-pytest python3-distributed
 build_tree build/release -DCMAKE_BUILD_TYPE=RelWithDebInfo -DORVE_BUILD_PYTHON=ON \
     -DPython3_EXECUTABLE=/usr/bin/python3
 if ! compgen -G "build/release/python/orve/_core*.so" >/dev/null; then

@@ -485,3 +485,5 @@ def hrr_atom(seed, role, name):
 def hrr_encode(seed, subject, relation, obj):
     """Unit-length float32[512] HRR vector of the fact (subject, relation, object)."""
     return _core.hrr_encode(_seed(seed), str(subject), str(relation), str(obj))
+
+from .sharded import ShardedIndex  # noqa: E402  (needs Index defined above)

@@ -1,0 +1,147 @@
+"""ShardedIndex against one brute-force orve.Index over the same live rows: fan-out and merge,
+deletes and updates across a reopen, a crash inside a seal, and serving on a Dask cluster."""
+
+import json
+import os
+import subprocess
+import sys
+
+import numpy as np
+import pytest
+
+import orve
+from conftest import unit_rows
+
+SHARD_ROWS = 1000      # the smallest shard that can still be sealed (index builds need 1000)
+
+
+def reference(rows, ids, queries, k):
+    """One brute-force scan over all rows: the answer the shards must give together."""
+    with orve.Index(capacity=len(rows) + 1) as ix:
+        ix.add(rows, ids=ids)
+        return ix.search_batch(queries, k, path="brute")
+
+
+def assert_same(got, want):
+    np.testing.assert_array_equal(got[0], want[0])
+    np.testing.assert_array_equal(got[1], want[1])
+
+
+@pytest.fixture(scope="module")
+def data():
+    rng = np.random.default_rng(7)
+    rows = unit_rows(rng, 2600)
+    ids = rng.permutation(np.arange(1, 50_000))[:len(rows)].astype(np.uint32)
+    return rows, ids, unit_rows(rng, 9)
+
+
+@pytest.fixture
+def sharded_dir(data, tmp_path):
+    """Two sealed shards and an open tail of 600 rows."""
+    rows, ids, _ = data
+    with orve.ShardedIndex(tmp_path / "idx", SHARD_ROWS, hivf=(4, 4), nlist=16) as s:
+        s.add(rows[:1500], ids[:1500])          # spans a shard boundary
+        s.add(rows[1500:], ids[1500:])
+        s.wait_sealed()
+        assert [sh.state for sh in s.shards] == ["sealed", "sealed", "open"]
+    return tmp_path / "idx"
+
+
+@pytest.mark.parametrize("k", [1, 10, 700])
+def test_brute_force_over_shards_equals_one_scan(data, sharded_dir, k):
+    rows, ids, queries = data
+    with orve.ShardedIndex(sharded_dir) as s:
+        assert len(s) == len(rows)
+        assert_same(s.search_batch(queries, k, path="brute"), reference(rows, ids, queries, k))
+        one_ids, one_scores = s.search(queries[3], k, path="brute")
+        assert_same((one_ids[None], one_scores[None]), reference(rows, ids, queries[3:4], k))
+        for path in ("ivf", "paged", "auto"):    # index paths answer with real, distinct ids
+            got = s.search_batch(queries, k, path=path)[0]
+            assert np.isin(got, ids).all() and all(len(set(r)) == k for r in got)
+
+
+def test_deletes_updates_and_compaction_survive_reopen(data, sharded_dir):
+    rows, ids, queries = data
+    rows, ids = rows.copy(), ids.astype(np.int64)
+    with orve.ShardedIndex(sharded_dir) as s:
+        best = s.search_batch(queries, 30, path="brute")[0]
+        # Query 0 loses its 30 best rows: every shard's first candidates are dead.
+        gone = np.unique(np.concatenate([best[0], best[:, :3].ravel(), ids[[0, 1100, 2500]]]))
+        s.delete(gone)
+        # One update in a sealed shard, one in the tail, the tail one twice.
+        for pos, q in ((10, 0), (2550, 1), (2550, 2)):
+            s.update(int(ids[pos]), queries[q])
+            rows[pos] = queries[q]
+        with pytest.raises(ValueError):
+            s.add(rows[:1], ids[5:6])            # a live id
+        with pytest.raises(KeyError):
+            s.delete([int(gone[0])])             # already gone
+        with pytest.raises(orve.Error):
+            orve.ShardedIndex(sharded_dir)       # a second writer
+    with pytest.raises(ValueError):
+        orve.ShardedIndex(sharded_dir, 2 * SHARD_ROWS)     # not the settings it was made with
+    # A torn tombstone append (crash mid-write) is ignored on reopen.
+    with open(sharded_dir / "shard-000001" / "dead.tmb", "ab") as f:
+        f.write(b"OTMB\x01\x02")
+    keep = ~np.isin(ids, gone)
+    want = reference(rows[keep], ids[keep], queries, 12)
+    with orve.ShardedIndex(sharded_dir) as s:
+        assert len(s) == keep.sum()
+        assert_same(s.search_batch(queries, 12, path="brute"), want)
+        s.compact()
+        assert all(sh.dead_count == 0 for sh in s.shards if sh.state == "sealed")
+        assert_same(s.search_batch(queries, 12, path="brute"), want)
+    with orve.ShardedIndex(sharded_dir) as s:
+        assert_same(s.search_batch(queries, 12, path="brute"), want)
+
+
+def test_crash_between_seal_write_and_manifest_switch(data, tmp_path):
+    rows, ids, queries = data
+    directory = tmp_path / "idx"
+    np.save(tmp_path / "rows.npy", rows[:1200])
+    np.save(tmp_path / "ids.npy", ids[:1200])
+    # Sealing in the adding thread makes the crash point deterministic: the first 1000 rows
+    # are in, the seal of their shard is written, the last 200 never arrive.
+    child = (f"import numpy as np, orve\n"
+             f"s = orve.ShardedIndex({str(directory)!r}, {SHARD_ROWS}, hivf=(4, 4), "
+             f"background_seal=False)\n"
+             f"s.add(np.load({str(tmp_path / 'rows.npy')!r}), "
+             f"np.load({str(tmp_path / 'ids.npy')!r}))\n"
+             f"s.close()\n")
+    env = dict(os.environ, ORVE_SHARDED_CRASH_AT="seal-written")
+    proc = subprocess.run([sys.executable, "-c", child], env=env, capture_output=True)
+    assert proc.returncode == 86, proc.stderr.decode()
+    assert (directory / "shard-000001" / "index.ivfp").exists()    # written, not switched
+    manifest = json.loads((directory / "manifest.json").read_text())
+    assert [e["state"] for e in manifest["shards"]] == ["open"]
+    want = reference(rows[:1000], ids[:1000], queries, 10)
+    with orve.ShardedIndex(directory) as s:
+        assert_same(s.search_batch(queries, 10, path="brute"), want)
+        s.wait_sealed()                            # the full shard is sealed again
+        assert s.shards[0].state == "sealed"
+    manifest = json.loads((directory / "manifest.json").read_text())
+    assert [e["state"] for e in manifest["shards"]] == ["sealed"]
+
+
+def test_dask_cluster_answers_like_the_local_index(data, sharded_dir):
+    distributed = pytest.importorskip("distributed")
+    import orve.distributed
+    _, ids, queries = data
+    with orve.ShardedIndex(sharded_dir) as s:
+        s.delete(ids[[3, 1200, 2400]])
+        local = {p: s.search_batch(queries, 10, path=p) for p in ("brute", "ivf", "paged")}
+    with distributed.LocalCluster(n_workers=2, processes=True, threads_per_worker=1,
+                                  dashboard_address=None) as cluster, \
+            distributed.Client(cluster) as client, \
+            orve.distributed.serve(client, sharded_dir) as served:
+        assert len({w for _, w in served.placement}) == 2
+        for path, want in local.items():
+            assert_same(served.search_batch(queries, 10, path=path), want)
+        with orve.ShardedIndex(sharded_dir) as s:     # a delete made while serving
+            s.delete(local["brute"][0][:, 0])
+            want = s.search_batch(queries, 10, path="brute")
+        assert_same(served.search_batch(queries, 10, path="brute"), want)
+        # A worker that cannot read a shard refuses rather than serve without its rows.
+        (sharded_dir / "shard-000002" / "rows.vec").rename(sharded_dir / "moved.vec")
+        with pytest.raises(orve.Error, match="missing"):
+            orve.distributed.serve(client, sharded_dir)
