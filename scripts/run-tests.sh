@@ -11,7 +11,7 @@ run_leg() {
     shift 2
     echo
     echo "=== $title ==="
-    build_tree "$dir" "$@"
+    build_tree "$dir" -DORVE_WERROR=ON "$@"
     ctest --test-dir "$dir" --output-on-failure -j "$JOBS" --timeout 900
 }
 
@@ -24,7 +24,7 @@ run_leg "x86-64" build/release -DCMAKE_BUILD_TYPE=RelWithDebInfo
 echo
 echo "=== x86-64, Python package (pytest) ==="
 ensure_packages python3-dev python3-numpy pybind11-dev python3-pytest
-build_tree build/release -DCMAKE_BUILD_TYPE=RelWithDebInfo -DORVE_BUILD_PYTHON=ON \
+build_tree build/release -DORVE_WERROR=ON -DCMAKE_BUILD_TYPE=RelWithDebInfo -DORVE_BUILD_PYTHON=ON \
     -DPython3_EXECUTABLE=/usr/bin/python3
 if ! compgen -G "build/release/python/orve/_core*.so" >/dev/null; then
     echo "the orve extension was not built (see build/release/build.log)" >&2
@@ -37,7 +37,7 @@ run_leg "x86-64, AddressSanitizer + UndefinedBehaviorSanitizer" build/sanitize \
     -DCMAKE_BUILD_TYPE=RelWithDebInfo -DORVE_SANITIZE=ON -DORVE_BUILD_BENCH=OFF
 echo
 echo "=== x86-64, ThreadSanitizer (concurrency tests) ==="
-BUILD_TARGETS=test_concurrency build_tree build/tsan -DCMAKE_BUILD_TYPE=RelWithDebInfo -DORVE_TSAN=ON -DORVE_BUILD_BENCH=OFF
+BUILD_TARGETS=test_concurrency build_tree build/tsan -DORVE_WERROR=ON -DCMAKE_BUILD_TYPE=RelWithDebInfo -DORVE_TSAN=ON -DORVE_BUILD_BENCH=OFF
 ctest --test-dir build/tsan --output-on-failure -L concurrency --timeout 900
 run_leg "aarch64 (cross-compiled, run under qemu-aarch64 -cpu max)" build/aarch64 \
     -DCMAKE_BUILD_TYPE=RelWithDebInfo -DORVE_BUILD_BENCH=OFF \

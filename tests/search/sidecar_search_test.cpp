@@ -131,7 +131,7 @@ TEST_F(SidecarSearch, RerankKeepsInt8ScoreForUnreadableOrZeroRows) {
     for (int i = 0; i < 512; ++i) v[i] = (i % 5) - 2.0f;
     ASSERT_EQ(semantic_vector_indexing_system_load_vectors_f32(b.get(), v.data(), 3), 3);
     bf_topk_entry c[3] = {{0.80f, 1, 0, 0, 0}, {0.79f, 2, 0, 0, 1}, {0.5f, 3, 0, 0, 57}};
-    rerank_from_sidecar(c, 3, v.data(), b.get()->sidecar);
+    rerank_from_sidecar(c, 3, v.data(), b.get());
     // Row 0 is the query itself (exact cosine 1); row 1 is all zero and row 57 does not
     // exist, so both keep their int8 scores.
     EXPECT_EQ(c[0].row, 0u);
@@ -141,7 +141,7 @@ TEST_F(SidecarSearch, RerankKeepsInt8ScoreForUnreadableOrZeroRows) {
     EXPECT_EQ(c[2].row, 57u);
     // Null query or sidecar: untouched.
     bf_topk_entry d[2] = {{0.1f, 1, 0, 0, 0}, {0.9f, 2, 0, 0, 1}};
-    rerank_from_sidecar(d, 2, nullptr, b.get()->sidecar);
+    rerank_from_sidecar(d, 2, nullptr, b.get());
     EXPECT_EQ(d[0].score, 0.1f);
 }
 
