@@ -4,6 +4,7 @@
 #include <signal.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <gtest/gtest.h>
@@ -15,7 +16,9 @@
 #include <string>
 #include <vector>
 
+#include "core/system.h"
 #include "semantic_vector_indexing.h"
+#include "support/system_fixture.h"
 
 namespace {
 
@@ -267,6 +270,43 @@ TEST_F(SidecarFile, AppendThatFailsLeavesNoPartialRowBehind) {
     ASSERT_EQ(orve_vec_sidecar_append(h, 3, vec(3).data()), 0);
     orve_vec_sidecar_close(h);
     EXPECT_EQ(read_file(p), cat({one, row(3, 1, vec(3))}));
+}
+
+// One writer at a time: while a handle or an attachment holds the file, opening it again, from
+// this process or another, fails and leaves it untouched; close releases it.
+TEST_F(SidecarFile, SecondWriterIsRefusedUntilTheFirstCloses) {
+    const std::string p = path("locked.vec");
+    orve_vec_sidecar* h = nullptr;
+    ASSERT_EQ(orve_vec_sidecar_open(p.c_str(), &h), 0);
+    ASSERT_EQ(orve_vec_sidecar_append(h, 1, vec(1).data()), 0);
+    const bytes one = cat({kFreshHeader, row(1, 1, vec(1))});
+
+    orve_vec_sidecar* second = nullptr;
+    EXPECT_EQ(orve_vec_sidecar_open(p.c_str(), &second), -1);
+    EXPECT_EQ(second, nullptr);
+    {
+        orve_test::system_block b;
+        ASSERT_EQ(orve_test::create_with_capacity(b.get(), "8"), 0);
+        EXPECT_EQ(semantic_vector_indexing_system_open_sidecar(b.get(), p.c_str()), -1);
+        EXPECT_EQ(b.get()->node_count, 0u);  // nothing replayed either
+    }
+    const pid_t child = fork();
+    ASSERT_GE(child, 0);
+    if (child == 0) {
+        orve_vec_sidecar* c = nullptr;
+        _exit(orve_vec_sidecar_open(p.c_str(), &c) == -1 ? 0 : 1);
+    }
+    int status = 0;
+    ASSERT_EQ(waitpid(child, &status, 0), child);
+    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << "another process opened it";
+    EXPECT_EQ(read_file(p), one);
+
+    orve_vec_sidecar_close(h);
+    orve_test::system_block b;
+    ASSERT_EQ(orve_test::create_with_capacity(b.get(), "8"), 0);
+    ASSERT_EQ(semantic_vector_indexing_system_open_sidecar(b.get(), p.c_str()), 0);
+    EXPECT_EQ(b.get()->node_count, 1u);
+    EXPECT_EQ(orve_vec_sidecar_open(p.c_str(), &second), -1);  // the attachment holds it now
 }
 
 TEST_F(SidecarFile, RowStillBeingWrittenIsNotReadPastTheEndOfFile) {
