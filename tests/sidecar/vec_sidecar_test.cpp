@@ -30,8 +30,10 @@ constexpr size_t kRow = 2056;
 const bytes kFreshHeader = {'O', 'R', 'V', 'E', 'V', 'E', 'C', 'A', 1, 0, 0, 0, 0, 2, 0, 0,
                             8,   8,   0,   0,   0,   0,   0,   0,   0, 0, 0, 0, 0, 0, 0, 0};
 
-void put_le32(bytes& b, uint32_t v) {
-    for (int i = 0; i < 4; ++i) b.push_back(static_cast<uint8_t>(v >> (8 * i)));
+// Fields are stored into buffers sized up front: growing a vector byte by byte here made GCC 12
+// report a false buffer overflow in optimised builds.
+void put_le32(bytes& b, size_t at, uint32_t v) {
+    for (size_t i = 0; i < 4; ++i) b[at + i] = static_cast<uint8_t>(v >> (8 * i));
 }
 
 uint32_t bits(float f) {
@@ -41,19 +43,19 @@ uint32_t bits(float f) {
 }
 
 bytes header(const char* magic, uint32_t version, uint32_t dim, uint32_t row_bytes) {
-    bytes b(magic, magic + 8);
-    put_le32(b, version);
-    put_le32(b, dim);
-    put_le32(b, row_bytes);
-    b.resize(32, 0);
+    bytes b(32, 0);
+    std::memcpy(b.data(), magic, 8);
+    put_le32(b, 8, version);
+    put_le32(b, 12, dim);
+    put_le32(b, 16, row_bytes);
     return b;
 }
 
 bytes row(uint32_t id, uint8_t live, const std::vector<float>& v) {
-    bytes b;
-    put_le32(b, id);
-    b.insert(b.end(), {live, 0, 0, 0});
-    for (float f : v) put_le32(b, bits(f));
+    bytes b(8 + 4 * v.size(), 0);
+    put_le32(b, 0, id);
+    b[4] = live;
+    for (size_t i = 0; i < v.size(); ++i) put_le32(b, 8 + 4 * i, bits(v[i]));
     return b;
 }
 
