@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
 # The whole test suite: the x86-64 build, the same tests under AddressSanitizer and
 # UndefinedBehaviorSanitizer, the concurrency tests under ThreadSanitizer, and the aarch64 cross
-# build run under qemu, then 60 seconds of fuzzing the paged index reader.
+# build run under qemu, then 60 seconds of fuzzing the paged index and sidecar readers.
 source "$(dirname "$0")/common.sh"
 ensure_packages cmake ninja-build g++ libgtest-dev googletest g++-aarch64-linux-gnu qemu-user
 
