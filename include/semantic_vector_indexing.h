@@ -221,7 +221,9 @@ ORVE_API uint64_t semantic_vector_indexing_system_get_ivf_generation(
 ORVE_API uint64_t semantic_vector_indexing_system_get_ivf_built_generation(
     semantic_vector_indexing_system* sys);
 
-/* Ingestion. Rows are filled in order; every failure leaves no trace. */
+/* Ingestion. Rows are filled in order; every failure leaves no trace. With a sidecar attached,
+ * each committed row is also appended to it; a failed append does not fail the call (see
+ * semantic_vector_indexing_system_open_sidecar for how a host detects it). */
 ORVE_API int semantic_vector_indexing_system_add_embedding_orve512(
     semantic_vector_indexing_system* sys, uint32_t node_id, const float* vec);
 /* n vectors of 512 floats back to back, identifiers 1-based row positions. Returns -1 when a
