@@ -24,8 +24,8 @@ run_leg "x86-64" build/release -DCMAKE_BUILD_TYPE=RelWithDebInfo
 echo
 echo "=== x86-64, Python package (pytest) ==="
 ensure_packages python3-dev python3-numpy pybind11-dev python3-pytest
-build_tree build/release -DORVE_WERROR=ON -DCMAKE_BUILD_TYPE=RelWithDebInfo -DORVE_BUILD_PYTHON=ON \
-    -DPython3_EXECUTABLE=/usr/bin/python3
+build_tree build/release -DORVE_WERROR=ON -DCMAKE_BUILD_TYPE=RelWithDebInfo \
+    -DORVE_BUILD_PYTHON=ON -DPython3_EXECUTABLE=/usr/bin/python3
 if ! compgen -G "build/release/python/orve/_core*.so" >/dev/null; then
     echo "the orve extension was not built (see build/release/build.log)" >&2
     exit 1
