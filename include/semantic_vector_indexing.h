@@ -221,7 +221,9 @@ ORVE_API uint64_t semantic_vector_indexing_system_get_ivf_generation(
 ORVE_API uint64_t semantic_vector_indexing_system_get_ivf_built_generation(
     semantic_vector_indexing_system* sys);
 
-/* Ingestion. Rows are filled in order; every failure leaves no trace. */
+/* Ingestion. Rows are filled in order; every failure leaves no trace. With a sidecar attached,
+ * each committed row is also appended to it; a failed append does not fail the call (see
+ * semantic_vector_indexing_system_open_sidecar for how a host detects it). */
 ORVE_API int semantic_vector_indexing_system_add_embedding_orve512(
     semantic_vector_indexing_system* sys, uint32_t node_id, const float* vec);
 /* n vectors of 512 floats back to back, identifiers 1-based row positions. Returns -1 when a
@@ -241,14 +243,32 @@ ORVE_API int semantic_vector_indexing_system_evict_flat_slab(semantic_vector_ind
 ORVE_API int orve_flat_index_ensure(semantic_vector_indexing_system* sys);
 ORVE_API void orve_flat_index_free(semantic_vector_indexing_system* sys);
 
-/* Replays the file's rows through ingestion, then keeps it open for appending. */
+/* Replays the file's rows through ingestion, then keeps it open for appending: every row
+ * ingested afterwards (add_embedding_orve512, load_vectors_f32) is appended to the file, in row
+ * order. The file is opened first, with orve_vec_sidecar_open and its exclusive lock, held
+ * until the object is destroyed or attached to another file: attaching a file that another
+ * handle or attachment holds (in this process or another) returns -1 before a row is read,
+ * and the file is neither truncated nor written. Any previous attachment is closed first.
+ *
+ * A failed append (disk full, I/O error) does not fail the ingestion: the row stays in memory.
+ * It ends the attachment's use of the file: no later row is appended to it and searches no
+ * longer re-rank from it, while the file keeps every whole row it had, each at its own
+ * position (a restart brings back exactly those rows). A host detects this by the file's
+ * whole-row count, (file size - 32) / 2056: when an ingestion call adds fewer rows to the file
+ * than it ingested, an append failed, and the file receives no more rows until it is attached
+ * again. Re-ranking reads each row's own vector from the file; rows the file does not hold
+ * (ingested before the attach or without a vector) keep their int8 scores, and dead rows of
+ * the file are skipped without shifting any other row. */
 ORVE_API int semantic_vector_indexing_system_open_sidecar(semantic_vector_indexing_system* sys,
                                                           const char* path);
 
 /* Paged index attachment. build_ivf_paged writes the published H-IVF (with the node
  * identifiers of its rows) to path, attaches the file, and frees the H-IVF's in-memory rows;
  * open_ivf_paged attaches an existing file. Searches that ask for the H-IVF use an attached file
- * first. The previous file is closed once no search uses it. 0, or -1 (nothing changes). */
+ * first. The previous file is closed once no search uses it. 0, or -1 (nothing changes). Only
+ * an H-IVF whose b1 and b2 are at most ORVE_PAGED_MAX_BRANCHING can be paged; any other is
+ * refused before a file is touched. An attached file is replaced only by renaming a new file
+ * over its path, never rewritten or truncated in place (see orve_ivf_paged_build). */
 ORVE_API int semantic_vector_indexing_system_build_ivf_paged(semantic_vector_indexing_system* sys,
                                                              const char* path);
 ORVE_API int semantic_vector_indexing_system_open_ivf_paged(semantic_vector_indexing_system* sys,
@@ -447,6 +467,10 @@ ORVE_API int orve_hivf_route_top_leaves(const orve_hivf_index* index, const floa
 /* Largest b1 and b2 that orve_ivf_paged_open accepts: a search keeps its per-query scratch in
  * fixed tables of this many entries and allocates nothing. */
 #define ORVE_IVF_PAGED_MAX_B 64
+/* The same limit, as the writer states it: only an H-IVF whose b1 and b2 are both at most
+ * ORVE_PAGED_MAX_BRANCHING can be paged (orve_ivf_paged_build refuses any other with -1 before
+ * touching a file). */
+#define ORVE_PAGED_MAX_BRANCHING ORVE_IVF_PAGED_MAX_B
 
 /* An open paged index. Every pointer points into the read-only shared mapping of the file;
  * nothing of the file is copied. Allocated by orve_ivf_paged_open, freed by
@@ -485,11 +509,17 @@ struct bf_topk_entry;
  * mapping of path + ".tmp", flushed, and renamed over path; a failure never leaves a partial
  * file under path and removes the temporary file. node_ids[k] is the node identifier of global
  * row k and must cover every row id the H-IVF holds. Prints one "[IVF_PAGED] wrote" line on
- * standard output. 0 on success; -1 for a null argument, b1 or b2 of 0, an H-IVF whose arrays
- * do not match its counts, or a path too long for the temporary name (nothing touched); -2
- * when the temporary file cannot be created, sized or mapped, or the rename fails (with a
- * message on standard error); -3 when memory runs out. Concurrent builds to one path are
- * serialised. */
+ * standard output. 0 on success; -1 for a null argument, b1 or b2 of 0, b1 or b2 above
+ * ORVE_PAGED_MAX_BRANCHING, an H-IVF whose arrays do not match its counts, or a path too long
+ * for the temporary name (nothing touched); -2 when the temporary file cannot be created, sized
+ * or mapped, or the rename fails (with a message on standard error), or when flushing it to
+ * storage (msync, fdatasync) fails (no message); -3 when memory runs out. After any failure
+ * path is as it was and the temporary file is gone. Concurrent builds to one path are
+ * serialised.
+ *
+ * A file that is attached (opened for searching) is trusted after open: it must be replaced
+ * only by renaming a new file over it, as this function does, never rewritten, truncated or
+ * copied over in place; the host would die of SIGBUS or SIGSEGV on its next search. */
 ORVE_API int32_t orve_ivf_paged_build(const orve_hivf_index* hivf, const uint32_t* node_ids,
                                       const char* path);
 
@@ -556,13 +586,17 @@ typedef int32_t (*orve_vec_sidecar_row_cb)(uint32_t id, const float* values, voi
 /* Opens path for appending, creating it (mode 0644) with a fresh header when it does not exist
  * and reinitialising it, rows discarded, when its header does not validate. A trailing partial
  * row (left by a crash during an append) is cut off, so every complete row keeps its number.
- * 0 with *out_handle set, or -1 with nothing allocated and *out_handle untouched (also for a
- * path that is not a regular file); the file may already have been created or reset then. */
+ * The handle holds an exclusive advisory lock, flock(LOCK_EX | LOCK_NB), on its own open file
+ * description until close, taken before anything is read, cut or written: while one handle
+ * holds it, opening the file again (from this process or another) returns -1 and leaves the
+ * file untouched. 0 with *out_handle set, or -1 with nothing allocated and *out_handle
+ * untouched (also for a path that is not a regular file); the file may already have been
+ * created or reset then. */
 ORVE_API int32_t orve_vec_sidecar_open(const char* path, orve_vec_sidecar** out_handle);
 
 /* Appends one row (id nonzero, values 512 floats). 0 when the whole row was written, else -1;
- * a write that fails partway is undone back to the previous row boundary. Not flushed to
- * storage until close. */
+ * a write that fails partway is undone back to the previous row boundary (when that cut fails
+ * too, the next open drops the partial row). Not flushed to storage until close. */
 ORVE_API int32_t orve_vec_sidecar_append(orve_vec_sidecar* handle, uint32_t id,
                                          const float* values);
 

@@ -5,6 +5,7 @@
 #include <cstdlib>
 #include <ctime>
 
+#include "core/sidecar_attachment.h"
 #include "core/system.h"
 #include "quant/dot512_kernels.h"
 
@@ -49,12 +50,32 @@ int write_row(semantic_vector_indexing_system* sys, uint32_t r, uint32_t node_id
     return 0;
 }
 
-void commit_row(semantic_vector_indexing_system* sys, uint32_t node_id, const float* vec) {
+// Appends row r to the attached sidecar, under the lock so rows reach the file in row order.
+// A failed append does not undo the row: it is in memory, only missing from the file. It
+// stops the attachment for good, though: the file keeps its whole rows, each at its own
+// position, and no later row is written at the position this one should have had, nor is
+// the file read for re-ranking any more. The host sees it as a file that got fewer rows than
+// were ingested.
+void append_to_sidecar(semantic_vector_indexing_system* sys, uint32_t r, uint32_t node_id,
+                       const float* vec) {
+    if (sys->sidecar == nullptr) return;
+    orve::sidecar_attachment* a = orve::attachment_of(sys->sidecar);
+    if (a->stopped.load(std::memory_order_relaxed) != 0) return;
+    if (a->file_rows != orve::kNoFileRow &&
+        orve_vec_sidecar_append(sys->sidecar, node_id, vec) == 0) {
+        a->file_row[r] = a->file_rows++;
+    } else {
+        a->stopped.store(1, std::memory_order_release);
+    }
+}
+
+// The row's file position is recorded before the row count publishes the row, so a search
+// that sees the row also sees where its exact vector is.
+void commit_row(semantic_vector_indexing_system* sys, uint32_t r, uint32_t node_id,
+                const float* vec) {
+    append_to_sidecar(sys, r, node_id, vec);
     orve::store_node_count(sys, sys->node_count + 1);
     sys->ingest_generation.fetch_add(1, std::memory_order_relaxed);
-    // Under the lock, so rows reach the file in row order. A failed append does not undo the
-    // row: it is in memory, only missing from the file.
-    if (sys->sidecar != nullptr) (void)orve_vec_sidecar_append(sys->sidecar, node_id, vec);
 }
 
 }  // namespace
@@ -75,7 +96,7 @@ extern "C" ORVE_API int semantic_vector_indexing_system_add_embedding_orve512(
         return -1;
     }
     if (write_row(sys, r, node_id, vec) != 0) return -1;
-    commit_row(sys, node_id, vec);
+    commit_row(sys, r, node_id, vec);
     sys->last_update_time = static_cast<int64_t>(std::time(nullptr));
     return 0;
 }
@@ -94,7 +115,7 @@ extern "C" ORVE_API int semantic_vector_indexing_system_load_vectors_f32(
         const float* vec = vecs + static_cast<std::size_t>(k) * ORVE512_DIM;
         fill_embedding_node(&sys->nodes[r], id, t);
         if (write_row(sys, r, id, vec) != 0) return static_cast<int>(k);
-        commit_row(sys, id, vec);
+        commit_row(sys, r, id, vec);
     }
     sys->last_update_time = t;
     return static_cast<int>(n);

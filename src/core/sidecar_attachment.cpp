@@ -1,33 +1,111 @@
-// Attaching a sidecar file: its rows are replayed through ordinary ingestion, then the file is
-// kept open so every later ingestion appends its exact float vector.
+// Attaching a sidecar file: the file is opened (and locked) first, its rows are replayed
+// through ordinary ingestion, then it is kept open so every later ingestion appends its exact
+// float vector.
+//
+// Rows of the object and rows of the file need not line up: rows ingested before the attach
+// or without a vector have no row in the file, and dead rows of the file were never replayed.
+// Each object row therefore records its own position in the file, so re-ranking reads a row's
+// own vector and an append lands at the file's end whatever came before.
+#include "core/sidecar_attachment.h"
+
+#include <cstdlib>
+#include <cstring>
+#include <memory>
+#include <new>
+
 #include "core/system.h"
+#include "sidecar/fd_io.h"
+#include "sidecar/sidecar_format.h"
+#include "sidecar/sidecar_replay.h"
+#include "util/c_alloc.h"
 
 namespace {
 
-struct load_context {
+struct replay_context {
     semantic_vector_indexing_system* sys;
+    uint32_t* file_row;
     int32_t error;
 };
 
-int _sidecar_load_cb(uint32_t id, const float* values, void* user) {
-    auto* ctx = static_cast<load_context*>(user);
+int32_t replay_row(uint32_t id, const float* values, uint32_t position, void* user) {
+    auto* ctx = static_cast<replay_context*>(user);
+    // The lock is recursive: it keeps the row ingestion takes and the row recorded the same.
+    orve::object_lock guard(ctx->sys);
+    const uint32_t r = ctx->sys->node_count;
     const int rc = semantic_vector_indexing_system_add_embedding_orve512(ctx->sys, id, values);
-    if (rc == 0) return 0;
-    ctx->error = rc;
-    return -1;
+    if (rc != 0) {
+        ctx->error = rc;
+        return -1;
+    }
+    ctx->file_row[r] = position;
+    return 0;
+}
+
+// Owns an attachment until it is handed to the object; closing it closes the file.
+struct attachment_closer {
+    void operator()(orve::sidecar_attachment* a) const noexcept {
+        std::free(a->file_row);
+        // The handle is the attachment's first member, so closing it frees the whole block.
+        orve_vec_sidecar_close(&a->file);
+    }
+};
+using attachment_owner = std::unique_ptr<orve::sidecar_attachment, attachment_closer>;
+
+// Opens (and locks) path and moves its handle into a fresh attachment with an empty row table.
+// Null when the file cannot be opened or memory runs out; the file is closed again then.
+attachment_owner attach_file(const char* path, uint32_t capacity) {
+    orve_vec_sidecar* opened = nullptr;
+    if (orve_vec_sidecar_open(path, &opened) != 0) return nullptr;
+    void* block = std::calloc(1, sizeof(orve::sidecar_attachment));
+    auto rows = orve::c_alloc_array<uint32_t>(capacity);
+    if (block == nullptr || !rows) {
+        std::free(block);
+        orve_vec_sidecar_close(opened);
+        return nullptr;
+    }
+    auto* a = new (block) orve::sidecar_attachment{};
+    std::memcpy(&a->file, opened, sizeof *opened);  // the descriptor moves with the record
+    std::free(opened);
+    a->file_row = rows.release();
+    for (uint32_t r = 0; r < capacity; ++r) a->file_row[r] = orve::kNoFileRow;
+    return attachment_owner(a);
 }
 
 }  // namespace
 
+namespace orve {
+
+void sidecar_detach(semantic_vector_indexing_system* sys) {
+    if (sys->sidecar == nullptr) return;
+    attachment_closer{}(attachment_of(sys->sidecar));
+    sys->sidecar = nullptr;
+}
+
+}  // namespace orve
+
+// Opening before the replay means a file another handle holds is refused before a single row
+// is ingested from it, and the replay reads the file this attachment has locked.
 extern "C" ORVE_API int semantic_vector_indexing_system_open_sidecar(
     semantic_vector_indexing_system* sys, const char* path) {
     if (sys == nullptr || path == nullptr || sys->initialized != 1) return -1;
-    // Detach first, so the replay below appends nothing to any file.
-    if (sys->sidecar != nullptr) {
-        orve_vec_sidecar_close(sys->sidecar);
-        sys->sidecar = nullptr;
+    {
+        // Detach first, so the replay below appends nothing to any file.
+        orve::object_lock guard(sys);
+        orve::sidecar_detach(sys);
     }
-    load_context ctx{sys, 0};
-    if (orve_vec_sidecar_load(path, _sidecar_load_cb, &ctx) != 0 || ctx.error != 0) return -1;
-    return orve_vec_sidecar_open(path, &sys->sidecar) == 0 ? 0 : -1;
+    attachment_owner a = attach_file(path, sys->capacity);
+    if (!a) return -1;
+    const int64_t length = orve::sidecar::file_length(a->file.fd);
+    if (length < static_cast<int64_t>(orve::sidecar::kHeaderBytes)) return -1;
+    const uint64_t rows = orve::sidecar::whole_rows(static_cast<uint64_t>(length));
+    if (rows >= orve::kNoFileRow) return -1;
+    a->file_rows = static_cast<uint32_t>(rows);
+
+    replay_context ctx{sys, a->file_row, 0};
+    if (orve::sidecar::replay_rows(a->file.fd, replay_row, &ctx) != 0 || ctx.error != 0) {
+        return -1;
+    }
+    orve::object_lock guard(sys);
+    sys->sidecar = &a.release()->file;
+    return 0;
 }

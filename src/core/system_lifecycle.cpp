@@ -3,6 +3,7 @@
 #include <cstring>
 
 #include "core/paged_attachment.h"
+#include "core/sidecar_attachment.h"
 #include "core/system.h"
 #include "util/c_alloc.h"
 
@@ -91,8 +92,7 @@ extern "C" ORVE_API void semantic_vector_indexing_system_destroy(
         enhanced_clustering_index_destroy(sys->clustering_index);
         std::free(sys->clustering_index);
     }
-    orve_vec_sidecar_close(sys->sidecar);
-    sys->sidecar = nullptr;
+    orve::sidecar_detach(sys);
     // Closes it unless a search still holds it.
     orve::paged_attachment_release(orve::paged_attachment_swap(sys, nullptr));
     if (has_lock) pthread_mutex_destroy(&sys->lock);

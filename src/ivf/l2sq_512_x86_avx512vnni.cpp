@@ -1,8 +1,10 @@
 // AVX-512 partial sums of l2sq_512: one 16-lane register holds exactly the 16 partial sums, and
 // each vfmadd231ps performs the same correctly rounded fused multiply-add on every lane as
 // std::fmaf does on one. (Built with this folder's AVX-512 flags; only AVX-512F is used.)
+#if defined(__GNUC__) && !defined(__clang__)  // clang has no such group and would warn
 #pragma GCC diagnostic ignored "-Wuninitialized"
 #pragma GCC diagnostic ignored "-Wmaybe-uninitialized"
+#endif
 #include <immintrin.h>
 
 #include "ivf/l2sq_512_kernels.h"

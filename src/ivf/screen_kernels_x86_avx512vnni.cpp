@@ -3,8 +3,10 @@
 // reduction turns the sixteen accumulators into the sixteen dot products at once.
 // vpdpbusd multiplies unsigned by signed bytes: a row byte r enters as r ^ 0x80 = r + 128, and
 // 128 x (sum of the centroid code) comes off at the end, which is exact for all of int8.
+#if defined(__GNUC__) && !defined(__clang__)  // clang has no such group and would warn
 #pragma GCC diagnostic ignored "-Wuninitialized"
 #pragma GCC diagnostic ignored "-Wmaybe-uninitialized"
+#endif
 #include <immintrin.h>
 
 #include "ivf/screen_kernels.h"

@@ -213,6 +213,8 @@ void fill_mapping(uint8_t* out, uint64_t length, const section_layout& lay,
 //   - an H-IVF whose level-1 arrays are missing, or whose leaf indexes do not match their own
 //     counts (a leaf count above b2, a leaf run past its rows, a missing array, more than
 //     2^32 - 1 rows in all), is refused with -1 before any file is touched;
+//   - b1 or b2 above ORVE_PAGED_MAX_BRANCHING is refused with -1 before any file is touched;
+//   - a failed msync or fdatasync is -2: the temporary is removed, nothing is renamed;
 //   - concurrent builds to one path are serialised by an flock on the temporary file (see
 //     temp_file above);
 //   - the file's blocks are reserved when it is sized, so running out of space is the -2 of a
@@ -221,6 +223,9 @@ extern "C" ORVE_API int32_t orve_ivf_paged_build(const orve_hivf_index* hivf,
                                                  const uint32_t* node_ids, const char* path) {
     if (hivf == nullptr || node_ids == nullptr || path == nullptr) return -1;
     if (hivf->b1 == 0 || hivf->b2 == 0) return -1;
+    // Open refuses a file with more branches a level than the search's fixed tables hold;
+    // writing one would replace a good index under path with a file nobody can open.
+    if (hivf->b1 > ORVE_PAGED_MAX_BRANCHING || hivf->b2 > ORVE_PAGED_MAX_BRANCHING) return -1;
     if (hivf->l1_centroid_codes == nullptr || hivf->l1_centroid_scales == nullptr ||
         hivf->l1_centroid_norms == nullptr || hivf->l2_indexes == nullptr) {
         return -1;
@@ -283,10 +288,18 @@ extern "C" ORVE_API int32_t orve_ivf_paged_build(const orve_hivf_index* hivf,
     fill_mapping(static_cast<uint8_t*>(map.get()), length, lay, hivf, node_ids,
                  static_cast<uint32_t>(rows), dir.get());
 
-    // Publishing. The content reaches stable storage before the rename can make it visible.
-    (void)::msync(map.get(), length, MS_SYNC);
+    // Publishing. The content reaches stable storage before the rename can make it visible: a
+    // failed flush means the new file may not be what was written, so it is not published and
+    // the previous file stays under the final name (tmp's destructor removes the temporary).
+    // The library's log lines are a fixed set, so this failure is reported by -2 alone.
+    const bool flushed = ::msync(map.get(), length, MS_SYNC) == 0;
     map.reset();
-    (void)::fdatasync(tmp.fd());
+    if (!flushed) return -2;
+    int synced;
+    do {
+        synced = ::fdatasync(tmp.fd());
+    } while (synced != 0 && errno == EINTR);
+    if (synced != 0) return -2;
     tmp.close_data();
     dir.reset();
 

@@ -3,8 +3,10 @@
 // x + 128, so sum(x * y) = vpdpbusd(x ^ 0x80, y) - 128 * sum(y): exact for all of int8.
 // GCC 12's AVX-512 headers initialise their "undefined" vectors from themselves, which its own
 // uninitialised-use warnings then flag inside the header (fixed in later releases).
+#if defined(__GNUC__) && !defined(__clang__)  // clang has no such group and would warn
 #pragma GCC diagnostic ignored "-Wuninitialized"
 #pragma GCC diagnostic ignored "-Wmaybe-uninitialized"
+#endif
 #include <immintrin.h>
 
 #include "quant/dot512_kernels.h"

@@ -46,7 +46,6 @@ int brute_force_search(semantic_vector_indexing_system* sys, const vector_simila
                                              &st.q_norm) != 0) {
         return -1;
     }
-    orve_vec_sidecar* rerank_sidecar = (q->rerank && sys->sidecar) ? sys->sidecar : nullptr;
     const uint32_t n = sys->node_count;
     st.capacity = candidate_budget(q, sys->sidecar != nullptr, n);
     auto heap = c_alloc_array<bf_topk_entry>(st.capacity);
@@ -78,7 +77,7 @@ int brute_force_search(semantic_vector_indexing_system* sys, const vector_simila
         }
         ++s;
     }
-    finish_results(st.heap, st.count, q, rerank_sidecar, results, count);
+    finish_results(st.heap, st.count, q, sys, results, count);
     return 0;
 }
 

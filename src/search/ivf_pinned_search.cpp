@@ -23,11 +23,6 @@ bool prepare(semantic_vector_indexing_system* sys, const vector_similarity_query
     return true;
 }
 
-orve_vec_sidecar* rerank_sidecar(semantic_vector_indexing_system* sys,
-                                 const vector_similarity_query* q) {
-    return (q->rerank && sys->sidecar != nullptr) ? sys->sidecar : nullptr;
-}
-
 }  // namespace
 
 int search_similar_orve512_ivf_rcu_pinned(semantic_vector_indexing_system* sys, ivf_live* holder,
@@ -49,7 +44,7 @@ int search_similar_orve512_ivf_rcu_pinned(semantic_vector_indexing_system* sys, 
         if (buckets[i] >= index.n_buckets) continue;
         orve::scan_bucket(index, buckets[i], qc, index.n_rows, sink);
     }
-    orve::finish_results(sink.heap, sink.count, q, rerank_sidecar(sys, q), results, count);
+    orve::finish_results(sink.heap, sink.count, q, sys, results, count);
     return 0;
 }
 
@@ -95,6 +90,6 @@ int search_similar_orve512_hivf_pinned(semantic_vector_indexing_system* sys,
         if (l2[i] >= leaf.n_buckets) continue;
         orve::scan_bucket(leaf, l2[i], qc, slot_limit, sink);
     }
-    orve::finish_results(sink.heap, sink.count, q, rerank_sidecar(sys, q), results, count);
+    orve::finish_results(sink.heap, sink.count, q, sys, results, count);
     return 0;
 }

@@ -39,8 +39,7 @@ int search_paged(semantic_vector_indexing_system* sys, const vector_similarity_q
     (void)paged::search_mapped(a->handle, q->n_probe_l1, q->n_probe_l2, qc.codes, heap.get(),
                                &found, budget, id_map.get(), nodes, qc.scale, qc.norm,
                                q->min_similarity);
-    orve_vec_sidecar* rerank = (q->rerank && sys->sidecar != nullptr) ? sys->sidecar : nullptr;
-    finish_results(heap.get(), found, q, rerank, results, count);
+    finish_results(heap.get(), found, q, sys, results, count);
     return 0;
 }
 

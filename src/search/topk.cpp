@@ -2,6 +2,8 @@
 
 #include <cstdlib>
 
+#include "core/sidecar_attachment.h"
+
 void bf_topk_heap_push(bf_topk_entry* heap, uint32_t* count, uint32_t capacity,
                        const bf_topk_entry* entry) {
     if (capacity == 0) return;
@@ -62,14 +64,14 @@ uint32_t candidate_budget(const vector_similarity_query* q, bool sidecar_attache
 }
 
 void finish_results(bf_topk_entry* candidates, uint32_t found, const vector_similarity_query* q,
-                    orve_vec_sidecar* rerank_sidecar, vector_similarity_result* results,
+                    const semantic_vector_indexing_system* sys, vector_similarity_result* results,
                     uint32_t* count) {
     if (found == 0) {
         *count = 0;
         return;
     }
-    if (rerank_sidecar != nullptr) {
-        rerank_from_sidecar(candidates, found, q->query_vector, rerank_sidecar);
+    if (q->rerank && sidecar_rerank_ready(sys)) {
+        rerank_from_sidecar(candidates, found, q->query_vector, sys);
     } else {
         // qsort rather than std::sort: NaN scores make the order inconsistent, which qsort
         // tolerates and std::sort does not.

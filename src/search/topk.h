@@ -12,7 +12,7 @@ struct bf_topk_entry {
     uint32_t node_id;
     uint32_t cluster_id;
     float node_score;
-    uint32_t row;  // node-table slot, which is also the row number in the sidecar
+    uint32_t row;  // node-table slot; its row in the sidecar is looked up (see rerank.cpp)
 };
 static_assert(sizeof(bf_topk_entry) == 20);
 
@@ -24,10 +24,11 @@ void bf_topk_heap_push(bf_topk_entry* heap, uint32_t* count, uint32_t capacity,
 // Descending by score for qsort; NaN compares equal to everything.
 int cmp_bf_topk_desc(const void* a, const void* b);
 
-// Exact cosine of each candidate against its float row in the sidecar, then sorted by the new
-// scores. Does nothing when the query or the sidecar is null.
+// Exact cosine of each candidate against its own float row in the object's attached sidecar,
+// then sorted by the new scores. Does nothing when the query is null or the object cannot
+// re-rank (no sidecar attached, or its appends stopped after a failure).
 void rerank_from_sidecar(bf_topk_entry* candidates, uint32_t count, const float* query,
-                         orve_vec_sidecar* sidecar);
+                         const semantic_vector_indexing_system* sys);
 
 namespace orve {
 
@@ -37,10 +38,11 @@ namespace orve {
 uint32_t candidate_budget(const vector_similarity_query* q, bool sidecar_attached,
                           uint32_t offerable);
 
-// Re-ranks (when asked) or sorts the candidates and writes min(found, max_results) results with
-// ranks from 1. Results past that are not touched.
+// Re-ranks from sys's sidecar (when the query asks and the object can) or sorts the candidates,
+// and writes min(found, max_results) results with ranks from 1. Results past that are not
+// touched.
 void finish_results(bf_topk_entry* candidates, uint32_t found, const vector_similarity_query* q,
-                    orve_vec_sidecar* rerank_sidecar, vector_similarity_result* results,
+                    const semantic_vector_indexing_system* sys, vector_similarity_result* results,
                     uint32_t* count);
 
 }  // namespace orve

@@ -34,7 +34,6 @@ using orve::load_u32;
 using orve::store_f32;
 using orve::store_u32;
 
-
 // A fresh header: magic, version, dimension, row size, reserved bytes zero.
 inline void encode_header(uint8_t (&out)[kHeaderBytes]) {
     std::memset(out, 0, sizeof out);
@@ -77,6 +76,11 @@ inline constexpr uint64_t row_values_offset(uint32_t row) {
 // Length of the file once a trailing partial row is cut off; `length` is at least the header.
 inline constexpr uint64_t whole_rows_length(uint64_t length) {
     return kHeaderBytes + (length - kHeaderBytes) / kRowBytes * kRowBytes;
+}
+
+// Whole rows in a file of `length` bytes; `length` is at least the header.
+inline constexpr uint64_t whole_rows(uint64_t length) {
+    return (length - kHeaderBytes) / kRowBytes;
 }
 
 // Reads 32 bytes at the descriptor's current position: 0 when all of them came and the header

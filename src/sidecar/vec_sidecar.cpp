@@ -11,8 +11,10 @@
 //     at and moves the position there, so the handle stays usable and the next append lands on
 //     the right offset. The short write itself is not retried; the row is reported as failed.
 #include <fcntl.h>
+#include <sys/file.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <cstdlib>
 #include <cstring>
 
@@ -55,6 +57,14 @@ void undo_partial_row(int fd, size_t written) {
     (void)::lseek(fd, start, SEEK_SET);
 }
 
+// Takes the exclusive lock that keeps a second writer off the file for the handle's life.
+// flock belongs to the open file description, so a second open of the path in this same
+// process conflicts as well. False only when someone else holds it; a file system without
+// flock leaves the file unguarded, as it would be without the lock.
+bool lock_exclusively(int fd) {
+    return ::flock(fd, LOCK_EX | LOCK_NB) == 0 || errno != EWOULDBLOCK;
+}
+
 }  // namespace
 
 // Choices made beyond the file format:
@@ -62,7 +72,10 @@ void undo_partial_row(int fd, size_t written) {
 //     open sidecar to its child;
 //   - a path that exists but is not a regular file (directory, pipe, device) is refused with -1
 //     before anything is read or truncated: a sidecar is addressed by byte offsets and cut back
-//     with ftruncate, and reinitialising a device would be destructive.
+//     with ftruncate, and reinitialising a device would be destructive;
+//   - the handle holds an exclusive flock on the file until close, taken before anything is
+//     read, cut or written: two writers appending to one file would interleave their rows and
+//     lose some. A file locked by another handle is refused with -1, untouched.
 extern "C" ORVE_API int32_t orve_vec_sidecar_open(const char* path, orve_vec_sidecar** out_handle) {
     if (path == nullptr || out_handle == nullptr) return -1;
 
@@ -72,22 +85,18 @@ extern "C" ORVE_API int32_t orve_vec_sidecar_open(const char* path, orve_vec_sid
     handle->fd = -1;
     std::memcpy(handle->path, path, strnlen(path, kPathCopyMax));  // calloc'd: stays terminated
 
-    sc::unique_fd fd(::open(path, O_RDWR | O_CLOEXEC));
-    if (!fd.valid()) {
-        fd.reset(::open(path, O_RDWR | O_CREAT | O_CLOEXEC, 0644));
-        if (!fd.valid() || !sc::is_regular_file(fd.get())) return -1;
+    sc::unique_fd fd(::open(path, O_RDWR | O_CREAT | O_CLOEXEC, 0644));
+    if (!fd.valid() || !sc::is_regular_file(fd.get()) || !lock_exclusively(fd.get())) return -1;
+    if (sc::file_length(fd.get()) == 0) {
         if (write_fresh_header(fd.get()) != 0) return -1;
+    } else if (sc::validate_header(fd.get()) == 0) {
+        if (cut_partial_row(fd.get()) != 0) return -1;
+        if (::lseek(fd.get(), 0, SEEK_END) < 0) return -1;
     } else {
-        if (!sc::is_regular_file(fd.get())) return -1;
-        if (sc::validate_header(fd.get()) == 0) {
-            if (cut_partial_row(fd.get()) != 0) return -1;
-            if (::lseek(fd.get(), 0, SEEK_END) < 0) return -1;
-        } else {
-            // A short or foreign file: its content cannot be trusted as rows, so start over.
-            if (::ftruncate(fd.get(), 0) != 0) return -1;
-            if (::lseek(fd.get(), 0, SEEK_SET) != 0) return -1;
-            if (write_fresh_header(fd.get()) != 0) return -1;
-        }
+        // A short or foreign file: its content cannot be trusted as rows, so start over.
+        if (::ftruncate(fd.get(), 0) != 0) return -1;
+        if (::lseek(fd.get(), 0, SEEK_SET) != 0) return -1;
+        if (write_fresh_header(fd.get()) != 0) return -1;
     }
 
     handle->fd = fd.release();

@@ -1,15 +1,20 @@
 // Every allocation the object's operations make is made to fail in turn. Each failing run must
 // return the documented code, leave the object as it was (or, for create, zeroed) and leak
-// nothing (LeakSanitizer checks the last point in the sanitizer build).
+// nothing (LeakSanitizer checks the last point in the sanitizer build). File writes and flushes
+// are made to fail the same way (see the end of this file).
 #include <gtest/gtest.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
+#include <cmath>
 #include <cstdlib>
+#include <cstring>
 #include <string>
 #include <thread>
 #include <vector>
 
 #include "alloc_fault.h"
+#include "io_fault.h"
 #include "core/system.h"
 #include "support/system_fixture.h"
 
@@ -242,6 +247,159 @@ TEST(AllocFailure, IvfBuildMakesNoFloatRowsUnderTheLock) {
         [&] { EXPECT_EQ(semantic_vector_indexing_system_build_ivf(sys, 8, 3), 0); });
     EXPECT_GE(large, 1);
     EXPECT_EQ(under_lock, 0);
+}
+
+}  // namespace
+
+namespace {
+
+using orve_test::io_call;
+using orve_test::io_failure;
+
+struct scratch {
+    std::string dir;
+    scratch() {
+        char t[] = "/tmp/orve_io_fault_XXXXXX";
+        dir = mkdtemp(t) != nullptr ? t : "/tmp";
+    }
+    ~scratch() {
+        for (const char* n : {"/rows.sidecar", "/index.ivfp", "/index.ivfp.tmp"}) {
+            unlink((dir + n).c_str());
+        }
+        rmdir(dir.c_str());
+    }
+};
+
+int64_t file_size(const std::string& p) {
+    struct stat st;
+    return stat(p.c_str(), &st) == 0 ? static_cast<int64_t>(st.st_size) : -1;
+}
+
+double cosine(const float* a, const float* b) {
+    double ab = 0, aa = 0, bb = 0;
+    for (int i = 0; i < 512; ++i) {
+        ab += static_cast<double>(a[i]) * b[i];
+        aa += static_cast<double>(a[i]) * a[i];
+        bb += static_cast<double>(b[i]) * b[i];
+    }
+    return ab / (std::sqrt(aa) * std::sqrt(bb));
+}
+
+// The fourth of six appends fails (the rows ingested one by one or in bulk). The ingestion
+// succeeds, the file stops at the three rows before it, no later row lands in its place,
+// re-ranking never scores a row with another row's vector, and a restart brings back exactly
+// the first three rows.
+TEST(IoFailure, FailedSidecarAppendLeavesAWholePrefixAndNoMisplacedRow) {
+    const auto vecs = orve_test::gaussian_vectors(6, 61);
+    for (io_failure how : {io_failure::no_space, io_failure::io_error, io_failure::short_write}) {
+        for (bool bulk : {false, true}) {
+            SCOPED_TRACE(testing::Message()
+                         << "failure " << static_cast<int>(how) << " bulk " << bulk);
+            scratch d;
+            const std::string path = d.dir + "/rows.sidecar";
+            {
+                system_block b;
+                auto* sys = b.get();
+                ASSERT_EQ(create_with_capacity(sys, "64"), 0);
+                ASSERT_EQ(semantic_vector_indexing_system_open_sidecar(sys, path.c_str()), 0);
+                orve_test::arm_io_failure(io_call::write, 4, how);
+                if (bulk) {
+                    EXPECT_EQ(semantic_vector_indexing_system_load_vectors_f32(sys, vecs.data(), 6),
+                              6);
+                } else {
+                    for (uint32_t r = 0; r < 6; ++r) {
+                        EXPECT_EQ(semantic_vector_indexing_system_add_embedding_orve512(
+                                      sys, r + 1, &vecs[r * 512]),
+                                  0);
+                    }
+                }
+                ASSERT_TRUE(orve_test::disarm_io_failure());
+                EXPECT_EQ(sys->node_count, 6u);
+                // What a host compares: the file's whole rows against the rows ingested.
+                EXPECT_EQ(file_size(path), 32 + 3 * 2056);
+
+                for (uint32_t want = 1; want <= 6; ++want) {
+                    auto q = orve_test::int8_query(&vecs[(want - 1) * 512], 6);
+                    q.rerank = 1;
+                    vector_similarity_result res[6];
+                    uint32_t n = 0;
+                    ASSERT_EQ(semantic_vector_indexing_system_search_similar(sys, &q, res, &n), 0);
+                    ASSERT_EQ(n, 6u);
+                    EXPECT_EQ(res[0].node_id, want);
+                    for (uint32_t i = 0; i < n; ++i) {
+                        const float* own = &vecs[(res[i].node_id - 1) * 512];
+                        EXPECT_NEAR(res[i].similarity, cosine(&vecs[(want - 1) * 512], own), 0.02)
+                            << "node " << res[i].node_id << " for query " << want;
+                    }
+                }
+            }
+            struct rows {
+                std::vector<uint32_t> ids;
+                std::vector<float> values;
+            } back;
+            ASSERT_EQ(orve_vec_sidecar_load(
+                          path.c_str(),
+                          [](uint32_t id, const float* v, void* u) -> int32_t {
+                              auto* r = static_cast<rows*>(u);
+                              r->ids.push_back(id);
+                              r->values.insert(r->values.end(), v, v + 512);
+                              return 0;
+                          },
+                          &back),
+                      0);
+            EXPECT_EQ(back.ids, (std::vector<uint32_t>{1, 2, 3}));
+            ASSERT_EQ(back.values.size(), 3u * 512);
+            EXPECT_EQ(std::memcmp(back.values.data(), vecs.data(), 3 * 512 * sizeof(float)), 0);
+        }
+    }
+}
+
+// A flush that fails keeps the new file from being published: -2, the previous file still
+// under the final name, the temporary gone.
+TEST(IoFailure, PagedWriterFlushFailureKeepsThePreviousFile) {
+    const uint32_t n = 16;
+    const auto vecs = orve_test::gaussian_vectors(n, 62);
+    std::vector<int8_t> codes(n * 512);
+    std::vector<float> scales(n), norms(n);
+    for (uint32_t r = 0; r < n; ++r) {
+        ASSERT_EQ(orve_quantize_float_vector_symmetric(&vecs[r * 512], 512, &codes[r * 512],
+                                                       &scales[r], &norms[r]),
+                  0);
+    }
+    orve_hivf_index h{};
+    ASSERT_EQ(orve_hivf_build_i8(codes.data(), scales.data(), norms.data(), n, 2, 2, 1, &h), 0);
+    std::vector<uint32_t> ids(n);
+    for (uint32_t r = 0; r < n; ++r) ids[r] = r + 1;
+
+    scratch d;
+    const std::string path = d.dir + "/index.ivfp";
+    const std::string previous = "the index being served";
+    {
+        FILE* f = std::fopen(path.c_str(), "wb");
+        ASSERT_NE(f, nullptr);
+        std::fputs(previous.c_str(), f);
+        std::fclose(f);
+    }
+    for (io_call call : {io_call::msync, io_call::fdatasync}) {
+        for (io_failure how : {io_failure::io_error, io_failure::no_space}) {
+            SCOPED_TRACE(testing::Message() << "call " << static_cast<int>(call) << " failure "
+                                            << static_cast<int>(how));
+            orve_test::arm_io_failure(call, 1, how);
+            testing::internal::CaptureStdout();
+            const int32_t rc = orve_ivf_paged_build(&h, ids.data(), path.c_str());
+            const std::string out = testing::internal::GetCapturedStdout();
+            ASSERT_TRUE(orve_test::disarm_io_failure());
+            EXPECT_EQ(rc, -2);
+            EXPECT_EQ(out, "");
+            EXPECT_EQ(file_size(path), static_cast<int64_t>(previous.size()));
+            EXPECT_EQ(file_size(path + ".tmp"), -1);
+        }
+    }
+    testing::internal::CaptureStdout();
+    EXPECT_EQ(orve_ivf_paged_build(&h, ids.data(), path.c_str()), 0);
+    testing::internal::GetCapturedStdout();
+    EXPECT_GT(file_size(path), static_cast<int64_t>(previous.size()));
+    orve_hivf_index_destroy(&h);
 }
 
 }  // namespace

@@ -126,7 +126,10 @@ TEST(PagedWriter, RefusalsTouchNothingAndSayNothing) {
     for (auto mutate :
          {+[](orve_hivf_index& x) { x.b1 = 0; }, +[](orve_hivf_index& x) { x.b2 = 0; },
           +[](orve_hivf_index& x) { x.l2_indexes = nullptr; },
-          +[](orve_hivf_index& x) { x.b2 = 1; }}) {  // leaf count above b2
+          +[](orve_hivf_index& x) { x.b2 = 1; },  // leaf count above b2
+          // More branches than a paged search handles: open would refuse the file.
+          +[](orve_hivf_index& x) { x.b1 = ORVE_PAGED_MAX_BRANCHING + 1; },
+          +[](orve_hivf_index& x) { x.b2 = ORVE_PAGED_MAX_BRANCHING + 1; }}) {
         orve_hivf_index m = bad;
         mutate(m);
         capture_build(&m, ids, p, &rc, &err);

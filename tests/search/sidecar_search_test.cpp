@@ -1,9 +1,11 @@
 // Searches that depend on the sidecar: restart from the file, and exact re-ranking.
 #include <gtest/gtest.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cmath>
+#include <cstring>
 #include <string>
 #include <vector>
 
@@ -131,7 +133,7 @@ TEST_F(SidecarSearch, RerankKeepsInt8ScoreForUnreadableOrZeroRows) {
     for (int i = 0; i < 512; ++i) v[i] = (i % 5) - 2.0f;
     ASSERT_EQ(semantic_vector_indexing_system_load_vectors_f32(b.get(), v.data(), 3), 3);
     bf_topk_entry c[3] = {{0.80f, 1, 0, 0, 0}, {0.79f, 2, 0, 0, 1}, {0.5f, 3, 0, 0, 57}};
-    rerank_from_sidecar(c, 3, v.data(), b.get()->sidecar);
+    rerank_from_sidecar(c, 3, v.data(), b.get());
     // Row 0 is the query itself (exact cosine 1); row 1 is all zero and row 57 does not
     // exist, so both keep their int8 scores.
     EXPECT_EQ(c[0].row, 0u);
@@ -141,8 +143,57 @@ TEST_F(SidecarSearch, RerankKeepsInt8ScoreForUnreadableOrZeroRows) {
     EXPECT_EQ(c[2].row, 57u);
     // Null query or sidecar: untouched.
     bf_topk_entry d[2] = {{0.1f, 1, 0, 0, 0}, {0.9f, 2, 0, 0, 1}};
-    rerank_from_sidecar(d, 2, nullptr, b.get()->sidecar);
+    rerank_from_sidecar(d, 2, nullptr, b.get());
     EXPECT_EQ(d[0].score, 0.1f);
+}
+
+// Object rows and file rows part ways when the object held rows before the attach, a row came
+// without a vector, or the file held a dead row: re-ranking must still score every row with its
+// own vector, and later rows must land behind the file's last row.
+TEST_F(SidecarSearch, RerankReadsEachRowsOwnVectorWhenRowsAndFilePositionsDiffer) {
+    const auto v = orve_test::gaussian_vectors(5, 72);
+    const float* vec_of[6] = {nullptr, &v[0], &v[512], &v[1024], &v[1536], &v[2048]};
+    {  // the file: nodes 1, 2 (then marked dead), 3
+        orve_vec_sidecar* h = nullptr;
+        ASSERT_EQ(orve_vec_sidecar_open(path.c_str(), &h), 0);
+        for (uint32_t id = 1; id <= 3; ++id)
+            ASSERT_EQ(orve_vec_sidecar_append(h, id, vec_of[id]), 0);
+        const uint8_t dead = 0;
+        ASSERT_EQ(pwrite(h->fd, &dead, 1, 32 + 2056 + 4), 1);
+        orve_vec_sidecar_close(h);
+    }
+    system_block b;
+    ASSERT_EQ(create_with_capacity(b.get(), "16"), 0);
+    ASSERT_EQ(semantic_vector_indexing_system_add_embedding_orve512(b.get(), 4, vec_of[4]), 0);
+    ASSERT_EQ(semantic_vector_indexing_system_open_sidecar(b.get(), path.c_str()), 0);
+    ASSERT_EQ(semantic_vector_indexing_system_add_embedding_orve512(b.get(), 5, vec_of[5]), 0);
+    ASSERT_EQ(b.get()->node_count, 4u);  // rows: node 4, 1, 3, 5
+
+    for (uint32_t want : {1u, 3u, 5u}) {
+        auto q = orve_test::int8_query(vec_of[want], 4);
+        q.rerank = 1;
+        vector_similarity_result res[4];
+        uint32_t n = 0;
+        ASSERT_EQ(semantic_vector_indexing_system_search_similar(b.get(), &q, res, &n), 0);
+        ASSERT_EQ(n, 4u);
+        EXPECT_EQ(res[0].node_id, want);
+        for (uint32_t i = 0; i < n; ++i) {
+            const double own = exact_cosine(vec_of[want], vec_of[res[i].node_id]);
+            // Rows the file holds get their exact cosine; node 4 keeps its int8 estimate.
+            if (res[i].node_id == 4) {
+                EXPECT_NEAR(res[i].similarity, own, 0.02) << want;
+            } else {
+                EXPECT_EQ(res[i].similarity, static_cast<float>(own)) << want << " " << i;
+            }
+        }
+    }
+    // Node 5 went behind the file's last row, the dead one included.
+    struct stat st;
+    ASSERT_EQ(stat(path.c_str(), &st), 0);
+    EXPECT_EQ(st.st_size, 32 + 4 * 2056);
+    float back[512];
+    ASSERT_EQ(orve_vec_sidecar_read_row_floats(b.get()->sidecar, 3, back), 0);
+    EXPECT_EQ(std::memcmp(back, vec_of[5], sizeof back), 0);
 }
 
 }  // namespace

@@ -1,0 +1,20 @@
+// Walking the rows of an open sidecar file, with their positions in the file. The attachment
+// needs the positions: a dead row is skipped, so the k-th row handed over need not be row k
+// of the file, and re-ranking must read each row back from where it really is.
+#pragma once
+
+#include <cstdint>
+
+namespace orve::sidecar {
+
+// Called for each live row with a nonzero id, in file order; `position` is the row's number in
+// the file. Return 0 to go on, anything else to stop the walk.
+using replay_row_fn = int32_t (*)(uint32_t id, const float* values, uint32_t position, void* user);
+
+// Walks the whole rows of the file on fd, whose header is known to be valid, with positional
+// reads (the descriptor's position is left alone, so a handle can keep appending at its end).
+// Returns the callback's nonzero value when it stopped the walk, otherwise 0, also after a
+// trailing partial row or a failed read (both end the walk).
+int32_t replay_rows(int fd, replay_row_fn callback, void* user);
+
+}  // namespace orve::sidecar

@@ -1,0 +1,70 @@
+#include "io_fault.h"
+
+#include <sys/types.h>
+
+#include <cerrno>
+#include <cstddef>
+
+extern "C" {
+ssize_t __real_write(int fd, const void* buf, size_t n);
+int __real_msync(void* addr, size_t length, int flags);
+int __real_fsync(int fd);
+int __real_fdatasync(int fd);
+}
+
+namespace {
+
+// Plain globals: these tests arm and disarm on one thread.
+bool g_armed = false;
+bool g_fired = false;
+orve_test::io_call g_call = orve_test::io_call::write;
+orve_test::io_failure g_how = orve_test::io_failure::io_error;
+long g_left = 0;
+
+// True when this call of `call` is the armed one.
+bool fires(orve_test::io_call call) {
+    if (!g_armed || g_fired || call != g_call || --g_left != 0) return false;
+    g_fired = true;
+    return true;
+}
+
+int fail() {
+    errno = g_how == orve_test::io_failure::no_space ? ENOSPC : EIO;
+    return -1;
+}
+
+}  // namespace
+
+extern "C" {
+ssize_t __wrap_write(int fd, const void* buf, size_t n) {
+    if (!fires(orve_test::io_call::write)) return __real_write(fd, buf, n);
+    if (g_how == orve_test::io_failure::short_write && n > 1) return __real_write(fd, buf, n / 2);
+    return fail();
+}
+int __wrap_msync(void* addr, size_t length, int flags) {
+    return fires(orve_test::io_call::msync) ? fail() : __real_msync(addr, length, flags);
+}
+int __wrap_fsync(int fd) {
+    return fires(orve_test::io_call::fsync) ? fail() : __real_fsync(fd);
+}
+int __wrap_fdatasync(int fd) {
+    return fires(orve_test::io_call::fdatasync) ? fail() : __real_fdatasync(fd);
+}
+}
+
+namespace orve_test {
+
+void arm_io_failure(io_call call, long nth, io_failure how) {
+    g_call = call;
+    g_how = how;
+    g_left = nth;
+    g_fired = false;
+    g_armed = true;
+}
+
+bool disarm_io_failure() {
+    g_armed = false;
+    return g_fired;
+}
+
+}  // namespace orve_test

@@ -1,0 +1,101 @@
+// libFuzzer target: arbitrary bytes as a sidecar file. The file is replayed, then opened for
+// appending and read back, and every answer is checked against the bytes themselves: replay
+// hands over only whole live rows with nonzero ids at increasing positions, open leaves a
+// header and whole rows (the input's own when its header is valid, none otherwise), a row
+// reads back bit for bit, nothing past the last row reads, and an append lands right behind it.
+#include <fcntl.h>
+#include <sys/mman.h>
+#include <unistd.h>
+
+#include <cstdint>
+#include <cstdio>
+#include <cstring>
+
+#include "semantic_vector_indexing.h"
+#include "sidecar/fd_io.h"
+#include "sidecar/sidecar_format.h"
+#include "sidecar/sidecar_replay.h"
+
+namespace sc = orve::sidecar;
+
+namespace {
+
+// One memory file reused for every input, reached by path through /proc.
+int memory_file() {
+    static const int fd = memfd_create("sidecar_fuzz", MFD_CLOEXEC);
+    return fd;
+}
+
+struct walk {
+    const uint8_t* data;
+    uint64_t whole;     // whole rows in the input
+    int64_t last = -1;  // previous position handed over
+    uint64_t count = 0;
+};
+
+void check(bool ok) {
+    if (!ok) __builtin_trap();
+}
+
+int32_t on_row(uint32_t id, const float* values, uint32_t position, void* user) {
+    auto* w = static_cast<walk*>(user);
+    check(id != 0 && static_cast<int64_t>(position) > w->last && position < w->whole);
+    const uint8_t* row = w->data + sc::row_offset(position);
+    check(row[sc::kRowLiveOffset] != 0 && sc::load_u32(row + sc::kRowIdOffset) == id);
+    float decoded[sc::kDim];
+    sc::decode_values(row + sc::kRowValuesOffset, decoded);
+    check(std::memcmp(values, decoded, sizeof decoded) == 0);
+    w->last = position;
+    ++w->count;
+    return 0;
+}
+
+int32_t count_row(uint32_t id, const float*, void* user) {
+    check(id != 0);
+    ++*static_cast<uint64_t*>(user);
+    return 0;
+}
+
+}  // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
+    const int fd = memory_file();
+    if (fd < 0 || ftruncate(fd, 0) != 0) return 0;
+    if (size > 0 && pwrite(fd, data, size, 0) != static_cast<ssize_t>(size)) return 0;
+    char path[64];
+    std::snprintf(path, sizeof path, "/proc/self/fd/%d", fd);
+
+    uint8_t head[sc::kHeaderBytes] = {};
+    if (size >= sizeof head) std::memcpy(head, data, sizeof head);
+    const bool valid = size >= sizeof head && sc::header_matches(head);
+    const uint64_t whole = valid ? sc::whole_rows(size) : 0;
+
+    // Replay, through the public walk and the positional one.
+    uint64_t loaded = 0;
+    check(orve_vec_sidecar_load(path, count_row, &loaded) == 0);
+    walk w{data, whole};
+    if (valid) {
+        check(sc::replay_rows(fd, on_row, &w) == 0);
+    }
+    check(w.count == loaded);
+
+    orve_vec_sidecar* h = nullptr;
+    check(orve_vec_sidecar_open(path, &h) == 0);
+    check(sc::file_length(h->fd) ==
+          static_cast<int64_t>(sc::row_offset(0) + whole * sc::kRowBytes));
+    float out[sc::kDim];
+    if (whole > 0) {
+        const uint32_t last = static_cast<uint32_t>(whole - 1);
+        check(orve_vec_sidecar_read_row_floats(h, last, out) == 0);
+        float decoded[sc::kDim];
+        sc::decode_values(data + sc::row_values_offset(last), decoded);
+        check(std::memcmp(out, decoded, sizeof out) == 0);
+    }
+    check(orve_vec_sidecar_read_row_floats(h, static_cast<uint32_t>(whole), out) == -1);
+    for (float& v : out) v = 0.5f;
+    check(orve_vec_sidecar_append(h, 7, out) == 0);
+    check(sc::file_length(h->fd) ==
+          static_cast<int64_t>(sc::row_offset(0) + (whole + 1) * sc::kRowBytes));
+    orve_vec_sidecar_close(h);
+    return 0;
+}
