@@ -5,7 +5,6 @@
 #include <cmath>
 #include <cstdint>
 #include <cstring>
-#include <limits>
 #include <vector>
 
 #include "ivf/ivf_internal.h"
@@ -29,27 +28,6 @@ float model_l2sq(const float* a, const float* b) {
     return (s[0] + s[1]) + (s[2] + s[3]);
 }
 
-// Rows mixing magnitudes so that rounding actually happens in the partial sums.
-std::vector<float> awkward_rows(uint32_t n, uint64_t seed) {
-    ivf_test::int_rng g(seed);
-    std::vector<float> rows(512 * n);
-    for (auto& v : rows) {
-        const float m = g.bell();
-        switch (g.next() % 4) {
-            case 0:
-                v = m * 1e-3f;
-                break;
-            case 1:
-                v = m * 3.0e2f;
-                break;
-            default:
-                v = m;
-                break;
-        }
-    }
-    return rows;
-}
-
 uint32_t bits(float f) {
     uint32_t u;
     std::memcpy(&u, &f, 4);
@@ -57,22 +35,22 @@ uint32_t bits(float f) {
 }
 
 TEST(L2sq512, EveryKernelMatchesTheStatedOrderBitForBit) {
-    // The model relies on fmaf being one rounding: check it where double gives the exact sum.
-    EXPECT_EQ(std::fmaf(3.0f, 3.0f, 0.5f), 9.5f);
-    const float tiny = std::ldexp(1.0f, -13);  // d*d = 2^-26 is lost by a separate add
-    EXPECT_EQ(std::fmaf(1.0f + tiny, 1.0f + tiny, -1.0f),
-              static_cast<float>(2.0 * tiny + tiny * tiny));
-
+    // Rows mixing magnitudes so that rounding actually happens in the partial sums.
     constexpr uint32_t n = 64;
-    const auto a = awkward_rows(n, 11);
-    const auto b = awkward_rows(n, 12);
+    ivf_test::int_rng g(11);
+    std::vector<float> rows(2 * 512 * n);
+    const float magnitude[4] = {1e-3f, 3e2f, 1.0f, 1.0f};
+    for (auto& v : rows) {
+        const float m = g.bell();
+        v = m * magnitude[g.next() % 4];
+    }
     size_t count = 0;
     const orve::l2sq_kernel* kernels = orve::l2sq_kernels_available(&count);
     ASSERT_GE(count, 1u);
     int differs_from_sequential = 0;
     for (uint32_t r = 0; r < n; ++r) {
-        const float* x = a.data() + 512 * r;
-        const float* y = b.data() + 512 * r;
+        const float* x = rows.data() + 512 * r;
+        const float* y = x + 512 * n;
         const float want = model_l2sq(x, y);
         for (size_t k = 0; k < count; ++k) {
             float partial[16];
@@ -87,17 +65,6 @@ TEST(L2sq512, EveryKernelMatchesTheStatedOrderBitForBit) {
         differs_from_sequential += bits(seq) != bits(want);
     }
     EXPECT_GT(differs_from_sequential, 0);
-}
-
-TEST(L2sq512, SymmetricZeroOnItselfAndExactOnSmallIntegers) {
-    const auto a = awkward_rows(2, 21);
-    EXPECT_EQ(l2sq_512(a.data(), a.data()), 0.0f);
-    EXPECT_EQ(bits(l2sq_512(a.data(), a.data() + 512)), bits(l2sq_512(a.data() + 512, a.data())));
-    std::vector<float> x(512, 0.0f), y(512, 0.0f);
-    for (int i = 0; i < 512; ++i) x[i] = static_cast<float>(i % 3);  // 171 ones, 170 twos
-    y[7] = -1.0f;
-    // 171 + 4 x 170 = 851, and lane 7 (x = 1, y = -1) adds 4 instead of 1.
-    EXPECT_EQ(l2sq_512(x.data(), y.data()), 854.0f);
 }
 
 TEST(L2sq512I8, ExactOverTheWholeInt8Range) {
@@ -118,30 +85,14 @@ TEST(L2NormalizeInplace, UnitLengthAndRowsTooSmallToScaleAreLeftAlone) {
     row[0] = 3.0f;
     row[1] = 4.0f;
     l2_normalize_inplace(row.data());
-    const float inv = 1.0f / 5.0f;
-    EXPECT_EQ(row[0], 3.0f * inv);
-    EXPECT_EQ(row[1], 4.0f * inv);
-    EXPECT_EQ(row[2], 0.0f);
-
-    std::vector<float> zero(512, 0.0f);
-    l2_normalize_inplace(zero.data());
-    EXPECT_TRUE(ivf_test::all_zero(zero.data(), zero.size() * 4));
-
+    EXPECT_EQ(row[0], 3.0f * (1.0f / 5.0f));
+    EXPECT_EQ(row[1], 4.0f * (1.0f / 5.0f));
     // 512 x (4e-17)^2 = 8.2e-31 <= 1e-30: unchanged. 1e-16 gives 5.1e-30: scaled.
     std::vector<float> tiny(512, 4e-17f), small(512, 1e-16f);
     l2_normalize_inplace(tiny.data());
     EXPECT_EQ(tiny[100], 4e-17f);
     l2_normalize_inplace(small.data());
     EXPECT_NEAR(small[100], 1.0f / std::sqrt(512.0f), 1e-6f);
-}
-
-TEST(KmeansRandIndex, RemainderOfTheLibraryGeneratorAndSeedZeroActsAsOne) {
-    EXPECT_EQ(orve::kmeans_seed_state(0), 1u);
-    unsigned int mine = 12345, ref = 12345;
-    for (uint32_t n = 1; n < 2000; n += 37) {
-        EXPECT_EQ(orve::kmeans_rand_index(&mine, n),
-                  static_cast<uint32_t>(rand_r(&ref) % static_cast<int>(n)));
-    }
 }
 
 }  // namespace

@@ -45,17 +45,7 @@ struct dataset {
     }
 };
 
-inline dataset random_rows(uint32_t n, uint64_t seed) {
-    dataset d;
-    d.n = n;
-    d.rows.resize(512 * static_cast<size_t>(n));
-    int_rng g(seed);
-    for (auto& v : d.rows) v = g.bell();
-    d.quantise();
-    return d;
-}
-
-// n rows around `clusters` random directions; spread scales the per-row noise.
+// n rows around `clusters` random directions (none: plain noise); spread scales the noise.
 inline dataset clustered_rows(uint32_t n, uint32_t clusters, float spread, uint64_t seed) {
     dataset d;
     d.n = n;
@@ -64,12 +54,17 @@ inline dataset clustered_rows(uint32_t n, uint32_t clusters, float spread, uint6
     std::vector<float> centers(512 * static_cast<size_t>(clusters));
     for (auto& v : centers) v = g.bell();
     for (uint32_t r = 0; r < n; ++r) {
-        const float* c = centers.data() + 512 * static_cast<size_t>(g.next() % clusters);
+        const float* c =
+            clusters ? centers.data() + 512 * static_cast<size_t>(g.next() % clusters) : nullptr;
         for (int l = 0; l < 512; ++l)
-            d.rows[512 * static_cast<size_t>(r) + l] = c[l] + spread * g.bell();
+            d.rows[512 * static_cast<size_t>(r) + l] = (c ? c[l] : 0.0f) + spread * g.bell();
     }
     d.quantise();
     return d;
+}
+
+inline dataset random_rows(uint32_t n, uint64_t seed) {
+    return clustered_rows(n, 0, 1.0f, seed);
 }
 
 inline uint64_t fnv1a(uint64_t h, const void* data, size_t bytes) {

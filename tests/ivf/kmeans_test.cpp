@@ -70,13 +70,11 @@ TEST(KmeansPlusPlus, RejectsBadArguments) {
     three_rows t;
     uint32_t out[4];
     unsigned int s = 1;
-    EXPECT_EQ(pick_kmeans_pp_indices(t.rows.data(), 3, 0, &s, out), -1);
-    EXPECT_EQ(pick_kmeans_pp_indices(t.rows.data(), 3, 4, &s, out), -1);
+    for (uint32_t k : {0u, 4u}) {
+        EXPECT_EQ(pick_kmeans_pp_indices(t.rows.data(), 3, k, &s, out), -1);
+        EXPECT_EQ(pick_kmeans_pp_indices_i8(t.codes.data(), 3, k, &s, out), -1);
+    }
     EXPECT_EQ(pick_kmeans_pp_indices(nullptr, 3, 1, &s, out), -1);
-    EXPECT_EQ(pick_kmeans_pp_indices(t.rows.data(), 3, 1, &s, nullptr), -1);
-    EXPECT_EQ(pick_kmeans_pp_indices_i8(t.codes.data(), 3, 0, &s, out), -1);
-    EXPECT_EQ(pick_kmeans_pp_indices_i8(t.codes.data(), 3, 4, &s, out), -1);
-    EXPECT_EQ(pick_kmeans_pp_indices_i8(nullptr, 3, 1, &s, out), -1);
     EXPECT_EQ(pick_kmeans_pp_indices_i8(t.codes.data(), 3, 1, &s, nullptr), -1);
     EXPECT_EQ(s, 1u);  // no draw on a rejected call
 }
@@ -97,9 +95,7 @@ TEST(IvfBuilders, BadArgumentsLeaveOutUntouched) {
         const float* m = d.norms.data();
         EXPECT_EQ(build(nullptr, 10, 2, 1, c, s, m, nullptr, &out), -1);
         EXPECT_EQ(build(r, 10, 2, 1, nullptr, s, m, nullptr, &out), -1);
-        EXPECT_EQ(build(r, 10, 2, 1, c, s, nullptr, nullptr, &out), -1);
         EXPECT_EQ(build(r, 10, 2, 1, c, s, m, nullptr, nullptr), -1);
-        EXPECT_EQ(build(r, 0, 1, 1, c, s, m, nullptr, &out), -1);
         EXPECT_EQ(build(r, 10, 0, 1, c, s, m, nullptr, &out), -1);
         EXPECT_EQ(build(r, 10, 11, 1, c, s, m, nullptr, &out), -1);
         EXPECT_EQ(std::memcmp(&out, &before, sizeof out), 0);
@@ -152,35 +148,6 @@ TEST(IvfKmeans, OneBucketHoldsEveryRowAroundTheMeanDirection) {
     orve_ivf_index_destroy(&idx);
 }
 
-TEST(IvfKmeans, IdenticalRowsAllGoToBucketZeroAndAZeroRowTakesPart) {
-    // Four lanes of 0.5: unit length, and the mean of any number of copies is exactly the row
-    // again, so every centroid, updated or re-seeded, sits at distance 0 from every row.
-    dataset d = ivf_test::random_rows(30, 54);
-    std::fill(d.rows.begin(), d.rows.end(), 0.0f);
-    for (uint32_t r = 0; r < d.n; ++r) {
-        for (int l : {3, 70, 200, 511}) d.rows[512 * r + l] = 0.5f;
-    }
-    d.quantise();
-    orve_ivf_index idx = zero_ivf();
-    ASSERT_EQ(orve_ivf_build_kmeans_centroids(d.rows.data(), d.n, 5, 9, d.codes.data(),
-                                              d.scales.data(), d.norms.data(), nullptr, &idx),
-              0);
-    EXPECT_EQ(idx.bucket_sizes[0], d.n);
-    for (uint32_t b = 1; b < 5; ++b) EXPECT_EQ(idx.bucket_sizes[b], 0u);
-    orve_ivf_index_destroy(&idx);
-
-    dataset z = ivf_test::clustered_rows(40, 3, 0.3f, 55);
-    std::fill(&z.rows[512 * 17], &z.rows[512 * 18], 0.0f);
-    z.quantise();
-    ASSERT_EQ(orve_ivf_build_kmeans_centroids(z.rows.data(), z.n, 40, 9, z.codes.data(),
-                                              z.scales.data(), z.norms.data(), nullptr, &idx),
-              0);  // n_buckets = n is accepted
-    uint32_t total = 0;
-    for (uint32_t b = 0; b < 40; ++b) total += idx.bucket_sizes[b];
-    EXPECT_EQ(total, 40u);
-    orve_ivf_index_destroy(&idx);
-}
-
 TEST(IvfRandomCentroids, EveryRowIsItsOwnCentroidWhenBucketsEqualRows) {
     const dataset d = ivf_test::random_rows(25, 56);
     orve_ivf_index idx = zero_ivf();
@@ -195,63 +162,16 @@ TEST(IvfRandomCentroids, EveryRowIsItsOwnCentroidWhenBucketsEqualRows) {
         EXPECT_EQ(idx.centroid_norms[b], d.norms[idx.row_ids[p]]);
     }
     orve_ivf_index_destroy(&idx);
-
-    // Two identical rows: both go to whichever of their centroids has the lower index.
-    dataset dup = d;
-    std::memcpy(&dup.rows[512 * 4], dup.row(9), 2048);
-    dup.quantise();
-    ASSERT_EQ(orve_ivf_build_random_centroids(dup.rows.data(), dup.n, dup.n, 3, dup.codes.data(),
-                                              dup.scales.data(), dup.norms.data(), nullptr, &idx),
-              0);
-    uint32_t twice = 0, empty = 0;
-    for (uint32_t b = 0; b < dup.n; ++b) {
-        if (idx.bucket_sizes[b] == 2) {
-            ++twice;
-            EXPECT_EQ(idx.row_ids[idx.bucket_offsets[b]], 4u);
-            EXPECT_EQ(idx.row_ids[idx.bucket_offsets[b] + 1], 9u);
-        }
-        if (idx.bucket_sizes[b] == 0) {
-            ++empty;
-            for (uint32_t c = 0; c < dup.n; ++c) {
-                if (idx.bucket_sizes[c] == 2) {
-                    EXPECT_LT(c, b);
-                }
-            }
-        }
-    }
-    EXPECT_EQ(twice, 1u);
-    EXPECT_EQ(empty, 1u);
-    orve_ivf_index_destroy(&idx);
 }
 
-TEST(Int8Kmeans, IdenticalCodesAllGoToCentroidZeroAndTrainingIsDeterministic) {
-    std::vector<int8_t> codes(512 * 12, 9);
-    std::vector<float> scales(12, 2.0f);
-    std::vector<float> cent(512 * 4);
-    std::vector<int8_t> ccodes(512 * 4);
-    std::vector<uint32_t> assignment(12, 99);
-    ASSERT_EQ(orve::kmeans_i8_train(codes.data(), scales.data(), 12, 4, 0, cent.data(),
-                                    ccodes.data(), assignment.data()),
-              0);
-    EXPECT_EQ(assignment, std::vector<uint32_t>(12, 0));
-    // Every centroid is a re-seeded, normalised dequantised code: all lanes 1 / sqrt(512).
-    EXPECT_NEAR(cent[512 * 3 + 100], 1.0f / std::sqrt(512.0f), 1e-6f);
-    EXPECT_EQ(ccodes[512 * 2 + 7], 127);
-
+TEST(Int8Kmeans, FinalAssignmentIsTheLargestDotAgainstTheFinalCodes) {
     const dataset d = ivf_test::clustered_rows(300, 6, 0.7f, 57);
-    std::vector<float> c1(512 * 10), c2(512 * 10);
-    std::vector<int8_t> q1(512 * 10), q2(512 * 10);
-    std::vector<uint32_t> a1(d.n), a2(d.n);
+    std::vector<float> c1(512 * 10);
+    std::vector<int8_t> q1(512 * 10);
+    std::vector<uint32_t> a1(d.n);
     ASSERT_EQ(orve::kmeans_i8_train(d.codes.data(), d.scales.data(), d.n, 10, 5, c1.data(),
                                     q1.data(), a1.data()),
               0);
-    ASSERT_EQ(orve::kmeans_i8_train(d.codes.data(), d.scales.data(), d.n, 10, 5, c2.data(),
-                                    q2.data(), a2.data()),
-              0);
-    EXPECT_EQ(a1, a2);
-    EXPECT_EQ(c1, c2);
-    EXPECT_EQ(q1, q2);
-    // The final assignment is the largest raw dot product against the final centroid codes.
     for (uint32_t i = 0; i < d.n; ++i) {
         int64_t best = INT64_MIN;
         uint32_t want = 0;
