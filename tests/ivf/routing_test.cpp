@@ -66,6 +66,13 @@ TEST(BucketRouting, DesignExampleTiesAndProbeClamping) {
     // A centroid stored with scale 0 scores 0: after positive scores, before negative ones.
     cs.scales[1] = 0.0f;
     EXPECT_EQ(route(idx, q, 4), (std::vector<uint32_t>{0, 2, 1, 3}));
+    // Rejections write nothing.
+    uint32_t out[1] = {77};
+    EXPECT_EQ(orve_ivf_route_top_buckets(nullptr, q.data(), 1, out), -1);
+    EXPECT_EQ(orve_ivf_route_top_buckets(&idx, q.data(), 0, out), -1);
+    const orve_ivf_index empty = ivf_test::zero_ivf();
+    EXPECT_EQ(orve_ivf_route_top_buckets(&empty, q.data(), 1, out), -1);
+    EXPECT_EQ(out[0], 77u);
 }
 
 TEST(ScoredPairOrder, NaNOnEitherSideLetsTheIndexDecide) {
@@ -73,20 +80,6 @@ TEST(ScoredPairOrder, NaNOnEitherSideLetsTheIndexDecide) {
     EXPECT_EQ(cmp_scored_desc(&nan5, &d2), 1);
     EXPECT_EQ(cmp_scored_desc(&d2, &nan5), -1);
     EXPECT_EQ(cmp_scored_desc(&nan5, &e9), -1);
-}
-
-TEST(BucketRouting, RejectsBadArgumentsWithoutWriting) {
-    centroid_set cs{0.5f, 0.9f};
-    orve_ivf_index idx = ivf_test::zero_ivf();
-    cs.point(&idx);
-    const auto q = e0_query();
-    uint32_t out[2] = {77, 77};
-    EXPECT_EQ(orve_ivf_route_top_buckets(nullptr, q.data(), 1, out), -1);
-    EXPECT_EQ(orve_ivf_route_top_buckets(&idx, q.data(), 0, out), -1);
-    orve_ivf_index empty = ivf_test::zero_ivf();
-    EXPECT_EQ(orve_ivf_route_top_buckets(&empty, q.data(), 1, out), -1);
-    EXPECT_EQ(out[0], 77u);
-    EXPECT_EQ(out[1], 77u);
 }
 
 // An H-IVF whose level-1 and leaf centroids are given by their cosines with e0; an empty
@@ -135,12 +128,10 @@ TEST(LeafRouting, DesignExampleGroupsLeavesUnderTheirLevelOneBucket) {
     // A zero query ties everything at 0: ascending at both levels.
     const std::vector<float> tiny(512, 1e-13f);
     EXPECT_EQ(leaves_of(x.h, tiny, 3, 2), (leaf_list{{0, 0}, {0, 1}, {1, 0}, {1, 1}, {2, 0}}));
-}
-
-TEST(LeafRouting, EmptyLevelOneBucketContributesNothingAndIsNotReplaced) {
-    hand_hivf x({0.2f, 0.8f, 0.5f}, {centroid_set{0.3f, 0.95f}, centroid_set{}, centroid_set{0.4f}},
+    // An empty level-1 bucket contributes nothing and is not replaced by the next one.
+    hand_hivf y({0.2f, 0.8f, 0.5f}, {centroid_set{0.3f, 0.95f}, centroid_set{}, centroid_set{0.4f}},
                 2);
-    EXPECT_EQ(leaves_of(x.h, e0_query(), 2, 2), (leaf_list{{2, 0}}));
+    EXPECT_EQ(leaves_of(y.h, q, 2, 2), (leaf_list{{2, 0}}));
 }
 
 TEST(LeafRouting, RejectsBadArgumentsAndMalformedRecords) {
