@@ -13,7 +13,8 @@
 
 namespace {
 
-// The stated order, written plainly: 16 partial sums advanced by the C library's fmaf, then
+// The order every kernel must reproduce, so that trainings agree bit for bit on every
+// processor: 16 partial sums advanced by the C library's fmaf, then
 // S[l] = (P[8+l] + P[12+l]) + (P[l] + P[4+l]) and (S0 + S1) + (S2 + S3).
 float model_l2sq(const float* a, const float* b) {
     float p[16] = {};
@@ -34,7 +35,7 @@ uint32_t bits(float f) {
     return u;
 }
 
-TEST(L2sq512, EveryKernelMatchesTheStatedOrderBitForBit) {
+TEST(L2sq512, EveryKernelMatchesThePlainModelBitForBit) {
     // Rows mixing magnitudes so that rounding actually happens in the partial sums.
     constexpr uint32_t n = 64;
     ivf_test::int_rng g(11);

@@ -34,7 +34,7 @@ std::vector<uint32_t> as_vector(const uint32_t* p, uint32_t n) {
     return {p, p + n};
 }
 
-TEST(IvfCompaction, FiveRowExampleFromTheDesign) {
+TEST(IvfCompaction, FiveRowExample) {
     const uint32_t assignment[5] = {2, 0, 2, 1, 0};
     tagged_rows in(5);
     const auto centroids = axis_centroids(3);

@@ -19,7 +19,7 @@ uint64_t digest(const orve_ivf_index& x) {
     return ivf_test::digest_ivf(ivf_test::kFnvOffset, x);
 }
 
-// Three rows at squared distances 0, 1 and 3 from row 0 (the design's weighted-pick example).
+// Three rows at squared distances 0, 1 and 3 from row 0.
 struct three_rows {
     std::vector<int8_t> codes = std::vector<int8_t>(512 * 3, 0);
     std::vector<float> rows = std::vector<float>(512 * 3, 0.0f);

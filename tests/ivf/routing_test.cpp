@@ -53,7 +53,7 @@ std::vector<uint32_t> route(const orve_ivf_index& idx, const std::vector<float>&
     return out;
 }
 
-TEST(BucketRouting, DesignExampleTiesAndProbeClamping) {
+TEST(BucketRouting, ScoreOrderTiesAndProbeClamping) {
     centroid_set cs{0.5f, 0.9f, 0.5f, -0.1f};
     orve_ivf_index idx = ivf_test::zero_ivf();
     cs.point(&idx);
@@ -116,7 +116,7 @@ leaf_list leaves_of(const orve_hivf_index& h, const std::vector<float>& q, uint3
     return out;
 }
 
-TEST(LeafRouting, DesignExampleGroupsLeavesUnderTheirLevelOneBucket) {
+TEST(LeafRouting, GroupsLeavesUnderTheirLevelOneBucket) {
     hand_hivf x({0.2f, 0.8f, 0.5f},
                 {centroid_set{0.3f, 0.95f}, centroid_set{0.1f, 0.7f}, centroid_set{0.4f}}, 2);
     const auto q = e0_query();
