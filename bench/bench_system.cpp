@@ -200,6 +200,7 @@ void builds(std::size_t rows, const std::vector<float>& centres) {
 }  // namespace
 
 int main(int argc, char** argv) {
+    std::setvbuf(stdout, nullptr, _IOLBF, 0);  // figures appear as they come, also in a log
     std::size_t big = 1000000;
     bool builds_only = false;
     for (int i = 1; i < argc; ++i) {

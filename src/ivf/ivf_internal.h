@@ -84,6 +84,9 @@ uint32_t kmeans_rand_index(unsigned int* state, uint32_t n);
 // double, in index order), or a uniform row when every distance is (near) zero.
 uint32_t kmeans_pp_draw(const float* d, uint32_t n, unsigned int* state);
 
+// The factor l2_normalize_inplace scales a row by, or -1 when it leaves the row as it is.
+float unit_length_factor(const float* row);
+
 // Float row value i of a code row: code x (1 / scale), computed in float; 0 when scale <= 0.
 void dequantize_row(const int8_t* code, float scale, float* out);
 

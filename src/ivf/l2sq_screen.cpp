@@ -164,10 +164,11 @@ bool row_sketches::allocate(uint32_t n) {
     return true;
 }
 
-void row_sketches::fill(const float* rows) {
+void row_sketches::fill(row_source rows) {
     bool all = true;
+    float scratch[kRowBytes];
     for (uint32_t r = 0; r < count; ++r) {
-        const float* x = float_row(rows, r);
+        const float* x = rows.get(r, scratch);
         int8_t* q = codes.get() + static_cast<std::size_t>(r) * kRowBytes;
         float scale = 0.0f;
         orve_quantize_float_vector_symmetric(x, ORVE512_DIM, q, &scale, nullptr);
@@ -203,7 +204,7 @@ void row_sketches::fill(const float* rows) {
     all_usable = all;
 }
 
-bool l2sq_screen::init(const float* row_block, uint32_t n, uint32_t k) {
+bool l2sq_screen::init(row_source row_block, uint32_t n, uint32_t k) {
     if (!rows.allocate(n) || !centroids.allocate(k)) return false;
     row_dots = c_calloc_array<int32_t>(rows.padded);  // padding entries stay 0
     tile_dots = c_calloc_array<int32_t>(static_cast<std::size_t>(4) * centroids.padded);
@@ -253,11 +254,13 @@ void l2sq_screen::set_centroids(const float* centroid_block) {
     have_previous = true;
 }
 
-void assign_nearest_l2sq(const float* rows, uint32_t n, const float* centroids, uint32_t k,
+void assign_nearest_l2sq(row_source rows, uint32_t n, const float* centroids, uint32_t k,
                          l2sq_screen* screen, uint32_t* assignment) {
+    // Room for the rows waiting for the screen (four) and the row at hand.
+    float scratch[5][kRowBytes];
     if (screen == nullptr || !screen->centroids.all_usable) {
         for (uint32_t i = 0; i < n; ++i)
-            assignment[i] = nearest_full_scan(float_row(rows, i), centroids, k);
+            assignment[i] = nearest_full_scan(rows.get(i, scratch[0]), centroids, k);
         if (screen != nullptr) {
             screen->have_bounds = false;
             screen->drift_valid = false;
@@ -273,6 +276,7 @@ void assign_nearest_l2sq(const float* rows, uint32_t n, const float* centroids, 
 
     // Rows that need the int8 screen are gathered four at a time for the dot-product kernel.
     uint32_t pending[4];
+    const float* pending_rows[4];
     uint32_t n_pending = 0;
     auto flush = [&]() {
         const int8_t* four[4];
@@ -281,7 +285,7 @@ void assign_nearest_l2sq(const float* rows, uint32_t n, const float* centroids, 
                      s.tile_dots.get(), ld);
         for (uint32_t r = 0; r < n_pending; ++r) {
             const uint32_t i = pending[r];
-            assignment[i] = nearest_screened(float_row(rows, i), centroids, k, kernel, s, i,
+            assignment[i] = nearest_screened(pending_rows[r], centroids, k, kernel, s, i,
                                              s.tile_dots.get() + r * ld, &s.other_lower[i]);
         }
         s.rows_screened += n_pending;
@@ -289,7 +293,8 @@ void assign_nearest_l2sq(const float* rows, uint32_t n, const float* centroids, 
     };
 
     for (uint32_t i = 0; i < n; ++i) {
-        const float* x = float_row(rows, i);
+        // Read into the next free pending slot, so a row that goes to the screen stays there.
+        const float* x = rows.get(i, scratch[n_pending]);
         if (!s.rows.usable[i]) {
             assignment[i] = nearest_full_scan(x, centroids, k);
             s.other_lower[i] = -1.0;
@@ -304,6 +309,7 @@ void assign_nearest_l2sq(const float* rows, uint32_t n, const float* centroids, 
             ++s.rows_by_drift;
             continue;
         }
+        pending_rows[n_pending] = x;
         pending[n_pending++] = i;
         if (n_pending == 4) flush();
     }
@@ -317,11 +323,12 @@ namespace {
 
 // d[i] = l2sq_512(row i, row pick) wherever that is smaller than d[i] (replaced only when d[i]
 // is strictly larger). The screen skips rows whose distance to the pick cannot be below d[i].
-void lower_distances(const float* rows, uint32_t n, uint32_t pick, float* d, l2sq_screen* screen) {
-    const float* p = float_row(rows, pick);
+void lower_distances(row_source rows, uint32_t n, uint32_t pick, float* d, l2sq_screen* screen) {
+    float pick_row[kRowBytes], scratch[kRowBytes];
+    const float* p = rows.get(pick, pick_row);
     if (screen == nullptr || !screen->rows.usable[pick]) {
         for (uint32_t i = 0; i < n; ++i) {
-            const float v = l2sq_512(float_row(rows, i), p);
+            const float v = l2sq_512(rows.get(i, scratch), p);
             if (d[i] > v) d[i] = v;
         }
         return;
@@ -334,22 +341,24 @@ void lower_distances(const float* rows, uint32_t n, uint32_t pick, float* d, l2s
     const uint8_t* usable = rs.usable.get();
     for (uint32_t i = 0; i < n; ++i) {
         if (usable[i] && !(lo[i] < d[i])) continue;
-        const float v = l2sq_512(float_row(rows, i), p);
+        const float v = l2sq_512(rows.get(i, scratch), p);
         if (d[i] > v) d[i] = v;
     }
 }
 
 }  // namespace
 
-int pick_kmeans_pp_indices_screened(const float* rows, uint32_t n, uint32_t k, unsigned int* state,
+int pick_kmeans_pp_indices_screened(row_source rows, uint32_t n, uint32_t k, unsigned int* state,
                                     uint32_t* out, l2sq_screen* screen) {
-    if (k == 0 || k > n || rows == nullptr || out == nullptr) return -1;
+    if (k == 0 || k > n || rows.rows == nullptr || out == nullptr) return -1;
     c_unique<float[]> d = c_alloc_array<float>(n);
     if (!d) return -1;
 
     const uint32_t first = kmeans_rand_index(state, n);
     out[0] = first;
-    for (uint32_t i = 0; i < n; ++i) d[i] = l2sq_512(float_row(rows, i), float_row(rows, first));
+    float first_row[kRowBytes], scratch[kRowBytes];
+    const float* f = rows.get(first, first_row);
+    for (uint32_t i = 0; i < n; ++i) d[i] = l2sq_512(rows.get(i, scratch), f);
     if (k == 1) return 0;
 
     for (uint32_t j = 1; j < k; ++j) {

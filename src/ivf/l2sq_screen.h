@@ -29,6 +29,25 @@
 
 namespace orve {
 
+// Rows as the training reads them: a block of rows, optionally with each row's
+// unit_length_factor, applied as the row is read. Training on raw rows this way needs no
+// normalised copy of them all (2 KB a row), and row x factor is the very product
+// l2_normalize_inplace forms, so every row read has the same bits as the copy would.
+struct row_source {
+    const float* rows;
+    const float* factor = nullptr;
+    row_source(const float* block, const float* factors = nullptr)  // NOLINT: plain rows convert
+        : rows(block), factor(factors) {}
+    // Row i, either in place or scaled into `scratch` (512 floats).
+    const float* get(uint32_t i, float* scratch) const {
+        const float* x = rows + static_cast<std::size_t>(i) * 512;
+        if (factor == nullptr || factor[i] < 0.0f) return x;
+        const float f = factor[i];
+        for (std::size_t l = 0; l < 512; ++l) scratch[l] = x[l] * f;
+        return scratch;
+    }
+};
+
 // Int8 sketches of a block of float rows, with the norms the interval needs. Per-row values
 // are in separate arrays padded to a multiple of 16 entries (and the codes to as many rows,
 // zero-filled) so the screen kernels run over whole blocks.
@@ -49,7 +68,7 @@ struct row_sketches {
     // Allocates room for `count` rows; false when memory is short.
     bool allocate(uint32_t count);
     // Sketches the `count` rows of a row-major block.
-    void fill(const float* rows);
+    void fill(row_source rows);
     const int8_t* code(uint32_t r) const { return codes.get() + static_cast<std::size_t>(r) * 512; }
     sketch_columns columns() const {
         return sketch_columns{norm2, norm, hat_norm, err_norm, inv_scale, padded};
@@ -93,7 +112,7 @@ struct l2sq_screen {
 
     // Sketches n rows and makes room for k centroids. False when memory is short; the caller
     // then trains with full scans, which give the same result.
-    bool init(const float* row_block, uint32_t n, uint32_t k);
+    bool init(row_source row_block, uint32_t n, uint32_t k);
     // Takes the centroids of the next assignment.
     void set_centroids(const float* centroid_block);
 };
@@ -101,11 +120,11 @@ struct l2sq_screen {
 // Assigns each of n rows to the centroid with the smallest l2sq_512 (strictly smaller than the
 // best so far, starting from the largest finite float, so equal distances keep the lowest
 // centroid index). With a screen whose centroids are current, only candidates are computed.
-void assign_nearest_l2sq(const float* rows, uint32_t n, const float* centroids, uint32_t k,
+void assign_nearest_l2sq(row_source rows, uint32_t n, const float* centroids, uint32_t k,
                          l2sq_screen* screen, uint32_t* assignment);
 
 // pick_kmeans_pp_indices with an optional screen over the same rows (null: full scans).
-int pick_kmeans_pp_indices_screened(const float* rows, uint32_t n, uint32_t k, unsigned int* state,
+int pick_kmeans_pp_indices_screened(row_source rows, uint32_t n, uint32_t k, unsigned int* state,
                                     uint32_t* out, l2sq_screen* screen);
 
 }  // namespace orve
