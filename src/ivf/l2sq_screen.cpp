@@ -137,6 +137,35 @@ bool nearest_by_drift(const float* x, const float* centroids, uint32_t k, const 
     return true;
 }
 
+// The neighbouring-centroid path (see l2sq_screen.h). False when a's listed neighbours do not
+// cover every centroid that might be nearest, and the row must be screened.
+bool nearest_by_neighbours(const float* x, const float* centroids, const l2sq_screen& s, uint32_t i,
+                           uint32_t* choice, double* other_lower) {
+    constexpr uint32_t m = l2sq_screen::kNeighbours;
+    const uint32_t a = s.last[i];
+    const float fa = l2sq_512(x, float_row(centroids, a));
+    const double up = distance_beyond(fa);  // also an upper bound of |x - a|
+    // |x - c| >= |a - c| - |x - a| > up whenever |a - c| > 2 up (plus slack for this sum).
+    const double reach = 2.0 * up + kDistSlack;
+    if (!(reach < INFINITY)) return false;
+    const uint32_t* idx = s.near_index.get() + static_cast<std::size_t>(a) * m;
+    const double* lower = s.near_lower.get() + static_cast<std::size_t>(a) * m;
+    uint32_t j = 0;
+    nearest n;
+    n.offer(fa, a);
+    for (; j < m && idx[j] != UINT32_MAX && !(lower[j] > reach); ++j)
+        n.offer(l2sq_512(x, float_row(centroids, idx[j])), idx[j]);
+    const double beyond_list = j < m && idx[j] != UINT32_MAX ? lower[j] : s.rest_lower[a];
+    if (!(beyond_list > reach)) return false;
+    // Centroids not offered are at least beyond_list - up away; the offered ones other than
+    // the winner are bounded by their float distances.
+    const double from_rest = beyond_list - up - kDistSlack;
+    const double from_offered = n.second < FLT_MAX ? distance_below(n.second) : from_rest;
+    *other_lower = from_rest < from_offered ? from_rest : from_offered;
+    *choice = n.choice;
+    return true;
+}
+
 }  // namespace
 
 bool row_sketches::allocate(uint32_t n) {
@@ -215,8 +244,14 @@ bool l2sq_screen::init(row_source row_block, uint32_t n, uint32_t k) {
     by_drift = c_alloc_array<uint32_t>(k);
     other_lower = c_alloc_array<double>(n);
     last = c_alloc_array<uint32_t>(n);
+    near_index = c_alloc_array<uint32_t>(static_cast<std::size_t>(k) * kNeighbours);
+    near_lower = c_alloc_array<double>(static_cast<std::size_t>(k) * kNeighbours);
+    rest_lower = c_alloc_array<double>(k);
+    pair_dist = c_alloc_array<float>(k);
+    pair_order = c_alloc_array<uint32_t>(k);
     if (!row_dots || !tile_dots || !lo || !candidates || !previous || !drift || !by_drift ||
-        !other_lower || !last) {
+        !other_lower || !last || !near_index || !near_lower || !rest_lower || !pair_dist ||
+        !pair_order) {
         return false;
     }
     rows.fill(row_block);
@@ -252,6 +287,40 @@ void l2sq_screen::set_centroids(const float* centroid_block) {
     std::memcpy(previous.get(), centroid_block,
                 static_cast<std::size_t>(k) * kRowBytes * sizeof(float));
     have_previous = true;
+
+    // The neighbour lists, from one float distance per pair of centroids. Only worth it once
+    // rows have a last centroid, and only valid when the error budget holds for every centroid.
+    have_neighbours = false;
+    if (!have_last || !centroids.all_usable) return;
+    float* pd = pair_dist.get();
+    uint32_t* order = pair_order.get();
+    for (uint32_t a = 0; a < k; ++a) {
+        uint32_t others = 0;
+        for (uint32_t c = 0; c < k; ++c) {
+            if (c == a) continue;
+            pd[c] = l2sq_512(float_row(centroid_block, a), float_row(centroid_block, c));
+            order[others++] = c;
+        }
+        // Nearest first; NaN (impossible for usable centroids) would only make bounds useless.
+        const auto closer = [pd](uint32_t x, uint32_t y) {
+            return pd[x] < pd[y] || (pd[x] == pd[y] && x < y);
+        };
+        const uint32_t listed = others < kNeighbours ? others : kNeighbours;
+        if (others > listed) {
+            std::nth_element(order, order + listed, order + others, closer);
+            rest_lower[a] = distance_below(pd[order[listed]]);
+        } else {
+            rest_lower[a] = INFINITY;
+        }
+        std::sort(order, order + listed, closer);
+        uint32_t* idx = near_index.get() + static_cast<std::size_t>(a) * kNeighbours;
+        double* lower = near_lower.get() + static_cast<std::size_t>(a) * kNeighbours;
+        for (uint32_t j = 0; j < kNeighbours; ++j) {
+            idx[j] = j < listed ? order[j] : UINT32_MAX;
+            lower[j] = j < listed ? distance_below(pd[order[j]]) : INFINITY;
+        }
+    }
+    have_neighbours = true;
 }
 
 void assign_nearest_l2sq(row_source rows, uint32_t n, const float* centroids, uint32_t k,
@@ -273,6 +342,7 @@ void assign_nearest_l2sq(row_source rows, uint32_t n, const float* centroids, ui
     const uint32_t k4 = (k + 3u) & ~3u;  // within the zero-filled padding rows
     const std::size_t ld = s.centroids.padded;
     const bool drift = s.drift_valid;
+    const bool neighbours = s.have_neighbours && s.have_last;
 
     // Rows that need the int8 screen are gathered four at a time for the dot-product kernel.
     uint32_t pending[4];
@@ -309,6 +379,12 @@ void assign_nearest_l2sq(row_source rows, uint32_t n, const float* centroids, ui
             ++s.rows_by_drift;
             continue;
         }
+        if (neighbours && nearest_by_neighbours(x, centroids, s, i, &choice, &lower)) {
+            assignment[i] = choice;
+            s.other_lower[i] = lower;
+            ++s.rows_by_neighbours;
+            continue;
+        }
         pending_rows[n_pending] = x;
         pending[n_pending++] = i;
         if (n_pending == 4) flush();
@@ -316,7 +392,9 @@ void assign_nearest_l2sq(row_source rows, uint32_t n, const float* centroids, ui
     if (n_pending > 0) flush();
     std::memcpy(s.last.get(), assignment, static_cast<std::size_t>(n) * sizeof(uint32_t));
     s.have_bounds = true;
+    s.have_last = true;
     s.drift_valid = false;
+    s.have_neighbours = false;
 }
 
 namespace {

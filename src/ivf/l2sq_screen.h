@@ -88,7 +88,14 @@ struct row_sketches {
 // for every c other than a. The next assignment computes the row's float distance to a again
 // and needs to look at another centroid c only when L - drift(c) could be within reach of it;
 // usually no centroid is (rows deep inside their cluster), or a handful are, and those are
-// computed in float; only otherwise does the row go through the int8 screen again. The
+// computed in float; only otherwise does the row go through the int8 screen again.
+//
+// Neighbouring centroids. A row whose bound did not survive usually still sits near its last
+// centroid a, at a float distance fa. Any centroid c with |c - a| > 2 |x - a| is strictly
+// farther from x than a (triangle inequality), so only the centroids near a need a float
+// distance. Every assignment keeps, for each centroid, its kNeighbours nearest others in
+// ascending order with a lower bound of their true distances, and a lower bound for all the
+// rest; when all of a's listed neighbours might be within reach, the row is screened. The
 // conversions between float distances and true distances use the same error budget as the
 // screen, widened again, so the chosen centroid is always the one a full scan would choose.
 struct l2sq_screen {
@@ -104,11 +111,21 @@ struct l2sq_screen {
     c_unique<double[]> other_lower;   // n: lower bound of row i's true distance to every
                                       // centroid but last[i]; negative when unknown
     c_unique<uint32_t[]> last;        // n: the last assignment
+    // Per centroid: its nearest others (kNeighbours each, nearest first) with lower bounds of
+    // their true distances, and a lower bound of the distance to every centroid not listed.
+    static constexpr uint32_t kNeighbours = 32;
+    c_unique<uint32_t[]> near_index;  // k x kNeighbours
+    c_unique<double[]> near_lower;    // k x kNeighbours
+    c_unique<double[]> rest_lower;    // k
+    c_unique<float[]> pair_dist;      // k: scratch, one centroid's float distances to all
+    c_unique<uint32_t[]> pair_order;  // k: scratch
+    bool have_neighbours = false;     // the lists describe the current centroids
+    bool have_last = false;           // `last` holds an assignment (of any centroids)
     bool have_previous = false;       // `previous` holds centroids that were assigned with
     bool have_bounds = false;         // other_lower and last describe `previous`
     bool drift_valid = false;         // drift and by_drift describe the current centroids
     // How the rows of the assignments so far were decided (kept for tests and tuning).
-    uint64_t rows_by_drift = 0, rows_screened = 0, rows_scanned = 0;
+    uint64_t rows_by_drift = 0, rows_by_neighbours = 0, rows_screened = 0, rows_scanned = 0;
 
     // Sketches n rows and makes room for k centroids. False when memory is short; the caller
     // then trains with full scans, which give the same result.

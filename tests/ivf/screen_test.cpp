@@ -189,6 +189,7 @@ TEST(ScreenedAssignment, BoundsCarriedAcrossMovingCentroidsStayExact) {
         std::memcpy(&centroids[512 * (round % k)], d.row(g.next() % d.n), 2048);
     }
     EXPECT_GT(s.rows_by_drift, 0u);
+    EXPECT_GT(s.rows_by_neighbours, 0u);
     EXPECT_GT(s.rows_screened, 0u);
 }
 
