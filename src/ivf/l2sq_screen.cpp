@@ -424,6 +424,57 @@ void lower_distances(row_source rows, uint32_t n, uint32_t pick, float* d, l2sq_
     }
 }
 
+// The seeding after the first pick when every row is screenable. Each row belongs to the pick
+// its d[i] was measured to (d[i] is exactly l2sq_512 of the row and that pick). A new pick p
+// lowers d[i] only if the float distance to p is below d[i]; with c the row's pick, the
+// triangle inequality gives |x - p| >= |p - c| - |x - c|, so when |p - c| exceeds twice the
+// largest true distance d[i] allows, p is strictly farther than c in float as well, for the
+// whole group of c at once. The groups' bounds only grow when rows join, and rows that leave
+// keep the old bound valid, if loose. Scratch comes from the screen's assignment arrays,
+// unused until the first assignment: last (owners), drift (group bounds), by_drift (flags),
+// rest_lower (the group's distance to the pick).
+void pick_by_groups(row_source rows, uint32_t n, uint32_t k, unsigned int* state, uint32_t* out,
+                    float* d, l2sq_screen& s) {
+    uint32_t* owner = s.last.get();
+    double* group_max = s.drift.get();
+    uint32_t* look = s.by_drift.get();
+    double* to_pick = s.rest_lower.get();
+    float pick_row[kRowBytes], other_row[kRowBytes], scratch[kRowBytes];
+
+    float largest = 0.0f;
+    for (uint32_t i = 0; i < n; ++i) {
+        owner[i] = 0;
+        largest = d[i] > largest ? d[i] : largest;
+    }
+    group_max[0] = largest;
+    for (uint32_t j = 1; j < k; ++j) {
+        const uint32_t pick = kmeans_pp_draw(d, n, state);
+        out[j] = pick;
+        const float* p = rows.get(pick, pick_row);
+        bool any = false;
+        for (uint32_t g = 0; g < j; ++g) {
+            const double below = distance_below(l2sq_512(p, rows.get(out[g], other_row)));
+            to_pick[g] = below;
+            look[g] =
+                !(below > 2.0 * distance_beyond(static_cast<float>(group_max[g])) + kDistSlack);
+            any = any || look[g] != 0;
+        }
+        group_max[j] = 0.0;
+        if (!any) continue;
+        for (uint32_t i = 0; i < n; ++i) {
+            const uint32_t g = owner[i];
+            if (!look[g]) continue;
+            if (to_pick[g] > 2.0 * distance_beyond(d[i]) + kDistSlack) continue;
+            const float v = l2sq_512(rows.get(i, scratch), p);
+            if (d[i] > v) {
+                d[i] = v;
+                owner[i] = j;
+                if (v > group_max[j]) group_max[j] = v;
+            }
+        }
+    }
+}
+
 }  // namespace
 
 int pick_kmeans_pp_indices_screened(row_source rows, uint32_t n, uint32_t k, unsigned int* state,
@@ -439,6 +490,10 @@ int pick_kmeans_pp_indices_screened(row_source rows, uint32_t n, uint32_t k, uns
     for (uint32_t i = 0; i < n; ++i) d[i] = l2sq_512(rows.get(i, scratch), f);
     if (k == 1) return 0;
 
+    if (screen != nullptr && screen->rows.all_usable) {
+        pick_by_groups(rows, n, k, state, out, d.get(), *screen);
+        return 0;
+    }
     for (uint32_t j = 1; j < k; ++j) {
         const uint32_t pick = kmeans_pp_draw(d.get(), n, state);
         out[j] = pick;
