@@ -430,15 +430,19 @@ void lower_distances(row_source rows, uint32_t n, uint32_t pick, float* d, l2sq_
 // triangle inequality gives |x - p| >= |p - c| - |x - c|, so when |p - c| exceeds twice the
 // largest true distance d[i] allows, p is strictly farther than c in float as well, for the
 // whole group of c at once. The groups' bounds only grow when rows join, and rows that leave
-// keep the old bound valid, if loose. Scratch comes from the screen's assignment arrays,
-// unused until the first assignment: last (owners), drift (group bounds), by_drift (flags),
-// rest_lower (the group's distance to the pick).
+// keep the old bound valid, if loose. When the groups looked at hold many rows, the int8
+// screen over all rows (as in lower_distances) is cheaper than float distances for them, and
+// only the rows of those groups that it cannot rule out get one. Scratch comes from the
+// screen's assignment arrays, unused until the first assignment: last (owners), drift (group
+// bounds), by_drift (flags), rest_lower (the group's distance to the pick), candidates (group
+// sizes).
 void pick_by_groups(row_source rows, uint32_t n, uint32_t k, unsigned int* state, uint32_t* out,
                     float* d, l2sq_screen& s) {
     uint32_t* owner = s.last.get();
     double* group_max = s.drift.get();
     uint32_t* look = s.by_drift.get();
     double* to_pick = s.rest_lower.get();
+    uint32_t* size = s.candidates.get();
     float pick_row[kRowBytes], other_row[kRowBytes], scratch[kRowBytes];
 
     float largest = 0.0f;
@@ -447,27 +451,40 @@ void pick_by_groups(row_source rows, uint32_t n, uint32_t k, unsigned int* state
         largest = d[i] > largest ? d[i] : largest;
     }
     group_max[0] = largest;
+    size[0] = n;
     for (uint32_t j = 1; j < k; ++j) {
         const uint32_t pick = kmeans_pp_draw(d, n, state);
         out[j] = pick;
         const float* p = rows.get(pick, pick_row);
-        bool any = false;
+        std::size_t looked = 0;
         for (uint32_t g = 0; g < j; ++g) {
             const double below = distance_below(l2sq_512(p, rows.get(out[g], other_row)));
             to_pick[g] = below;
             look[g] =
                 !(below > 2.0 * distance_beyond(static_cast<float>(group_max[g])) + kDistSlack);
-            any = any || look[g] != 0;
+            if (look[g]) looked += size[g];
         }
         group_max[j] = 0.0;
-        if (!any) continue;
+        size[j] = 0;
+        if (looked == 0) continue;
+        const bool bulk = looked > n / 32;
+        const float* lo = s.lo.get();
+        if (bulk) {
+            const row_sketches& rs = s.rows;
+            dot512_best().many(rs.code(pick), rs.codes.get(), n, s.row_dots.get());
+            screen_best().bounds(rs.point(pick), rs.columns(), s.row_dots.get(), s.lo.get());
+        }
         for (uint32_t i = 0; i < n; ++i) {
             const uint32_t g = owner[i];
             if (!look[g]) continue;
-            if (to_pick[g] > 2.0 * distance_beyond(d[i]) + kDistSlack) continue;
+            if (bulk ? !(lo[i] < d[i]) : to_pick[g] > 2.0 * distance_beyond(d[i]) + kDistSlack) {
+                continue;
+            }
             const float v = l2sq_512(rows.get(i, scratch), p);
             if (d[i] > v) {
                 d[i] = v;
+                --size[g];
+                ++size[j];
                 owner[i] = j;
                 if (v > group_max[j]) group_max[j] = v;
             }
