@@ -7,6 +7,13 @@
 #include "util/c_alloc.h"
 
 namespace orve {
+namespace {
+
+// The training over rows read from `raw` (float rows or code rows, without factors).
+int train(row_source raw, uint32_t n, uint32_t k, uint32_t seed, float* centroids,
+          uint32_t* assignment, bool use_screen);
+
+}  // namespace
 
 int kmeans_f32_train(const float* rows, uint32_t n, uint32_t k, uint32_t seed, float* centroids,
                      uint32_t* assignment) {
@@ -15,6 +22,30 @@ int kmeans_f32_train(const float* rows, uint32_t n, uint32_t k, uint32_t seed, f
 
 int kmeans_f32_train_with(const float* rows, uint32_t n, uint32_t k, uint32_t seed,
                           float* centroids, uint32_t* assignment, bool use_screen) {
+    return train(row_source(rows), n, k, seed, centroids, assignment, use_screen);
+}
+
+int kmeans_codes_train(const int8_t* codes, const float* scales, uint32_t n, uint32_t k,
+                       uint32_t seed, float* centroids, uint32_t* assignment) {
+    return train(row_source(codes, scales, nullptr), n, k, seed, centroids, assignment, true);
+}
+
+int ivf_build_from_codes(const int8_t* codes, const float* scales, const float* norms, uint32_t n,
+                         uint32_t n_buckets, uint32_t seed, orve_ivf_index* out) {
+    const uint32_t k = n_buckets;
+    c_unique<float[]> centroids = c_alloc_array<float>(static_cast<std::size_t>(k) * kRowBytes);
+    c_unique<uint32_t[]> assignment = c_alloc_array<uint32_t>(n);
+    if (!centroids || !assignment) return -1;
+    if (kmeans_codes_train(codes, scales, n, k, seed, centroids.get(), assignment.get()) != 0) {
+        return -1;
+    }
+    return ivf_finish_index(n, k, assignment.get(), centroids.get(), codes, scales, norms, out);
+}
+
+namespace {
+
+int train(row_source raw, uint32_t n, uint32_t k, uint32_t seed, float* centroids,
+          uint32_t* assignment, bool use_screen) {
     const std::size_t row_floats = kRowBytes;
     c_unique<uint32_t[]> picks = c_alloc_array<uint32_t>(k);
     c_unique<float[]> sums = c_calloc_array<float>(static_cast<std::size_t>(k) * row_floats);
@@ -24,9 +55,10 @@ int kmeans_f32_train_with(const float* rows, uint32_t n, uint32_t k, uint32_t se
 
     // The rows are trained on at unit length; each is scaled as it is read rather than kept in a
     // normalised copy, which would be the largest allocation of the build.
-    for (uint32_t i = 0; i < n; ++i) factors[i] = unit_length_factor(rows + i * row_floats);
-    const row_source work(rows, factors.get());
     float scratch[kRowBytes];
+    for (uint32_t i = 0; i < n; ++i) factors[i] = unit_length_factor(raw.get(i, scratch));
+    row_source work = raw;
+    work.factor = factors.get();
 
     // Choice: when there is no memory for the int8 screen (about 520 bytes per row), train
     // with full scans instead of failing; the screen never changes a decision, only the time.
@@ -77,6 +109,7 @@ int kmeans_f32_train_with(const float* rows, uint32_t n, uint32_t k, uint32_t se
     return 0;
 }
 
+}  // namespace
 }  // namespace orve
 
 extern "C" ORVE_API int orve_ivf_build_kmeans_centroids(

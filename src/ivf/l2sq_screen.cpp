@@ -496,7 +496,7 @@ void pick_by_groups(row_source rows, uint32_t n, uint32_t k, unsigned int* state
 
 int pick_kmeans_pp_indices_screened(row_source rows, uint32_t n, uint32_t k, unsigned int* state,
                                     uint32_t* out, l2sq_screen* screen) {
-    if (k == 0 || k > n || rows.rows == nullptr || out == nullptr) return -1;
+    if (k == 0 || k > n || rows.empty() || out == nullptr) return -1;
     c_unique<float[]> d = c_alloc_array<float>(n);
     if (!d) return -1;
 

@@ -29,18 +29,31 @@
 
 namespace orve {
 
-// Rows as the training reads them: a block of rows, optionally with each row's
-// unit_length_factor, applied as the row is read. Training on raw rows this way needs no
-// normalised copy of them all (2 KB a row), and row x factor is the very product
-// l2_normalize_inplace forms, so every row read has the same bits as the copy would.
+// Rows as the training reads them: a block of float rows, or int8 code rows with their scales
+// (dequantised as they are read: code x w with w = 1 / scale, or 0 when scale <= 0, the
+// products the object's dequantised cache holds),
+// optionally with each row's unit_length_factor, applied as the row is read. Training this way
+// needs no float copy of the rows, or no normalised one (2 KB a row each), and row x factor is
+// the very product l2_normalize_inplace forms, so every row read has the same bits as a copy.
 struct row_source {
-    const float* rows;
+    const float* rows = nullptr;
     const float* factor = nullptr;
+    const int8_t* codes = nullptr;
+    const float* scales = nullptr;
     row_source(const float* block, const float* factors = nullptr)  // NOLINT: plain rows convert
         : rows(block), factor(factors) {}
-    // Row i, either in place or scaled into `scratch` (512 floats).
+    row_source(const int8_t* code_block, const float* code_scales, const float* factors)
+        : factor(factors), codes(code_block), scales(code_scales) {}
+    bool empty() const { return rows == nullptr && codes == nullptr; }
+    // Row i, either in place or made in `scratch` (512 floats).
     const float* get(uint32_t i, float* scratch) const {
         const float* x = rows + static_cast<std::size_t>(i) * 512;
+        if (codes != nullptr) {
+            const int8_t* c = codes + static_cast<std::size_t>(i) * 512;
+            const float w = scales[i] > 0.0f ? 1.0f / scales[i] : 0.0f;
+            for (std::size_t l = 0; l < 512; ++l) scratch[l] = static_cast<float>(c[l]) * w;
+            x = scratch;
+        }
         if (factor == nullptr || factor[i] < 0.0f) return x;
         const float f = factor[i];
         for (std::size_t l = 0; l < 512; ++l) scratch[l] = x[l] * f;
