@@ -90,9 +90,10 @@ float unit_length_factor(const float* row);
 // Float row value i of a code row: code x (1 / scale), computed in float; 0 when scale <= 0.
 void dequantize_row(const int8_t* code, float scale, float* out);
 
-// Spherical k-means over n float rows: normalised working copy, k-means++ seeding, 25 rounds,
-// final assignment. Fills centroids (k x 512, caller's) and assignment (n, caller's). 0, or -1
-// when its scratch cannot be allocated or the seeding fails. Requires 1 <= k <= n.
+// Spherical k-means over n float rows: rows scaled to unit length as they are read (no copy),
+// k-means++ seeding, 25 rounds, final assignment. Fills centroids (k x 512, caller's) and
+// assignment (n, caller's). 0, or -1 when its scratch cannot be allocated or the seeding fails.
+// Requires 1 <= k <= n.
 int kmeans_f32_train(const float* rows, uint32_t n, uint32_t k, uint32_t seed, float* centroids,
                      uint32_t* assignment);
 
