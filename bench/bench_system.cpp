@@ -1,12 +1,15 @@
 // End-to-end figures for the system object: ingestion rate (with and without a sidecar),
 // brute-force queries per second at two sizes with the scan rate as a fraction of this
-// machine's single-thread read bandwidth, and resident memory per stored row.
+// machine's single-thread read bandwidth, resident memory per stored row, and the IVF and
+// H-IVF build times with the peak memory of each stage.
 //
-// Usage: bench_system [--rows N] (default 1000000; the small size is N / 10).
+// Usage: bench_system [--rows N] [--builds-only] (default 1000000; the small size is N / 10).
+//   --builds-only   only the build figures, at both sizes
 #include <sys/resource.h>
 #include <unistd.h>
 
 #include <chrono>
+#include <cmath>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -31,6 +34,27 @@ long resident_bytes() {
     if (std::fscanf(f, "%ld %ld", &pages, &resident) != 2) resident = 0;
     std::fclose(f);
     return resident * sysconf(_SC_PAGESIZE);
+}
+
+// The process's peak resident memory in bytes, and a reset of it to the current resident size
+// (writing 5 to clear_refs), so that every stage can report its own peak.
+long peak_resident_bytes() {
+    FILE* f = std::fopen("/proc/self/status", "r");
+    if (f == nullptr) return 0;
+    char line[256];
+    long kb = 0;
+    while (std::fgets(line, sizeof line, f) != nullptr) {
+        if (std::sscanf(line, "VmHWM: %ld kB", &kb) == 1) break;
+    }
+    std::fclose(f);
+    return kb * 1024;
+}
+
+bool reset_peak() {
+    FILE* f = std::fopen("/proc/self/clear_refs", "w");
+    if (f == nullptr) return false;
+    const bool ok = std::fputs("5", f) >= 0;
+    return std::fclose(f) == 0 && ok;
 }
 
 struct rng {
@@ -137,17 +161,65 @@ void brute_force(object& o, std::size_t rows, const std::vector<float>& centres,
         rows, 1.0 / s, rows_per_s, rows_per_s * 512 / 1e9, 100.0 * rows_per_s * 512 / bw);
 }
 
+// One stage of a build: seconds, and the peak resident memory during it per stored row, both
+// in total and above what was resident when the stage began.
+template <typename Stage>
+void build_stage(const char* name, std::size_t rows, Stage stage) {
+    const bool reset = reset_peak();
+    const long before = resident_bytes();
+    const auto t0 = clock_type::now();
+    const int rc = stage();
+    const double s = seconds_since(t0);
+    const long peak = peak_resident_bytes();
+    if (!reset) {
+        std::printf("%-22s %8zu rows: %8.2f s (rc %d), peak memory not measurable here\n", name,
+                    rows, s, rc);
+        return;
+    }
+    std::printf("%-22s %8zu rows: %8.2f s (rc %d), peak %6.2f KB/row, %6.2f KB/row above start\n",
+                name, rows, s, rc, peak / 1024.0 / rows, (peak - before) / 1024.0 / rows);
+}
+
+// Ingestion, an IVF build with nlist = 2 sqrt(n) and an H-IVF build with b1 = b2 about
+// sqrt(2 sqrt(n)), each with its time and peak memory.
+void builds(std::size_t rows, const std::vector<float>& centres) {
+    object o(rows);
+    build_stage("ingestion", rows, [&] {
+        ingest(o, rows, centres);
+        return 0;
+    });
+    const auto nlist = static_cast<uint32_t>(2.0 * std::sqrt(static_cast<double>(rows)));
+    build_stage("IVF build", rows,
+                [&] { return semantic_vector_indexing_system_build_ivf(o.sys, nlist, 42); });
+    const auto b = static_cast<uint32_t>(std::ceil(std::sqrt(static_cast<double>(nlist))));
+    build_stage("H-IVF build", rows,
+                [&] { return semantic_vector_indexing_system_build_ivf_level2(o.sys, b, b, 42); });
+    std::printf("  (nlist %u, H-IVF %u x %u)\n", nlist, b, b);
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
+    std::setvbuf(stdout, nullptr, _IOLBF, 0);  // figures appear as they come, also in a log
     std::size_t big = 1000000;
-    for (int i = 1; i + 1 < argc; ++i) {
-        if (std::strcmp(argv[i], "--rows") == 0) big = std::strtoull(argv[i + 1], nullptr, 10);
+    bool builds_only = false;
+    for (int i = 1; i < argc; ++i) {
+        if (std::strcmp(argv[i], "--rows") == 0 && i + 1 < argc) {
+            big = std::strtoull(argv[++i], nullptr, 10);
+        } else if (std::strcmp(argv[i], "--builds-only") == 0) {
+            builds_only = true;
+        }
     }
     const std::size_t small = big / 10;
     std::vector<float> centres(256 * 512);
     rng r{7};
     for (float& x : centres) x = r.next();
+
+    if (builds_only) {
+        builds(small, centres);
+        builds(big, centres);
+        return 0;
+    }
 
     const double bw = stream_bandwidth();
     std::printf("single-thread streaming read: %.2f GB/s\n", bw / 1e9);
@@ -184,5 +256,7 @@ int main(int argc, char** argv) {
         std::printf("resident memory: %.0f bytes per stored row (%zu rows)\n",
                     static_cast<double>(after - before) / big, big);
     }
+    builds(small, centres);
+    builds(big, centres);
     return 0;
 }

@@ -84,12 +84,16 @@ uint32_t kmeans_rand_index(unsigned int* state, uint32_t n);
 // double, in index order), or a uniform row when every distance is (near) zero.
 uint32_t kmeans_pp_draw(const float* d, uint32_t n, unsigned int* state);
 
+// The factor l2_normalize_inplace scales a row by, or -1 when it leaves the row as it is.
+float unit_length_factor(const float* row);
+
 // Float row value i of a code row: code x (1 / scale), computed in float; 0 when scale <= 0.
 void dequantize_row(const int8_t* code, float scale, float* out);
 
-// Spherical k-means over n float rows: normalised working copy, k-means++ seeding, 25 rounds,
-// final assignment. Fills centroids (k x 512, caller's) and assignment (n, caller's). 0, or -1
-// when its scratch cannot be allocated or the seeding fails. Requires 1 <= k <= n.
+// Spherical k-means over n float rows: rows scaled to unit length as they are read (no copy),
+// k-means++ seeding, 25 rounds, final assignment. Fills centroids (k x 512, caller's) and
+// assignment (n, caller's). 0, or -1 when its scratch cannot be allocated or the seeding fails.
+// Requires 1 <= k <= n.
 int kmeans_f32_train(const float* rows, uint32_t n, uint32_t k, uint32_t seed, float* centroids,
                      uint32_t* assignment);
 
@@ -97,6 +101,17 @@ int kmeans_f32_train(const float* rows, uint32_t n, uint32_t k, uint32_t seed, f
 // the plain full scans exist as the reference the screened training is checked against.
 int kmeans_f32_train_with(const float* rows, uint32_t n, uint32_t k, uint32_t seed,
                           float* centroids, uint32_t* assignment, bool use_screen);
+
+// The same training over the rows the codes dequantise to (code x (1 / scale), 0 when scale <= 0:
+// the object's dequantised cache), made as they are read, so no float copy of the rows exists.
+// Gives what kmeans_f32_train gives on those float rows.
+int kmeans_codes_train(const int8_t* codes, const float* scales, uint32_t n, uint32_t k,
+                       uint32_t seed, float* centroids, uint32_t* assignment);
+
+// The IVF build of orve_ivf_build_kmeans_centroids over those dequantised rows, with the same
+// requirements (1 <= n_buckets <= n, checked by the caller): the same index, without the floats.
+int ivf_build_from_codes(const int8_t* codes, const float* scales, const float* norms, uint32_t n,
+                         uint32_t n_buckets, uint32_t seed, orve_ivf_index* out);
 
 // Spherical k-means directly over m int8 codes (raw integer dot products for the assignment,
 // dequantised codes for the updates). Fills the k float centroids (k x 512), their k int8 codes

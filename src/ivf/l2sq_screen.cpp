@@ -137,6 +137,35 @@ bool nearest_by_drift(const float* x, const float* centroids, uint32_t k, const 
     return true;
 }
 
+// The neighbouring-centroid path (see l2sq_screen.h). False when a's listed neighbours do not
+// cover every centroid that might be nearest, and the row must be screened.
+bool nearest_by_neighbours(const float* x, const float* centroids, const l2sq_screen& s, uint32_t i,
+                           uint32_t* choice, double* other_lower) {
+    constexpr uint32_t m = l2sq_screen::kNeighbours;
+    const uint32_t a = s.last[i];
+    const float fa = l2sq_512(x, float_row(centroids, a));
+    const double up = distance_beyond(fa);  // also an upper bound of |x - a|
+    // |x - c| >= |a - c| - |x - a| > up whenever |a - c| > 2 up (plus slack for this sum).
+    const double reach = 2.0 * up + kDistSlack;
+    if (!(reach < INFINITY)) return false;
+    const uint32_t* idx = s.near_index.get() + static_cast<std::size_t>(a) * m;
+    const double* lower = s.near_lower.get() + static_cast<std::size_t>(a) * m;
+    uint32_t j = 0;
+    nearest n;
+    n.offer(fa, a);
+    for (; j < m && idx[j] != UINT32_MAX && !(lower[j] > reach); ++j)
+        n.offer(l2sq_512(x, float_row(centroids, idx[j])), idx[j]);
+    const double beyond_list = j < m && idx[j] != UINT32_MAX ? lower[j] : s.rest_lower[a];
+    if (!(beyond_list > reach)) return false;
+    // Centroids not offered are at least beyond_list - up away; the offered ones other than
+    // the winner are bounded by their float distances.
+    const double from_rest = beyond_list - up - kDistSlack;
+    const double from_offered = n.second < FLT_MAX ? distance_below(n.second) : from_rest;
+    *other_lower = from_rest < from_offered ? from_rest : from_offered;
+    *choice = n.choice;
+    return true;
+}
+
 }  // namespace
 
 bool row_sketches::allocate(uint32_t n) {
@@ -164,10 +193,11 @@ bool row_sketches::allocate(uint32_t n) {
     return true;
 }
 
-void row_sketches::fill(const float* rows) {
+void row_sketches::fill(row_source rows) {
     bool all = true;
+    float scratch[kRowBytes];
     for (uint32_t r = 0; r < count; ++r) {
-        const float* x = float_row(rows, r);
+        const float* x = rows.get(r, scratch);
         int8_t* q = codes.get() + static_cast<std::size_t>(r) * kRowBytes;
         float scale = 0.0f;
         orve_quantize_float_vector_symmetric(x, ORVE512_DIM, q, &scale, nullptr);
@@ -203,7 +233,7 @@ void row_sketches::fill(const float* rows) {
     all_usable = all;
 }
 
-bool l2sq_screen::init(const float* row_block, uint32_t n, uint32_t k) {
+bool l2sq_screen::init(row_source row_block, uint32_t n, uint32_t k) {
     if (!rows.allocate(n) || !centroids.allocate(k)) return false;
     row_dots = c_calloc_array<int32_t>(rows.padded);  // padding entries stay 0
     tile_dots = c_calloc_array<int32_t>(static_cast<std::size_t>(4) * centroids.padded);
@@ -214,8 +244,14 @@ bool l2sq_screen::init(const float* row_block, uint32_t n, uint32_t k) {
     by_drift = c_alloc_array<uint32_t>(k);
     other_lower = c_alloc_array<double>(n);
     last = c_alloc_array<uint32_t>(n);
+    near_index = c_alloc_array<uint32_t>(static_cast<std::size_t>(k) * kNeighbours);
+    near_lower = c_alloc_array<double>(static_cast<std::size_t>(k) * kNeighbours);
+    rest_lower = c_alloc_array<double>(k);
+    pair_dist = c_alloc_array<float>(k);
+    pair_order = c_alloc_array<uint32_t>(k);
     if (!row_dots || !tile_dots || !lo || !candidates || !previous || !drift || !by_drift ||
-        !other_lower || !last) {
+        !other_lower || !last || !near_index || !near_lower || !rest_lower || !pair_dist ||
+        !pair_order) {
         return false;
     }
     rows.fill(row_block);
@@ -251,13 +287,49 @@ void l2sq_screen::set_centroids(const float* centroid_block) {
     std::memcpy(previous.get(), centroid_block,
                 static_cast<std::size_t>(k) * kRowBytes * sizeof(float));
     have_previous = true;
+
+    // The neighbour lists, from one float distance per pair of centroids. Only worth it once
+    // rows have a last centroid, and only valid when the error budget holds for every centroid.
+    have_neighbours = false;
+    if (!have_last || !centroids.all_usable) return;
+    float* pd = pair_dist.get();
+    uint32_t* order = pair_order.get();
+    for (uint32_t a = 0; a < k; ++a) {
+        uint32_t others = 0;
+        for (uint32_t c = 0; c < k; ++c) {
+            if (c == a) continue;
+            pd[c] = l2sq_512(float_row(centroid_block, a), float_row(centroid_block, c));
+            order[others++] = c;
+        }
+        // Nearest first; NaN (impossible for usable centroids) would only make bounds useless.
+        const auto closer = [pd](uint32_t x, uint32_t y) {
+            return pd[x] < pd[y] || (pd[x] == pd[y] && x < y);
+        };
+        const uint32_t listed = others < kNeighbours ? others : kNeighbours;
+        if (others > listed) {
+            std::nth_element(order, order + listed, order + others, closer);
+            rest_lower[a] = distance_below(pd[order[listed]]);
+        } else {
+            rest_lower[a] = INFINITY;
+        }
+        std::sort(order, order + listed, closer);
+        uint32_t* idx = near_index.get() + static_cast<std::size_t>(a) * kNeighbours;
+        double* lower = near_lower.get() + static_cast<std::size_t>(a) * kNeighbours;
+        for (uint32_t j = 0; j < kNeighbours; ++j) {
+            idx[j] = j < listed ? order[j] : UINT32_MAX;
+            lower[j] = j < listed ? distance_below(pd[order[j]]) : INFINITY;
+        }
+    }
+    have_neighbours = true;
 }
 
-void assign_nearest_l2sq(const float* rows, uint32_t n, const float* centroids, uint32_t k,
+void assign_nearest_l2sq(row_source rows, uint32_t n, const float* centroids, uint32_t k,
                          l2sq_screen* screen, uint32_t* assignment) {
+    // Room for the rows waiting for the screen (four) and the row at hand.
+    float scratch[5][kRowBytes];
     if (screen == nullptr || !screen->centroids.all_usable) {
         for (uint32_t i = 0; i < n; ++i)
-            assignment[i] = nearest_full_scan(float_row(rows, i), centroids, k);
+            assignment[i] = nearest_full_scan(rows.get(i, scratch[0]), centroids, k);
         if (screen != nullptr) {
             screen->have_bounds = false;
             screen->drift_valid = false;
@@ -270,9 +342,11 @@ void assign_nearest_l2sq(const float* rows, uint32_t n, const float* centroids, 
     const uint32_t k4 = (k + 3u) & ~3u;  // within the zero-filled padding rows
     const std::size_t ld = s.centroids.padded;
     const bool drift = s.drift_valid;
+    const bool neighbours = s.have_neighbours && s.have_last;
 
     // Rows that need the int8 screen are gathered four at a time for the dot-product kernel.
     uint32_t pending[4];
+    const float* pending_rows[4];
     uint32_t n_pending = 0;
     auto flush = [&]() {
         const int8_t* four[4];
@@ -281,7 +355,7 @@ void assign_nearest_l2sq(const float* rows, uint32_t n, const float* centroids, 
                      s.tile_dots.get(), ld);
         for (uint32_t r = 0; r < n_pending; ++r) {
             const uint32_t i = pending[r];
-            assignment[i] = nearest_screened(float_row(rows, i), centroids, k, kernel, s, i,
+            assignment[i] = nearest_screened(pending_rows[r], centroids, k, kernel, s, i,
                                              s.tile_dots.get() + r * ld, &s.other_lower[i]);
         }
         s.rows_screened += n_pending;
@@ -289,7 +363,8 @@ void assign_nearest_l2sq(const float* rows, uint32_t n, const float* centroids, 
     };
 
     for (uint32_t i = 0; i < n; ++i) {
-        const float* x = float_row(rows, i);
+        // Read into the next free pending slot, so a row that goes to the screen stays there.
+        const float* x = rows.get(i, scratch[n_pending]);
         if (!s.rows.usable[i]) {
             assignment[i] = nearest_full_scan(x, centroids, k);
             s.other_lower[i] = -1.0;
@@ -304,24 +379,34 @@ void assign_nearest_l2sq(const float* rows, uint32_t n, const float* centroids, 
             ++s.rows_by_drift;
             continue;
         }
+        if (neighbours && nearest_by_neighbours(x, centroids, s, i, &choice, &lower)) {
+            assignment[i] = choice;
+            s.other_lower[i] = lower;
+            ++s.rows_by_neighbours;
+            continue;
+        }
+        pending_rows[n_pending] = x;
         pending[n_pending++] = i;
         if (n_pending == 4) flush();
     }
     if (n_pending > 0) flush();
     std::memcpy(s.last.get(), assignment, static_cast<std::size_t>(n) * sizeof(uint32_t));
     s.have_bounds = true;
+    s.have_last = true;
     s.drift_valid = false;
+    s.have_neighbours = false;
 }
 
 namespace {
 
 // d[i] = l2sq_512(row i, row pick) wherever that is smaller than d[i] (replaced only when d[i]
 // is strictly larger). The screen skips rows whose distance to the pick cannot be below d[i].
-void lower_distances(const float* rows, uint32_t n, uint32_t pick, float* d, l2sq_screen* screen) {
-    const float* p = float_row(rows, pick);
+void lower_distances(row_source rows, uint32_t n, uint32_t pick, float* d, l2sq_screen* screen) {
+    float pick_row[kRowBytes], scratch[kRowBytes];
+    const float* p = rows.get(pick, pick_row);
     if (screen == nullptr || !screen->rows.usable[pick]) {
         for (uint32_t i = 0; i < n; ++i) {
-            const float v = l2sq_512(float_row(rows, i), p);
+            const float v = l2sq_512(rows.get(i, scratch), p);
             if (d[i] > v) d[i] = v;
         }
         return;
@@ -334,24 +419,98 @@ void lower_distances(const float* rows, uint32_t n, uint32_t pick, float* d, l2s
     const uint8_t* usable = rs.usable.get();
     for (uint32_t i = 0; i < n; ++i) {
         if (usable[i] && !(lo[i] < d[i])) continue;
-        const float v = l2sq_512(float_row(rows, i), p);
+        const float v = l2sq_512(rows.get(i, scratch), p);
         if (d[i] > v) d[i] = v;
+    }
+}
+
+// The seeding after the first pick when every row is screenable. Each row belongs to the pick
+// its d[i] was measured to (d[i] is exactly l2sq_512 of the row and that pick). A new pick p
+// lowers d[i] only if the float distance to p is below d[i]; with c the row's pick, the
+// triangle inequality gives |x - p| >= |p - c| - |x - c|, so when |p - c| exceeds twice the
+// largest true distance d[i] allows, p is strictly farther than c in float as well, for the
+// whole group of c at once. The groups' bounds only grow when rows join, and rows that leave
+// keep the old bound valid, if loose. When the groups looked at hold many rows, the int8
+// screen over all rows (as in lower_distances) is cheaper than float distances for them, and
+// only the rows of those groups that it cannot rule out get one. Scratch comes from the
+// screen's assignment arrays, unused until the first assignment: last (owners), drift (group
+// bounds), by_drift (flags), rest_lower (the group's distance to the pick), candidates (group
+// sizes).
+void pick_by_groups(row_source rows, uint32_t n, uint32_t k, unsigned int* state, uint32_t* out,
+                    float* d, l2sq_screen& s) {
+    uint32_t* owner = s.last.get();
+    double* group_max = s.drift.get();
+    uint32_t* look = s.by_drift.get();
+    double* to_pick = s.rest_lower.get();
+    uint32_t* size = s.candidates.get();
+    float pick_row[kRowBytes], other_row[kRowBytes], scratch[kRowBytes];
+
+    float largest = 0.0f;
+    for (uint32_t i = 0; i < n; ++i) {
+        owner[i] = 0;
+        largest = d[i] > largest ? d[i] : largest;
+    }
+    group_max[0] = largest;
+    size[0] = n;
+    for (uint32_t j = 1; j < k; ++j) {
+        const uint32_t pick = kmeans_pp_draw(d, n, state);
+        out[j] = pick;
+        const float* p = rows.get(pick, pick_row);
+        std::size_t looked = 0;
+        for (uint32_t g = 0; g < j; ++g) {
+            const double below = distance_below(l2sq_512(p, rows.get(out[g], other_row)));
+            to_pick[g] = below;
+            look[g] =
+                !(below > 2.0 * distance_beyond(static_cast<float>(group_max[g])) + kDistSlack);
+            if (look[g]) looked += size[g];
+        }
+        group_max[j] = 0.0;
+        size[j] = 0;
+        if (looked == 0) continue;
+        const bool bulk = looked > n / 32;
+        const float* lo = s.lo.get();
+        if (bulk) {
+            const row_sketches& rs = s.rows;
+            dot512_best().many(rs.code(pick), rs.codes.get(), n, s.row_dots.get());
+            screen_best().bounds(rs.point(pick), rs.columns(), s.row_dots.get(), s.lo.get());
+        }
+        for (uint32_t i = 0; i < n; ++i) {
+            const uint32_t g = owner[i];
+            if (!look[g]) continue;
+            if (bulk ? !(lo[i] < d[i]) : to_pick[g] > 2.0 * distance_beyond(d[i]) + kDistSlack) {
+                continue;
+            }
+            const float v = l2sq_512(rows.get(i, scratch), p);
+            if (d[i] > v) {
+                d[i] = v;
+                --size[g];
+                ++size[j];
+                owner[i] = j;
+                if (v > group_max[j]) group_max[j] = v;
+            }
+        }
     }
 }
 
 }  // namespace
 
-int pick_kmeans_pp_indices_screened(const float* rows, uint32_t n, uint32_t k, unsigned int* state,
+int pick_kmeans_pp_indices_screened(row_source rows, uint32_t n, uint32_t k, unsigned int* state,
                                     uint32_t* out, l2sq_screen* screen) {
-    if (k == 0 || k > n || rows == nullptr || out == nullptr) return -1;
+    if (k == 0 || k > n || rows.empty() || out == nullptr) return -1;
     c_unique<float[]> d = c_alloc_array<float>(n);
     if (!d) return -1;
 
     const uint32_t first = kmeans_rand_index(state, n);
     out[0] = first;
-    for (uint32_t i = 0; i < n; ++i) d[i] = l2sq_512(float_row(rows, i), float_row(rows, first));
+    float first_row[kRowBytes], scratch[kRowBytes];
+    const float* f = rows.get(first, first_row);
+    for (uint32_t i = 0; i < n; ++i) d[i] = l2sq_512(rows.get(i, scratch), f);
     if (k == 1) return 0;
 
+    if (screen != nullptr && screen->rows.all_usable) {
+        pick_by_groups(rows, n, k, state, out, d.get(), *screen);
+        return 0;
+    }
     for (uint32_t j = 1; j < k; ++j) {
         const uint32_t pick = kmeans_pp_draw(d.get(), n, state);
         out[j] = pick;

@@ -29,6 +29,38 @@
 
 namespace orve {
 
+// Rows as the training reads them: a block of float rows, or int8 code rows with their scales
+// (dequantised as they are read: code x w with w = 1 / scale, or 0 when scale <= 0, the
+// products the object's dequantised cache holds),
+// optionally with each row's unit_length_factor, applied as the row is read. Training this way
+// needs no float copy of the rows, or no normalised one (2 KB a row each), and row x factor is
+// the very product l2_normalize_inplace forms, so every row read has the same bits as a copy.
+struct row_source {
+    const float* rows = nullptr;
+    const float* factor = nullptr;
+    const int8_t* codes = nullptr;
+    const float* scales = nullptr;
+    row_source(const float* block, const float* factors = nullptr)  // NOLINT: plain rows convert
+        : rows(block), factor(factors) {}
+    row_source(const int8_t* code_block, const float* code_scales, const float* factors)
+        : factor(factors), codes(code_block), scales(code_scales) {}
+    bool empty() const { return rows == nullptr && codes == nullptr; }
+    // Row i, either in place or made in `scratch` (512 floats).
+    const float* get(uint32_t i, float* scratch) const {
+        const float* x = rows + static_cast<std::size_t>(i) * 512;
+        if (codes != nullptr) {
+            const int8_t* c = codes + static_cast<std::size_t>(i) * 512;
+            const float w = scales[i] > 0.0f ? 1.0f / scales[i] : 0.0f;
+            for (std::size_t l = 0; l < 512; ++l) scratch[l] = static_cast<float>(c[l]) * w;
+            x = scratch;
+        }
+        if (factor == nullptr || factor[i] < 0.0f) return x;
+        const float f = factor[i];
+        for (std::size_t l = 0; l < 512; ++l) scratch[l] = x[l] * f;
+        return scratch;
+    }
+};
+
 // Int8 sketches of a block of float rows, with the norms the interval needs. Per-row values
 // are in separate arrays padded to a multiple of 16 entries (and the codes to as many rows,
 // zero-filled) so the screen kernels run over whole blocks.
@@ -49,7 +81,7 @@ struct row_sketches {
     // Allocates room for `count` rows; false when memory is short.
     bool allocate(uint32_t count);
     // Sketches the `count` rows of a row-major block.
-    void fill(const float* rows);
+    void fill(row_source rows);
     const int8_t* code(uint32_t r) const { return codes.get() + static_cast<std::size_t>(r) * 512; }
     sketch_columns columns() const {
         return sketch_columns{norm2, norm, hat_norm, err_norm, inv_scale, padded};
@@ -69,7 +101,14 @@ struct row_sketches {
 // for every c other than a. The next assignment computes the row's float distance to a again
 // and needs to look at another centroid c only when L - drift(c) could be within reach of it;
 // usually no centroid is (rows deep inside their cluster), or a handful are, and those are
-// computed in float; only otherwise does the row go through the int8 screen again. The
+// computed in float; only otherwise does the row go through the int8 screen again.
+//
+// Neighbouring centroids. A row whose bound did not survive usually still sits near its last
+// centroid a, at a float distance fa. Any centroid c with |c - a| > 2 |x - a| is strictly
+// farther from x than a (triangle inequality), so only the centroids near a need a float
+// distance. Every assignment keeps, for each centroid, its kNeighbours nearest others in
+// ascending order with a lower bound of their true distances, and a lower bound for all the
+// rest; when all of a's listed neighbours might be within reach, the row is screened. The
 // conversions between float distances and true distances use the same error budget as the
 // screen, widened again, so the chosen centroid is always the one a full scan would choose.
 struct l2sq_screen {
@@ -85,15 +124,25 @@ struct l2sq_screen {
     c_unique<double[]> other_lower;   // n: lower bound of row i's true distance to every
                                       // centroid but last[i]; negative when unknown
     c_unique<uint32_t[]> last;        // n: the last assignment
+    // Per centroid: its nearest others (kNeighbours each, nearest first) with lower bounds of
+    // their true distances, and a lower bound of the distance to every centroid not listed.
+    static constexpr uint32_t kNeighbours = 32;
+    c_unique<uint32_t[]> near_index;  // k x kNeighbours
+    c_unique<double[]> near_lower;    // k x kNeighbours
+    c_unique<double[]> rest_lower;    // k
+    c_unique<float[]> pair_dist;      // k: scratch, one centroid's float distances to all
+    c_unique<uint32_t[]> pair_order;  // k: scratch
+    bool have_neighbours = false;     // the lists describe the current centroids
+    bool have_last = false;           // `last` holds an assignment (of any centroids)
     bool have_previous = false;       // `previous` holds centroids that were assigned with
     bool have_bounds = false;         // other_lower and last describe `previous`
     bool drift_valid = false;         // drift and by_drift describe the current centroids
     // How the rows of the assignments so far were decided (kept for tests and tuning).
-    uint64_t rows_by_drift = 0, rows_screened = 0, rows_scanned = 0;
+    uint64_t rows_by_drift = 0, rows_by_neighbours = 0, rows_screened = 0, rows_scanned = 0;
 
     // Sketches n rows and makes room for k centroids. False when memory is short; the caller
     // then trains with full scans, which give the same result.
-    bool init(const float* row_block, uint32_t n, uint32_t k);
+    bool init(row_source row_block, uint32_t n, uint32_t k);
     // Takes the centroids of the next assignment.
     void set_centroids(const float* centroid_block);
 };
@@ -101,11 +150,11 @@ struct l2sq_screen {
 // Assigns each of n rows to the centroid with the smallest l2sq_512 (strictly smaller than the
 // best so far, starting from the largest finite float, so equal distances keep the lowest
 // centroid index). With a screen whose centroids are current, only candidates are computed.
-void assign_nearest_l2sq(const float* rows, uint32_t n, const float* centroids, uint32_t k,
+void assign_nearest_l2sq(row_source rows, uint32_t n, const float* centroids, uint32_t k,
                          l2sq_screen* screen, uint32_t* assignment);
 
 // pick_kmeans_pp_indices with an optional screen over the same rows (null: full scans).
-int pick_kmeans_pp_indices_screened(const float* rows, uint32_t n, uint32_t k, unsigned int* state,
+int pick_kmeans_pp_indices_screened(row_source rows, uint32_t n, uint32_t k, unsigned int* state,
                                     uint32_t* out, l2sq_screen* screen);
 
 }  // namespace orve

@@ -166,6 +166,7 @@ TEST(ScreenedAssignment, EqualsTheFullScanAcrossMovingCentroidsTiesAndUnscreenab
         std::memcpy(&centroids[512 * (round % k + 5)], d.row(g.next() % d.n), 2048);
     }
     EXPECT_GT(s.rows_by_drift, 0u);
+    EXPECT_GT(s.rows_by_neighbours, 0u);
     EXPECT_GT(s.rows_screened, 0u);
     // A NaN centroid turns the screen off for the whole pass; the result is still the same.
     centroids[512 * 7 + 3] = NAN;

@@ -1,0 +1,88 @@
+// Training time of this library's IVF build against FAISS's k-means on the same rows, in the
+// same run: FAISS with 25 rounds over all rows (no subsampling), the same number of centroids,
+// spherical like ours, on one thread.
+//
+// Usage: bench_kmeans_peer [--rows N] (default 200000; nlist = 2 sqrt(N)).
+#include <faiss/Clustering.h>
+#include <faiss/IndexFlat.h>
+#include <omp.h>
+
+#include <chrono>
+#include <cmath>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <vector>
+
+#include "semantic_vector_indexing.h"
+
+namespace {
+
+using clock_type = std::chrono::steady_clock;
+
+double seconds_since(clock_type::time_point t0) {
+    return std::chrono::duration<double>(clock_type::now() - t0).count();
+}
+
+// The rows bench_system ingests: 256 cluster centres plus noise.
+std::vector<float> clustered_rows(std::size_t n) {
+    uint64_t s = 7;
+    auto next = [&s] {
+        s ^= s << 13;
+        s ^= s >> 7;
+        s ^= s << 17;
+        return static_cast<float>(s >> 40) * 0x1p-23f - 1.0f;
+    };
+    std::vector<float> centres(256 * 512);
+    for (float& x : centres) x = next();
+    s = 12345;
+    std::vector<float> rows(n * 512);
+    for (std::size_t i = 0; i < n; ++i) {
+        const float* c = &centres[(i * 2654435761u % 256) * 512];
+        for (int d = 0; d < 512; ++d) rows[i * 512 + d] = c[d] + 0.5f * next();
+    }
+    return rows;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    std::size_t n = 200000;
+    for (int i = 1; i + 1 < argc; ++i) {
+        if (std::strcmp(argv[i], "--rows") == 0) n = std::strtoull(argv[i + 1], nullptr, 10);
+    }
+    const auto nlist = static_cast<uint32_t>(2.0 * std::sqrt(static_cast<double>(n)));
+    const std::vector<float> rows = clustered_rows(n);
+
+    {
+        std::vector<int8_t> codes(n * 512);
+        std::vector<float> scales(n), norms(n);
+        for (std::size_t i = 0; i < n; ++i) {
+            orve_quantize_float_vector_symmetric(&rows[i * 512], 512, &codes[i * 512], &scales[i],
+                                                 &norms[i]);
+        }
+        orve_ivf_index index;
+        const auto t0 = clock_type::now();
+        const int rc = orve_ivf_build_kmeans_centroids(rows.data(), static_cast<uint32_t>(n), nlist,
+                                                       42, codes.data(), scales.data(),
+                                                       norms.data(), nullptr, &index);
+        std::printf("ours:  IVF build (k-means and index), %zu rows, nlist %u: %8.2f s (rc %d)\n",
+                    n, nlist, seconds_since(t0), rc);
+        if (rc == 0) orve_ivf_index_destroy(&index);
+    }
+    {
+        omp_set_num_threads(1);
+        faiss::ClusteringParameters cp;
+        cp.niter = 25;
+        cp.spherical = true;
+        cp.max_points_per_centroid = static_cast<int>(n);  // every row, no subsampling
+        cp.seed = 42;
+        faiss::Clustering clus(512, nlist, cp);
+        faiss::IndexFlatL2 assigner(512);
+        const auto t0 = clock_type::now();
+        clus.train(static_cast<faiss::Index::idx_t>(n), rows.data(), assigner);
+        std::printf("FAISS: k-means, 25 rounds, %zu rows, nlist %u, 1 thread: %8.2f s\n", n, nlist,
+                    seconds_since(t0));
+    }
+    return 0;
+}
