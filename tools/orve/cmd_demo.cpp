@@ -141,8 +141,8 @@ const command_def& demo_def() {
             {"--nprobe", "N", "IVF buckets probed (default nlist / 16)"},
             {"--b1", "B", "H-IVF level-1 buckets, at most 64 (default about 2 x N^(1/4))"},
             {"--b2", "B", "H-IVF leaves per level-1 bucket, at most 64 (default as --b1)"},
-            {"--nprobe-l1", "A", "H-IVF level-1 buckets probed (default b1 / 4)"},
-            {"--nprobe-l2", "B", "H-IVF leaves probed per level-1 bucket (default b2 / 4)"},
+            {"--nprobe-l1", "A", "H-IVF level-1 buckets probed (default b1 / 2, rounded up)"},
+            {"--nprobe-l2", "B", "H-IVF leaves probed per level-1 bucket (default b2 / 2, rounded up)"},
             {"--quiet", "", "no progress or warnings on standard error"},
             {"--help", "", "show this help"},
         }};
