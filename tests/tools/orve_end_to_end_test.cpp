@@ -239,14 +239,15 @@ TEST(OrveEndToEnd, HostIdsFromFvecsSurviveIntoTheAnswers) {
 TEST(OrveEndToEnd, BadInputGetsOneLineAndLeavesNoFiles) {
     scratch_dir dir;
     const std::vector<float> v = mixture(kRows, 5);
-    bytes f8 = npy_preamble(npy_dict("<f8", "(1500, 512)"));
-    f8.resize(f8.size() + kRows * 512 * 8);
-    write_file(dir.file("v8.npy"), f8);
+    bytes f2 = npy_preamble(npy_dict("<f2", "(1500, 512)"));
+    f2.resize(f2.size() + kRows * 512 * 2);
+    write_file(dir.file("v2.npy"), f2);
     const std::string outputs = " --sidecar " + dir.file("s.sc") + " --ivfp " + dir.file("i.ivfp");
 
-    run_result r = run_orve(dir, "build --vectors " + dir.file("v8.npy") + outputs);
+    run_result r = run_orve(dir, "build --vectors " + dir.file("v2.npy") + outputs);
     EXPECT_EQ(r.exit_code, 1);
-    EXPECT_EQ(r.err, "orve: " + dir.file("v8.npy") + ": expected float32 '<f4', found '<f8'\n");
+    EXPECT_EQ(r.err, "orve: " + dir.file("v2.npy") +
+                         ": expected float32 '<f4' or float64 '<f8', found '<f2'\n");
     EXPECT_EQ(r.out, "");
 
     // Bad index sizes and unwritable outputs are refused before any work is done.
@@ -284,7 +285,7 @@ TEST(OrveEndToEnd, BadInputGetsOneLineAndLeavesNoFiles) {
     ASSERT_EQ(std::system(listing_cmd.c_str()), 0);
     const bytes listing = read_file(dir.file("ls.txt"));
     EXPECT_EQ(std::string(listing.begin(), listing.end()),
-              "ls.txt\nq.npy\nstderr.txt\nstdout.txt\nv.npy\nv8.npy\n");
+              "ls.txt\nq.npy\nstderr.txt\nstdout.txt\nv.npy\nv2.npy\n");
 }
 
 TEST(OrveEndToEnd, RefusesToOverwriteASidecarWithoutForce) {
@@ -314,16 +315,16 @@ TEST(OrveEndToEnd, RefusesToOverwriteASidecarWithoutForce) {
 // different message. Devices, FIFOs and inputs are left exactly as they were.
 TEST(OrveEndToEnd, PathsOfTheWrongKindAndBadOptionsAreRefusedFirst) {
     scratch_dir dir;
-    bytes f8 = npy_preamble(npy_dict("<f8", "(1500, 512)"));
-    f8.resize(f8.size() + kRows * 512 * 8);
-    write_file(dir.file("v8.npy"), f8);
+    bytes f2 = npy_preamble(npy_dict("<f2", "(1500, 512)"));
+    f2.resize(f2.size() + kRows * 512 * 2);
+    write_file(dir.file("v2.npy"), f2);
     write_file(dir.file("s.sc"), {});
     ASSERT_EQ(::symlink("/dev/null", dir.file("null").c_str()), 0);
     ASSERT_EQ(::mkfifo(dir.file("fifo").c_str(), 0644), 0);
     ASSERT_EQ(::mkdir(dir.file("sub").c_str(), 0755), 0);
     ASSERT_EQ(::link(dir.file("s.sc").c_str(), dir.file("hard.ivfp").c_str()), 0);
     const std::string d = dir.path() + "/";
-    const std::string v = " --vectors " + d + "v8.npy";
+    const std::string v = " --vectors " + d + "v2.npy";
     struct refusal {
         std::string args;
         int exit_code;
@@ -340,20 +341,20 @@ TEST(OrveEndToEnd, PathsOfTheWrongKindAndBadOptionsAreRefusedFirst) {
          d + "n.sc and " + d + "sub/../n.sc are the same file"},
         {"build" + v + " --sidecar " + d + "s.sc --ivfp " + d + "hard.ivfp", 2,
          d + "s.sc and " + d + "hard.ivfp are the same file"},
-        {"build" + v + " --sidecar " + d + "n.sc --ivfp " + d + "v8.npy", 2,
-         "output " + d + "v8.npy is the input " + d + "v8.npy"},
+        {"build" + v + " --sidecar " + d + "n.sc --ivfp " + d + "v2.npy", 2,
+         "output " + d + "v2.npy is the input " + d + "v2.npy"},
         {"build" + v + " --sidecar " + d + "n.sc --ivfp " + d + "i.ivfp --b2 65", 2,
          "--b2 65: the paged index supports at most 64 buckets per level"},
         {"build --vectors " + d + "fifo --sidecar " + d + "n.sc --ivfp " + d + "i.ivfp", 1,
          d + "fifo: is a FIFO, not a regular file"},
         {"inspect " + d + "fifo", 1, d + "fifo: is a FIFO, not a regular file"},
-        {"query --sidecar " + d + "fifo --queries " + d + "v8.npy", 1,
+        {"query --sidecar " + d + "fifo --queries " + d + "v2.npy", 1,
          d + "fifo: is a FIFO, not a regular file"},
         {"query --sidecar " + d + "s.sc --queries " + d + "fifo", 1,
          d + "fifo: is a FIFO, not a regular file"},
-        {"query --sidecar " + d + "s.sc --queries " + d + "v8.npy --ivfp " + d + "sub", 1,
+        {"query --sidecar " + d + "s.sc --queries " + d + "v2.npy --ivfp " + d + "sub", 1,
          d + "sub: is a directory, not a regular file"},
-        {"query --sidecar " + d + "s.sc --queries " + d + "v8.npy -k 0", 2,
+        {"query --sidecar " + d + "s.sc --queries " + d + "v2.npy -k 0", 2,
          "-k expects a whole number from 1 to 100000, got '0'"},
     };
     for (const refusal& c : cases) {
@@ -367,7 +368,7 @@ TEST(OrveEndToEnd, PathsOfTheWrongKindAndBadOptionsAreRefusedFirst) {
     EXPECT_TRUE(S_ISCHR(st.st_mode));
     ASSERT_EQ(::stat(dir.file("fifo").c_str(), &st), 0);
     EXPECT_TRUE(S_ISFIFO(st.st_mode));
-    EXPECT_EQ(read_file(dir.file("v8.npy")), f8);
+    EXPECT_EQ(read_file(dir.file("v2.npy")), f2);
     EXPECT_FALSE(exists(dir.file("n.sc")));
     EXPECT_FALSE(exists(dir.file("i.ivfp")));
 }
