@@ -206,6 +206,43 @@ TEST(OrveEndToEnd, BuildThenQueryMatchesTheLibraryCalledDirectly) {
     ASSERT_EQ(paged.exit_code, 0) << paged.err;
     expect_same_answers(parse_csv(paged.out), lib.search(q, kQueries, 4, 2, 3));
 
+    // tune: the setting it chooses reaches the target against exact float neighbours
+    // computed here, and the library searched with that setting answers as tune measured.
+    run_result tune = run_orve(dir, "tune --quiet --sidecar " + dir.file("s.sc") + " --ivfp " +
+                                        dir.file("i.ivfp") + " --queries " + dir.file("q.npy") +
+                                        " --target-recall 0.9");
+    ASSERT_EQ(tune.exit_code, 0) << tune.err;
+    unsigned l1 = 0, l2 = 0;
+    const size_t at = tune.out.find("chosen for --path paged: ");
+    ASSERT_NE(at, std::string::npos) << tune.out;
+    ASSERT_EQ(std::sscanf(tune.out.c_str() + at,
+                          "chosen for --path paged: --nprobe-l1 %u "
+                          "--nprobe-l2 %u",
+                          &l1, &l2),
+              2)
+        << tune.out;
+    const std::vector<answer> tuned = lib.search(q, kQueries, 10, l1, l2);
+    size_t found = 0;
+    for (size_t qi = 0; qi < kQueries; ++qi) {
+        std::vector<std::pair<double, uint32_t>> exact;
+        for (size_t r = 0; r < kRows; ++r) {
+            double dot = 0, nq = 0, nr = 0;
+            for (size_t j = 0; j < 512; ++j) {
+                dot += double(q[qi * 512 + j]) * v[r * 512 + j];
+                nq += double(q[qi * 512 + j]) * q[qi * 512 + j];
+                nr += double(v[r * 512 + j]) * v[r * 512 + j];
+            }
+            exact.push_back({-dot / std::sqrt(nq * nr), uint32_t(r + 1)});
+        }
+        std::partial_sort(exact.begin(), exact.begin() + 10, exact.end());
+        for (const answer& a : tuned) {
+            for (size_t i = 0; i < 10; ++i) {
+                found += a.query == qi && a.node_id == exact[i].second ? 1 : 0;
+            }
+        }
+    }
+    EXPECT_GE(double(found) / (10.0 * kQueries), 0.9) << tune.out;
+
     run_result inspect = run_orve(dir, "inspect " + dir.file("i.ivfp"));
     EXPECT_EQ(inspect.exit_code, 0) << inspect.err;
     EXPECT_NE(inspect.out.find("b1 4, b2 5, rows 1500"), std::string::npos) << inspect.out;
