@@ -19,7 +19,8 @@ std::string yes_no(bool v) {
 int inspect_paged(const std::string& path) {
     const ivfp_report r = read_ivfp_report(path);
     std::printf("%s: paged index\n", path.c_str());
-    std::printf("  file size        %llu bytes\n", static_cast<unsigned long long>(r.file_size));
+    std::printf("  file size        %s (%llu bytes)\n", mib_text(r.file_size).c_str(),
+                static_cast<unsigned long long>(r.file_size));
     std::printf("  header           version %u, dim %u, b1 %u, b2 %u, rows %u, reserved %s\n",
                 r.version, r.dim, r.b1, r.b2, r.n_rows, r.reserved_zero ? "zero" : "NOT zero");
     if (r.tables_read) {
@@ -61,7 +62,8 @@ int inspect_paged(const std::string& path) {
 int inspect_sidecar(const std::string& path) {
     const sidecar_report r = read_sidecar_report(path);
     std::printf("%s: vector sidecar\n", path.c_str());
-    std::printf("  file size        %llu bytes\n", static_cast<unsigned long long>(r.file_size));
+    std::printf("  file size        %s (%llu bytes)\n", mib_text(r.file_size).c_str(),
+                static_cast<unsigned long long>(r.file_size));
     std::printf("  header           version %u, dim %u, row size %u (%s)\n", r.version, r.dim,
                 r.row_bytes, r.header_ok ? "valid" : "NOT valid");
     if (!r.header_ok) {

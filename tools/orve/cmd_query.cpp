@@ -137,7 +137,8 @@ const command_def& query_def() {
              "paged: the attached .ivfp file\n"
              "(default: paged with --ivfp, else brute)"},
             {"--nprobe", "N", "IVF buckets probed (default nlist / 16)"},
-            {"--nprobe-l1", "A", "level-1 buckets probed by hivf/paged (default b1 / 2, rounded up)"},
+            {"--nprobe-l1", "A",
+             "level-1 buckets probed by hivf/paged (default b1 / 2, rounded up)"},
             {"--nprobe-l2", "B", "leaves probed per level-1 bucket (default b2 / 2, rounded up)"},
             {"--nlist", "K", "IVF buckets for --path ivf (default about 4 x sqrt(n))"},
             {"--b1", "B", "H-IVF level-1 buckets for --path hivf (default about 2 x n^(1/4))"},

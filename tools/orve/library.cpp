@@ -225,4 +225,10 @@ uint32_t default_nprobe_level(uint32_t branching) {
     return std::max<uint32_t>(1, (branching + 1) / 2);
 }
 
+std::string mib_text(uint64_t bytes) {
+    char buf[32];
+    std::snprintf(buf, sizeof buf, "%.1f MiB", static_cast<double>(bytes) / 1048576.0);
+    return buf;
+}
+
 }  // namespace orve::tool
