@@ -250,6 +250,16 @@ TEST(OrveEndToEnd, BuildThenQueryMatchesTheLibraryCalledDirectly) {
     inspect = run_orve(dir, "inspect " + dir.file("s.sc"));
     EXPECT_EQ(inspect.exit_code, 0) << inspect.err;
     EXPECT_NE(inspect.out.find("1500 (1500 live, 0 dead)"), std::string::npos) << inspect.out;
+    inspect = run_orve(dir, "inspect --format json " + dir.file("s.sc"));
+    EXPECT_EQ(inspect.exit_code, 0) << inspect.err;
+    EXPECT_NE(inspect.out.find("\"live_rows\": 1500, \"dead_rows\": 0, \"min_id\": 1, "
+                               "\"max_id\": 1500"),
+              std::string::npos)
+        << inspect.out;
+    inspect = run_orve(dir, "inspect --format json " + dir.file("i.ivfp"));
+    EXPECT_NE(inspect.out.find("\"b1\": 4, \"b2\": 5, \"rows\": 1500, \"validates\": true"),
+              std::string::npos)
+        << inspect.out;
 }
 
 TEST(OrveEndToEnd, HostIdsFromFvecsSurviveIntoTheAnswers) {
