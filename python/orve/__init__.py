@@ -66,11 +66,34 @@ def _u32(value, what, low=0, high=_U32_MAX):
 
 
 def _default_nprobe(nlist):
+    """Buckets probed by an IVF search without nprobe or tuning: a sixteenth of them (recall@10
+    0.99 on a 100k-row clustered set at nlist 1265), as the orve tool does."""
     return max(1, nlist // 16)
 
 
 def _default_nprobe_level(branching):
-    return max(1, branching // 4)
+    """Buckets probed per H-IVF level without nprobe_l1/l2 or tuning: half, rounded up. The two
+    levels' misses compound: a quarter per level gave recall@10 0.82 on a 100k-row clustered
+    set (36 x 36), half gave 0.91."""
+    return (branching + 1) // 2
+
+
+def _probe_ladder(n):
+    """1, 2, 4, ... up to n, with n itself last: the settings tune() tries per level."""
+    out, p = [], 1
+    while p < n:
+        out.append(p)
+        p *= 2
+    out.append(n)
+    return out
+
+
+def _recall(found, truth):
+    """Mean share of each query's true top-k ids found (padding ids -1 never match)."""
+    hits = sum(len(set(f[f >= 0].tolist()) & set(t[t >= 0].tolist()))
+               for f, t in zip(found, truth))
+    total = int((truth >= 0).sum())
+    return hits / total if total else 1.0
 
 
 class Index:
@@ -100,6 +123,8 @@ class Index:
         self._paged = None          # (b1, b2) of the attached paged file
         self._paged_gen = None      # ingestion generation it is current at; None: stale
         self._paged_rows = 0
+        self._capacity = _files.effective_capacity(capacity)
+        self._tuned = {}            # path -> probe setting chosen by tune(); cleared at builds
         if sidecar is not None:
             sidecar = os.fsdecode(os.fspath(sidecar))
             _files.check_sidecar(sidecar, overwrite, _files.effective_capacity(capacity))
@@ -186,7 +211,40 @@ class Index:
     def __repr__(self):
         if self.closed:
             return "<orve.Index closed>"
-        return f"<orve.Index rows={len(self)}>"
+        gen, built = self._sys.stats()[4:6]
+        parts = [f"rows={len(self)}", f"capacity={self._capacity}"]
+        if self._nlist is not None:
+            parts.append(f"ivf(nlist={self._nlist}, {'current' if gen == built else 'stale'})")
+        if self._hivf is not None and self._hivf_moved is None:
+            b1, b2, at = self._hivf
+            parts.append(f"hivf({b1}x{b2}, {'current' if at == gen else 'stale'})")
+        if self._paged is not None:
+            b1, b2 = self._paged
+            parts.append(f"paged({b1}x{b2}, {'current' if self._paged_gen == gen else 'stale'})")
+        if self._side_path is not None:
+            parts.append(f"sidecar={self._side_path!r}")
+        return f"<orve.Index {' '.join(parts)}>"
+
+    def __contains__(self, node_id):
+        """True when a row with this node id is held (ids known to the package only)."""
+        if isinstance(node_id, (bool, np.bool_)) or not isinstance(node_id, (int, np.integer)):
+            return False
+        if self._nids < 0:
+            raise Error("the ids of this index's rows are not known to the package")
+        return bool((self._ids[:self._nids] == int(node_id)).any())
+
+    def get(self, node_id, default=None):
+        """The stored float32[512] row of ``node_id`` read back from the sidecar (the last one
+        written under that id), or ``default`` when no live row has it. Raises Error without
+        a sidecar: the index itself keeps only int8 codes, which are not the stored vector."""
+        node_id = _u32(node_id, "node_id", 1)
+        with self._ingest:
+            self._check_open()
+            if self._side_fd is None:
+                raise Error("get: this index has no sidecar, so the float rows are not kept")
+            row = _files.sidecar_vector(self._side_fd, os.fstat(self._side_fd).st_size,
+                                        node_id)
+        return default if row is None else row
 
     @property
     def dim(self):
@@ -196,7 +254,7 @@ class Index:
     def stats(self):
         """Row count, legacy-clustering figures and the ingestion / IVF generations."""
         nodes, clusters, avg, silhouette, gen, built = self._sys.stats()
-        return {"rows": nodes, "clusters": clusters, "avg_similarity": avg,
+        return {"rows": nodes, "capacity": self._capacity, "clusters": clusters, "avg_similarity": avg,
                 "silhouette": silhouette, "ingest_generation": gen,
                 "ivf_built_generation": built, "nlist": self._nlist,
                 "hivf": None if self._hivf is None else self._hivf[:2],
@@ -290,6 +348,7 @@ class Index:
         nlist = _u32(nlist, "nlist", 1)
         self._sys.build_ivf(nlist, _u32(seed, "seed"))
         self._nlist = nlist
+        self._tuned.pop("ivf", None)
 
     def build_hivf(self, b1, b2, seed=1):
         """Trains and publishes a two-level H-IVF with b1 x b2 leaves. Only b1 and b2 up to
@@ -299,6 +358,8 @@ class Index:
         self._sys.build_hivf(b1, b2, _u32(seed, "seed"))
         self._hivf = (b1, b2, self._sys.stats()[4])
         self._hivf_moved = None
+        self._tuned.pop("hivf", None)
+        self._tuned.pop("paged", None)
 
     def write_paged(self, path):
         """Writes the current H-IVF to a paged .ivfp file and searches it from there on. The
@@ -358,6 +419,8 @@ class Index:
             _files.check_paged_rows(path, n_rows, row_ids, node_ids, self._ids[:self._nids])
             gen = self._sys.stats()[4]
             self._sys.open_paged(path)
+            self._tuned.pop("hivf", None)
+            self._tuned.pop("paged", None)
             self._paged = (b1, b2)
             self._paged_gen = gen if n_rows == self._nids else None
             self._paged_rows = n_rows
@@ -374,6 +437,11 @@ class Index:
         o = _core.SearchOptions()
         o.k = _u32(k, "k", 1, _MAX_ROWS)
         o.rerank = bool(rerank)
+        # Without a sidecar the library has no float rows to re-score from and would answer
+        # from the int8 codes: a caller who asked for exact scores would not get them.
+        if o.rerank and self._side_path is None:
+            raise ValueError("rerank=True needs a sidecar (the exact float rows); this index "
+                             "has none: pass sidecar= when making it, or rerank=False")
         o.rerank_factor = _u32(rerank_factor, "rerank_factor", 0, 64)
         o.min_similarity = float(min_similarity)
         # Probe counts are checked even when the index they are for is absent, so a bad value
@@ -405,13 +473,18 @@ class Index:
                         f"open_paged)")
         if path in ("ivf", "auto") and ivf_ok:
             o.use_ivf = True
-            o.nprobe = _u32(nprobe if nprobe is not None else _default_nprobe(self._nlist),
-                            "nprobe", 1)
+            if nprobe is None:
+                nprobe = self._tuned.get("ivf") or _default_nprobe(self._nlist)
+            o.nprobe = _u32(nprobe, "nprobe", 1)
         # "auto" never hands a stale paged file to the library: it would answer without the
         # rows added since, and nothing would tell. A current IVF or brute force answers then.
         if path in ("hivf", "paged", "auto") and (hivf_ok or paged_ok):
             b1, b2 = self._paged if paged_ok else self._hivf[:2]
             o.use_hivf = True
+            tuned = self._tuned.get("paged" if paged_ok else "hivf")
+            if tuned is not None:
+                nprobe_l1 = tuned[0] if nprobe_l1 is None else nprobe_l1
+                nprobe_l2 = tuned[1] if nprobe_l2 is None else nprobe_l2
             o.nprobe_l1 = _u32(nprobe_l1 if nprobe_l1 is not None
                                else _default_nprobe_level(b1), "nprobe_l1", 1)
             o.nprobe_l2 = _u32(nprobe_l2 if nprobe_l2 is not None
@@ -429,7 +502,13 @@ class Index:
         takes the current paged file or H-IVF, then the current IVF, then brute force, and
         never a stale index, so its answers cover every row (Error with code -7 when only
         brute force could answer and drop_flat() removed it). rerank re-scores exactly from
-        the sidecar."""
+        the sidecar (ValueError without one).
+
+        nprobe (IVF buckets probed) and nprobe_l1 / nprobe_l2 (H-IVF and paged buckets probed
+        per level): None means the setting tune() chose for that path, else nlist // 16 for
+        the IVF and half of b1 / b2 (rounded up) per H-IVF level; on a 100k-row clustered set
+        these give recall@10 of about 0.99 (IVF, nlist 1265) and 0.91 (36 x 36 H-IVF). Larger
+        values find more true neighbours and take longer; tune() picks them for a target."""
         q = _float_vector(query, DIM, "query")
         o = self._options(k, path, nprobe, nprobe_l1, nprobe_l2, rerank, rerank_factor,
                           min_similarity, "search")
@@ -445,6 +524,60 @@ class Index:
         if path == "ivf":
             return self._sys.search_batch_ivf(q, o)
         return self._sys.search_batch_loop(q, o)
+
+    def tune(self, queries, target_recall=0.95, k=10, path="auto", *, verbose=False):
+        """Chooses the cheapest probe setting of ``path`` ("ivf", "hivf", "paged"; "auto" is
+        the index "auto" would search) whose recall@k on ``queries`` reaches
+        ``target_recall``, and makes it this object's default for later searches of that
+        path (until the index is built again). The true neighbours come from brute force,
+        re-scored from the sidecar when one is attached, so the flat rows must still be here.
+        Settings are tried from the cheapest up (nprobe 1, 2, 4, ..., nlist; for an H-IVF
+        n_probe_l1 x n_probe_l2 in order of their product) and the search stops at the first
+        that reaches the target; when none does, the widest (exact over the index) is kept.
+
+        Returns a dict: "path", "setting" (nprobe, or (nprobe_l1, nprobe_l2)), "recall", and
+        "tried": a list of (setting, recall, queries_per_second). verbose prints the list."""
+        import time
+        q = _float_rows(queries, "queries")
+        k = _u32(k, "k", 1, _MAX_ROWS)
+        target = float(target_recall)
+        if not 0.0 < target <= 1.0:
+            raise ValueError(f"target_recall: expected a value in (0, 1], got {target_recall!r}")
+        if path == "auto":
+            probe = self._options(k, "auto", None, None, None, False, 0, -1.0, "tune")
+            if probe.use_hivf:
+                path = "paged" if self._paged is not None else "hivf"
+            elif probe.use_ivf:
+                path = "ivf"
+            else:
+                raise Error("tune: no current IVF, H-IVF or paged file to tune (build one)")
+        if path not in ("ivf", "hivf", "paged"):
+            raise ValueError(f"path: expected ivf, hivf, paged or auto, got {path!r}")
+        self._options(k, path, None, None, None, False, 0, -1.0, "tune")   # raises if absent
+        # An attached paged file answers every H-IVF search, so its setting is kept under one key.
+        key = "paged" if path != "ivf" and self._paged is not None else path
+        truth, _ = self.search_batch(q, k, path="brute", rerank=self._side_path is not None)
+        if path == "ivf":
+            settings = [(p,) for p in _probe_ladder(self._nlist)]
+        else:
+            b1, b2 = self._paged if path == "paged" else self._hivf[:2]
+            settings = sorted(((a, b) for a in _probe_ladder(b1) for b in _probe_ladder(b2)),
+                              key=lambda s: (s[0] * s[1], s))
+        tried = []
+        for s in settings:
+            kw = {"nprobe": s[0]} if path == "ivf" else {"nprobe_l1": s[0], "nprobe_l2": s[1]}
+            t0 = time.perf_counter()
+            found, _ = self.search_batch(q, k, path=path, **kw)
+            qps = len(q) / max(time.perf_counter() - t0, 1e-9)
+            r = _recall(found, truth)
+            tried.append((s[0] if path == "ivf" else s, r, qps))
+            if verbose:
+                print(f"{path} {tried[-1][0]}: recall@{k} {r:.3f}, {qps:.0f} queries/s")
+            if r >= target:
+                break
+        best = tried[-1]
+        self._tuned[key] = best[0]
+        return {"path": path, "setting": best[0], "recall": best[1], "tried": tried}
 
 
 # -- module functions --------------------------------------------------------------------

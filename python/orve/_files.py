@@ -154,6 +154,21 @@ def sidecar_whole_rows(size):
     return max(0, size - SIDECAR_HEADER_BYTES) // SIDECAR_ROW_BYTES
 
 
+def sidecar_vector(fd, size, node_id):
+    """The float32[512] values of the last live row with `node_id` in the first `size` bytes
+    of the open sidecar `fd`, or None."""
+    rows = sidecar_whole_rows(size)
+    if rows == 0:
+        return None
+    with open(fd, "rb", closefd=False) as f:
+        mm = np.memmap(f, dtype=_SIDECAR_ROW, mode="r", offset=SIDECAR_HEADER_BYTES,
+                       shape=(rows,))
+        hit = np.flatnonzero((mm["id"] == node_id) & (mm["live"] != 0))
+        if not len(hit):
+            return None
+        return np.frombuffer(mm["values"][hit[-1]].tobytes(), dtype="<f4").copy()
+
+
 def sidecar_ids(fd, size):
     """The identifiers of the rows a replay ingests (live byte and id nonzero), in file order,
     read from the whole rows of the first `size` bytes of the open file `fd`."""

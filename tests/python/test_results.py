@@ -142,23 +142,6 @@ def test_rerank_gives_exact_float_cosines(rows, queries, tmp_path):
             np.testing.assert_allclose(scores, exact[want], rtol=0, atol=2e-6)
 
 
-def test_auto_prefers_indexes_and_stays_sane(index, queries):
-    index.build_ivf(24)
-    index.build_hivf(6, 5)
-    ids, scores = index.search(queries[0], 10)
-    assert len(ids) == 10 and (np.diff(scores) <= 0).all()
-    assert ((ids >= 1) & (ids <= len(index))).all()
-
-
-def test_stats_len_dim(index, rows):
-    assert len(index) == len(rows)
-    assert index.dim == 512 == orve.DIM
-    s = index.stats
-    assert s["rows"] == len(rows) and s["ingest_generation"] == len(rows)
-    index.build_ivf(10)
-    assert index.stats["ivf_built_generation"] == len(rows)
-
-
 def test_text_embedding_is_unit_and_deterministic():
     a = orve.text_embedding("knowledge graph node")
     b = orve.text_embedding("knowledge graph node")

@@ -206,6 +206,43 @@ TEST(OrveEndToEnd, BuildThenQueryMatchesTheLibraryCalledDirectly) {
     ASSERT_EQ(paged.exit_code, 0) << paged.err;
     expect_same_answers(parse_csv(paged.out), lib.search(q, kQueries, 4, 2, 3));
 
+    // tune: the setting it chooses reaches the target against exact float neighbours
+    // computed here, and the library searched with that setting answers as tune measured.
+    run_result tune = run_orve(dir, "tune --quiet --sidecar " + dir.file("s.sc") + " --ivfp " +
+                                        dir.file("i.ivfp") + " --queries " + dir.file("q.npy") +
+                                        " --target-recall 0.9");
+    ASSERT_EQ(tune.exit_code, 0) << tune.err;
+    unsigned l1 = 0, l2 = 0;
+    const size_t at = tune.out.find("chosen for --path paged: ");
+    ASSERT_NE(at, std::string::npos) << tune.out;
+    ASSERT_EQ(std::sscanf(tune.out.c_str() + at,
+                          "chosen for --path paged: --nprobe-l1 %u "
+                          "--nprobe-l2 %u",
+                          &l1, &l2),
+              2)
+        << tune.out;
+    const std::vector<answer> tuned = lib.search(q, kQueries, 10, l1, l2);
+    size_t found = 0;
+    for (size_t qi = 0; qi < kQueries; ++qi) {
+        std::vector<std::pair<double, uint32_t>> exact;
+        for (size_t r = 0; r < kRows; ++r) {
+            double dot = 0, nq = 0, nr = 0;
+            for (size_t j = 0; j < 512; ++j) {
+                dot += double(q[qi * 512 + j]) * v[r * 512 + j];
+                nq += double(q[qi * 512 + j]) * q[qi * 512 + j];
+                nr += double(v[r * 512 + j]) * v[r * 512 + j];
+            }
+            exact.push_back({-dot / std::sqrt(nq * nr), uint32_t(r + 1)});
+        }
+        std::partial_sort(exact.begin(), exact.begin() + 10, exact.end());
+        for (const answer& a : tuned) {
+            for (size_t i = 0; i < 10; ++i) {
+                found += a.query == qi && a.node_id == exact[i].second ? 1 : 0;
+            }
+        }
+    }
+    EXPECT_GE(double(found) / (10.0 * kQueries), 0.9) << tune.out;
+
     run_result inspect = run_orve(dir, "inspect " + dir.file("i.ivfp"));
     EXPECT_EQ(inspect.exit_code, 0) << inspect.err;
     EXPECT_NE(inspect.out.find("b1 4, b2 5, rows 1500"), std::string::npos) << inspect.out;
@@ -213,6 +250,16 @@ TEST(OrveEndToEnd, BuildThenQueryMatchesTheLibraryCalledDirectly) {
     inspect = run_orve(dir, "inspect " + dir.file("s.sc"));
     EXPECT_EQ(inspect.exit_code, 0) << inspect.err;
     EXPECT_NE(inspect.out.find("1500 (1500 live, 0 dead)"), std::string::npos) << inspect.out;
+    inspect = run_orve(dir, "inspect --format json " + dir.file("s.sc"));
+    EXPECT_EQ(inspect.exit_code, 0) << inspect.err;
+    EXPECT_NE(inspect.out.find("\"live_rows\": 1500, \"dead_rows\": 0, \"min_id\": 1, "
+                               "\"max_id\": 1500"),
+              std::string::npos)
+        << inspect.out;
+    inspect = run_orve(dir, "inspect --format json " + dir.file("i.ivfp"));
+    EXPECT_NE(inspect.out.find("\"b1\": 4, \"b2\": 5, \"rows\": 1500, \"validates\": true"),
+              std::string::npos)
+        << inspect.out;
 }
 
 TEST(OrveEndToEnd, HostIdsFromFvecsSurviveIntoTheAnswers) {
@@ -239,14 +286,15 @@ TEST(OrveEndToEnd, HostIdsFromFvecsSurviveIntoTheAnswers) {
 TEST(OrveEndToEnd, BadInputGetsOneLineAndLeavesNoFiles) {
     scratch_dir dir;
     const std::vector<float> v = mixture(kRows, 5);
-    bytes f8 = npy_preamble(npy_dict("<f8", "(1500, 512)"));
-    f8.resize(f8.size() + kRows * 512 * 8);
-    write_file(dir.file("v8.npy"), f8);
+    bytes f2 = npy_preamble(npy_dict("<f2", "(1500, 512)"));
+    f2.resize(f2.size() + kRows * 512 * 2);
+    write_file(dir.file("v2.npy"), f2);
     const std::string outputs = " --sidecar " + dir.file("s.sc") + " --ivfp " + dir.file("i.ivfp");
 
-    run_result r = run_orve(dir, "build --vectors " + dir.file("v8.npy") + outputs);
+    run_result r = run_orve(dir, "build --vectors " + dir.file("v2.npy") + outputs);
     EXPECT_EQ(r.exit_code, 1);
-    EXPECT_EQ(r.err, "orve: " + dir.file("v8.npy") + ": expected float32 '<f4', found '<f8'\n");
+    EXPECT_EQ(r.err, "orve: " + dir.file("v2.npy") +
+                         ": expected float32 '<f4' or float64 '<f8', found '<f2'\n");
     EXPECT_EQ(r.out, "");
 
     // Bad index sizes and unwritable outputs are refused before any work is done.
@@ -284,7 +332,7 @@ TEST(OrveEndToEnd, BadInputGetsOneLineAndLeavesNoFiles) {
     ASSERT_EQ(std::system(listing_cmd.c_str()), 0);
     const bytes listing = read_file(dir.file("ls.txt"));
     EXPECT_EQ(std::string(listing.begin(), listing.end()),
-              "ls.txt\nq.npy\nstderr.txt\nstdout.txt\nv.npy\nv8.npy\n");
+              "ls.txt\nq.npy\nstderr.txt\nstdout.txt\nv.npy\nv2.npy\n");
 }
 
 TEST(OrveEndToEnd, RefusesToOverwriteASidecarWithoutForce) {
@@ -314,16 +362,16 @@ TEST(OrveEndToEnd, RefusesToOverwriteASidecarWithoutForce) {
 // different message. Devices, FIFOs and inputs are left exactly as they were.
 TEST(OrveEndToEnd, PathsOfTheWrongKindAndBadOptionsAreRefusedFirst) {
     scratch_dir dir;
-    bytes f8 = npy_preamble(npy_dict("<f8", "(1500, 512)"));
-    f8.resize(f8.size() + kRows * 512 * 8);
-    write_file(dir.file("v8.npy"), f8);
+    bytes f2 = npy_preamble(npy_dict("<f2", "(1500, 512)"));
+    f2.resize(f2.size() + kRows * 512 * 2);
+    write_file(dir.file("v2.npy"), f2);
     write_file(dir.file("s.sc"), {});
     ASSERT_EQ(::symlink("/dev/null", dir.file("null").c_str()), 0);
     ASSERT_EQ(::mkfifo(dir.file("fifo").c_str(), 0644), 0);
     ASSERT_EQ(::mkdir(dir.file("sub").c_str(), 0755), 0);
     ASSERT_EQ(::link(dir.file("s.sc").c_str(), dir.file("hard.ivfp").c_str()), 0);
     const std::string d = dir.path() + "/";
-    const std::string v = " --vectors " + d + "v8.npy";
+    const std::string v = " --vectors " + d + "v2.npy";
     struct refusal {
         std::string args;
         int exit_code;
@@ -340,20 +388,20 @@ TEST(OrveEndToEnd, PathsOfTheWrongKindAndBadOptionsAreRefusedFirst) {
          d + "n.sc and " + d + "sub/../n.sc are the same file"},
         {"build" + v + " --sidecar " + d + "s.sc --ivfp " + d + "hard.ivfp", 2,
          d + "s.sc and " + d + "hard.ivfp are the same file"},
-        {"build" + v + " --sidecar " + d + "n.sc --ivfp " + d + "v8.npy", 2,
-         "output " + d + "v8.npy is the input " + d + "v8.npy"},
+        {"build" + v + " --sidecar " + d + "n.sc --ivfp " + d + "v2.npy", 2,
+         "output " + d + "v2.npy is the input " + d + "v2.npy"},
         {"build" + v + " --sidecar " + d + "n.sc --ivfp " + d + "i.ivfp --b2 65", 2,
          "--b2 65: the paged index supports at most 64 buckets per level"},
         {"build --vectors " + d + "fifo --sidecar " + d + "n.sc --ivfp " + d + "i.ivfp", 1,
          d + "fifo: is a FIFO, not a regular file"},
         {"inspect " + d + "fifo", 1, d + "fifo: is a FIFO, not a regular file"},
-        {"query --sidecar " + d + "fifo --queries " + d + "v8.npy", 1,
+        {"query --sidecar " + d + "fifo --queries " + d + "v2.npy", 1,
          d + "fifo: is a FIFO, not a regular file"},
         {"query --sidecar " + d + "s.sc --queries " + d + "fifo", 1,
          d + "fifo: is a FIFO, not a regular file"},
-        {"query --sidecar " + d + "s.sc --queries " + d + "v8.npy --ivfp " + d + "sub", 1,
+        {"query --sidecar " + d + "s.sc --queries " + d + "v2.npy --ivfp " + d + "sub", 1,
          d + "sub: is a directory, not a regular file"},
-        {"query --sidecar " + d + "s.sc --queries " + d + "v8.npy -k 0", 2,
+        {"query --sidecar " + d + "s.sc --queries " + d + "v2.npy -k 0", 2,
          "-k expects a whole number from 1 to 100000, got '0'"},
     };
     for (const refusal& c : cases) {
@@ -367,7 +415,7 @@ TEST(OrveEndToEnd, PathsOfTheWrongKindAndBadOptionsAreRefusedFirst) {
     EXPECT_TRUE(S_ISCHR(st.st_mode));
     ASSERT_EQ(::stat(dir.file("fifo").c_str(), &st), 0);
     EXPECT_TRUE(S_ISFIFO(st.st_mode));
-    EXPECT_EQ(read_file(dir.file("v8.npy")), f8);
+    EXPECT_EQ(read_file(dir.file("v2.npy")), f2);
     EXPECT_FALSE(exists(dir.file("n.sc")));
     EXPECT_FALSE(exists(dir.file("i.ivfp")));
 }

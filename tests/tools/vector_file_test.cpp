@@ -138,20 +138,33 @@ TEST(NpyVectors, NamesTheFileAndTheProblem) {
         write_file(dir.file(name), b);
         return open_error(dir.file(name));
     };
+    // float64 is converted (as the Python package does); a value beyond float range would
+    // become an infinity and is refused like one.
     bytes f8 = npy_preamble(npy_dict("<f8", "(2, 512)"));
-    f8.resize(f8.size() + 2 * 512 * 8);
-    EXPECT_EQ(write_and_open("vectors.npy", f8),
-              dir.file("vectors.npy") + ": expected float32 '<f4', found '<f8'");
+    for (size_t i = 0; i < 1024; ++i) {
+        const double d = i == 1000 ? 1e300 : double(v[i]);
+        const auto* p = reinterpret_cast<const uint8_t*>(&d);
+        f8.insert(f8.end(), p, p + 8);
+    }
+    write_file(dir.file("f8.npy"), f8);
+    const vector_file f(dir.file("f8.npy"));
+    std::vector<float> back(512);
+    f.read_rows(0, 1, back.data());
+    EXPECT_EQ(back, std::vector<float>(v.begin(), v.begin() + 512));
+    EXPECT_EQ(error_of([&] { f.read_rows(1, 1, back.data()); }),
+              dir.file("f8.npy") + ": vector 1 holds an infinity at component 488");
 
     bytes be = npy_preamble(npy_dict(">f4", "(2, 512)"));
     be.resize(be.size() + 2 * 512 * 4);
-    EXPECT_EQ(write_and_open("be.npy", be),
-              dir.file("be.npy") + ": expected float32 '<f4', found '>f4'");
+    EXPECT_EQ(write_and_open("be.npy", be), dir.file("be.npy") +
+                                                ": expected float32 '<f4' or float64 '<f8', "
+                                                "found '>f4'");
 
     bytes rec = npy_preamble("{'descr': [('a', '<f4')], 'fortran_order': False, 'shape': (2,), }");
     rec.resize(rec.size() + 8);
     EXPECT_EQ(write_and_open("rec.npy", rec),
-              dir.file("rec.npy") + ": expected float32 '<f4', found a structured dtype");
+              dir.file("rec.npy") +
+                  ": expected float32 '<f4' or float64 '<f8', found a structured dtype");
 
     bytes fortran = npy_preamble(npy_dict("<f4", "(2, 512)", true));
     put_floats(fortran, v.data(), v.size());
@@ -261,9 +274,27 @@ TEST(Ids, ReadsNonzeroDistinctIdsOfTheRightCount) {
               dir.file("zero.npy") + ": id 0 at row 1 (ids must be nonzero)");
     EXPECT_EQ(err("dup.npy", npy_u32({9, 8, 9}), 3),
               dir.file("dup.npy") + ": id 9 appears at rows 0 and 2");
-    bytes i8 = npy_preamble(npy_dict("<i8", "(3,)"));
-    i8.resize(i8.size() + 24);
-    EXPECT_EQ(err("i8.npy", i8, 3), dir.file("i8.npy") + ": expected uint32 '<u4', found '<i8'");
+    // Any integer dtype numpy writes is read, widened without loss, then range-checked.
+    auto ints = [](const char* descr, uint32_t size, std::vector<int64_t> values) {
+        bytes b = npy_preamble(npy_dict(descr, "(" + std::to_string(values.size()) + ",)"));
+        for (int64_t x : values) {
+            for (uint32_t i = 0; i < size; ++i) b.push_back(uint8_t(uint64_t(x) >> (8 * i)));
+        }
+        return b;
+    };
+    EXPECT_EQ(read_ids((write_file(dir.file("i8.npy"), ints("<i8", 8, {5, 4294967295, 2})),
+                        dir.file("i8.npy")),
+                       3),
+              (std::vector<uint32_t>{5, 4294967295u, 2}));
+    EXPECT_EQ(
+        read_ids((write_file(dir.file("u1.npy"), ints("|u1", 1, {255, 1})), dir.file("u1.npy")), 2),
+        (std::vector<uint32_t>{255, 1}));
+    const std::string range = ": id at row 1 is outside 1 to 4294967295 (node ids are 32-bit)";
+    EXPECT_EQ(err("big.npy", ints("<u8", 8, {1, 4294967296}), 2), dir.file("big.npy") + range);
+    EXPECT_EQ(err("neg.npy", ints("<i2", 2, {1, -1}), 2), dir.file("neg.npy") + range);
+    EXPECT_EQ(err("f.npy", ints("<f4", 4, {1}), 1),
+              dir.file("f.npy") +
+                  ": expected an integer dtype (int8 to int64, uint8 to uint64), found '<f4'");
     bytes col = npy_preamble(npy_dict("<u4", "(3, 1)"));
     col.resize(col.size() + 12);
     EXPECT_EQ(err("col.npy", col, 3), dir.file("col.npy") + ": expected shape (n,), found (3, 1)");

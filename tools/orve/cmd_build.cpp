@@ -38,7 +38,7 @@ uint32_t side_for_leaves(uint64_t leaves) {
 const command_def& build_def() {
     static const command_def def{
         "build",
-        "--vectors FILE --sidecar FILE --ivfp FILE [--ids FILE] [--nlist K] [--b1 B --b2 B] "
+        "--vectors FILE --sidecar FILE --ivfp FILE [--ids FILE] [--leaves K] [--b1 B --b2 B] "
         "[--seed S] [--force]",
         "ingest vectors from a file, write a sidecar and a paged index",
         "Reads 512-dimension float32 vectors, ingests them into a new object with a new sidecar\n"
@@ -53,8 +53,9 @@ const command_def& build_def() {
             {"--sidecar", "FILE", "sidecar file to create"},
             {"--ivfp", "FILE", "paged index file to write (replaced if present)"},
             {"--ids", "FILE",
-             ".npy of uint32 '<u4', shape (n,): nonzero, distinct node ids (default 1..n)"},
-            {"--nlist", "K",
+             ".npy of any integer dtype, shape (n,): distinct node ids from 1 to 2^32-1\n"
+             "(default 1..n)"},
+            {"--leaves", "K",
              "total leaves wanted: b1 = b2 = ceil(sqrt(K)), at most 64 each (ignored when\n"
              "--b1/--b2 are given)"},
             {"--b1", "B", "level-1 buckets, 1 to 64 (default about 2 x n^(1/4))"},
@@ -90,7 +91,7 @@ build_request check_request(const parsed_args& args) {
     r.sidecar = args.get("--sidecar");
     r.ivfp = args.get("--ivfp");
     r.seed = static_cast<uint32_t>(args.get_uint("--seed", 1, 0, UINT32_MAX));
-    args.get_uint("--nlist", 0, 1, UINT32_MAX);
+    args.get_uint("--leaves", 0, 1, UINT32_MAX);
     paged_branching_arg(args, "--b1", 1);
     paged_branching_arg(args, "--b2", 1);
     std::vector<std::string> inputs{r.vectors};
@@ -106,8 +107,8 @@ build_request check_request(const parsed_args& args) {
 // b1 and b2 from the options or the row count; usage errors for shapes the rows cannot fill.
 std::pair<uint32_t, uint32_t> choose_branching(const parsed_args& args, uint64_t rows) {
     uint32_t b1 = default_branching(rows);
-    if (args.has("--nlist")) {
-        b1 = side_for_leaves(args.get_uint("--nlist", 0, 1, rows));
+    if (args.has("--leaves")) {
+        b1 = side_for_leaves(args.get_uint("--leaves", 0, 1, rows));
         while (b1 > 1 && uint64_t{b1} * b1 > rows) --b1;
     }
     b1 = paged_branching_arg(args, "--b1", b1);
@@ -225,10 +226,10 @@ int run_build(const parsed_args& args) {
     }, sidecar_st{};
     ::stat(req.ivfp.c_str(), &ivfp_st);
     ::stat(req.sidecar.c_str(), &sidecar_st);
-    std::printf("built %llu vectors: %s (%.1f MB), %s (%.1f MB, b1=%u, b2=%u)\n",
+    std::printf("built %llu vectors: %s (%s), %s (%s, b1=%u, b2=%u)\n",
                 static_cast<unsigned long long>(rows), req.sidecar.c_str(),
-                static_cast<double>(sidecar_st.st_size) / 1e6, req.ivfp.c_str(),
-                static_cast<double>(ivfp_st.st_size) / 1e6, b1, b2);
+                mib_text(static_cast<uint64_t>(sidecar_st.st_size)).c_str(), req.ivfp.c_str(),
+                mib_text(static_cast<uint64_t>(ivfp_st.st_size)).c_str(), b1, b2);
     return 0;
 }
 

@@ -141,8 +141,9 @@ const command_def& demo_def() {
             {"--nprobe", "N", "IVF buckets probed (default nlist / 16)"},
             {"--b1", "B", "H-IVF level-1 buckets, at most 64 (default about 2 x N^(1/4))"},
             {"--b2", "B", "H-IVF leaves per level-1 bucket, at most 64 (default as --b1)"},
-            {"--nprobe-l1", "A", "H-IVF level-1 buckets probed (default b1 / 4)"},
-            {"--nprobe-l2", "B", "H-IVF leaves probed per level-1 bucket (default b2 / 4)"},
+            {"--nprobe-l1", "A", "H-IVF level-1 buckets probed (default b1 / 2, rounded up)"},
+            {"--nprobe-l2", "B",
+             "H-IVF leaves probed per level-1 bucket (default b2 / 2, rounded up)"},
             {"--quiet", "", "no progress or warnings on standard error"},
             {"--help", "", "show this help"},
         }};
@@ -296,9 +297,9 @@ void print_report(const demo_options& o, const std::string& describe, const demo
                 static_cast<unsigned long long>(o.seed));
     std::printf(
         "ingest %.1f s (%.0f rows/s) | IVF nlist=%u: %.1f s | H-IVF %ux%u: %.1f s | "
-        "paged file %.1f MB: %.1f s\n\n",
+        "paged file %s: %.1f s\n\n",
         t.ingest_s, t.ingest_s > 0 ? static_cast<double>(o.rows) / t.ingest_s : 0.0, o.nlist,
-        t.ivf_s, o.b1, o.b2, t.hivf_s, static_cast<double>(ivfp_bytes) / 1e6, t.paged_s);
+        t.ivf_s, o.b1, o.b2, t.hivf_s, mib_text(ivfp_bytes).c_str(), t.paged_s);
     char recall_head[32];
     std::snprintf(recall_head, sizeof recall_head, "recall@%u", o.k);
     std::printf("%-6s  %-22s  %-6s  %9s  %9s  %9s  %9s\n", "path", "settings", "rerank",

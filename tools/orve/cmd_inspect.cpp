@@ -16,10 +16,78 @@ std::string yes_no(bool v) {
     return v ? "yes" : "no";
 }
 
+// A JSON string literal: paths may hold quotes, backslashes or control bytes.
+std::string json_string(const std::string& text) {
+    std::string out = "\"";
+    for (const char c : text) {
+        if (c == '"' || c == '\\') {
+            out += '\\';
+            out += c;
+        } else if (static_cast<unsigned char>(c) < 0x20) {
+            char buf[8];
+            std::snprintf(buf, sizeof buf, "\\u%04x", static_cast<unsigned>(c));
+            out += buf;
+        } else {
+            out += c;
+        }
+    }
+    return out + "\"";
+}
+
+using ull = unsigned long long;
+
+// The library's own verdict on a paged file: 0, or its code and first log line.
+int library_accepts(const std::string& path, std::string* why) {
+    orve_ivf_paged_index* handle = nullptr;
+    library_output log;
+    const int rc = orve_ivf_paged_open(path.c_str(), &handle);
+    const std::string text = log.finish();
+    orve_ivf_paged_close(handle);
+    *why = text.substr(0, text.find('\n'));
+    return rc;
+}
+
+int paged_json(const std::string& path) {
+    const ivfp_report r = read_ivfp_report(path);
+    std::string why;
+    const int rc = library_accepts(path, &why);
+    std::printf(
+        "{\"kind\": \"paged_index\", \"path\": %s, \"file_bytes\": %llu, "
+        "\"version\": %u, \"dim\": %u, \"b1\": %u, \"b2\": %u, \"rows\": %u, "
+        "\"validates\": %s, \"library_code\": %d, \"problems\": [",
+        json_string(path).c_str(), static_cast<ull>(r.file_size), r.version, r.dim, r.b1, r.b2,
+        r.n_rows, rc == 0 && r.problems.empty() ? "true" : "false", rc);
+    for (size_t i = 0; i < r.problems.size(); ++i) {
+        std::printf("%s%s", i ? ", " : "", json_string(r.problems[i]).c_str());
+    }
+    std::printf("]}\n");
+    if (rc != 0) throw tool_error(path + ": the library does not accept this paged index");
+    if (!r.problems.empty()) throw tool_error(path + ": layout problems (listed above)");
+    return 0;
+}
+
+int sidecar_json(const std::string& path) {
+    const sidecar_report r = read_sidecar_report(path);
+    std::printf(
+        "{\"kind\": \"sidecar\", \"path\": %s, \"file_bytes\": %llu, "
+        "\"version\": %u, \"dim\": %u, \"row_bytes\": %u, \"header_ok\": %s, "
+        "\"rows\": %llu, \"live_rows\": %llu, \"dead_rows\": %llu, \"min_id\": %u, "
+        "\"max_id\": %u, \"repeated_ids\": %llu, \"partial_bytes\": %llu}\n",
+        json_string(path).c_str(), static_cast<ull>(r.file_size), r.version, r.dim, r.row_bytes,
+        r.header_ok ? "true" : "false", static_cast<ull>(r.rows), static_cast<ull>(r.live_rows),
+        static_cast<ull>(r.dead_rows), r.live_rows ? r.min_id : 0, r.live_rows ? r.max_id : 0,
+        static_cast<ull>(r.duplicate_ids), static_cast<ull>(r.partial_bytes));
+    if (!r.header_ok) {
+        throw tool_error(path + ": the library would discard this sidecar's rows (bad header)");
+    }
+    return 0;
+}
+
 int inspect_paged(const std::string& path) {
     const ivfp_report r = read_ivfp_report(path);
     std::printf("%s: paged index\n", path.c_str());
-    std::printf("  file size        %llu bytes\n", static_cast<unsigned long long>(r.file_size));
+    std::printf("  file size        %s (%llu bytes)\n", mib_text(r.file_size).c_str(),
+                static_cast<unsigned long long>(r.file_size));
     std::printf("  header           version %u, dim %u, b1 %u, b2 %u, rows %u, reserved %s\n",
                 r.version, r.dim, r.b1, r.b2, r.n_rows, r.reserved_zero ? "zero" : "NOT zero");
     if (r.tables_read) {
@@ -61,7 +129,8 @@ int inspect_paged(const std::string& path) {
 int inspect_sidecar(const std::string& path) {
     const sidecar_report r = read_sidecar_report(path);
     std::printf("%s: vector sidecar\n", path.c_str());
-    std::printf("  file size        %llu bytes\n", static_cast<unsigned long long>(r.file_size));
+    std::printf("  file size        %s (%llu bytes)\n", mib_text(r.file_size).c_str(),
+                static_cast<unsigned long long>(r.file_size));
     std::printf("  header           version %u, dim %u, row size %u (%s)\n", r.version, r.dim,
                 r.row_bytes, r.header_ok ? "valid" : "NOT valid");
     if (!r.header_ok) {
@@ -89,7 +158,7 @@ int inspect_sidecar(const std::string& path) {
 const command_def& inspect_def() {
     static const command_def def{
         "inspect",
-        "FILE",
+        "FILE [--format text|json]",
         "describe a paged index (.ivfp) or a sidecar file",
         "For a paged index: the header fields, the section offsets, the leaf-size distribution\n"
         "and whether the library's reader accepts the file. For a sidecar: the header, the\n"
@@ -97,6 +166,7 @@ const command_def& inspect_def() {
         "whether the file ends in a partial row. The kind is recognised from the magic bytes.\n"
         "Exits non-zero when the file is not one the library would accept.",
         {
+            {"--format", "FORMAT", "text (default) or json (one object on one line)"},
             {"--help", "", "show this help"},
         }};
     return def;
@@ -105,11 +175,16 @@ const command_def& inspect_def() {
 int run_inspect(const parsed_args& args) {
     if (args.positionals().size() != 1) throw usage_error("expects exactly one FILE");
     const std::string& path = args.positionals()[0];
+    const std::string format = args.get_or("--format", "text");
+    if (format != "text" && format != "json") {
+        throw usage_error("--format expects text or json, got '" + format + "'");
+    }
+    const bool json = format == "json";
     switch (sniff_index_file(path)) {
         case index_file_kind::paged_index:
-            return inspect_paged(path);
+            return json ? paged_json(path) : inspect_paged(path);
         case index_file_kind::sidecar:
-            return inspect_sidecar(path);
+            return json ? sidecar_json(path) : inspect_sidecar(path);
         case index_file_kind::unknown:
             break;
     }

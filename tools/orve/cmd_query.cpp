@@ -1,6 +1,8 @@
 // orve query: a restarted host. It rebuilds the object from a sidecar (and a paged index),
 // answers queries from a file on the chosen path and prints the results.
 #include <algorithm>
+#include <chrono>
+#include <cstdlib>
 #include <cmath>
 #include <cstdio>
 #include <string>
@@ -135,8 +137,9 @@ const command_def& query_def() {
              "paged: the attached .ivfp file\n"
              "(default: paged with --ivfp, else brute)"},
             {"--nprobe", "N", "IVF buckets probed (default nlist / 16)"},
-            {"--nprobe-l1", "A", "level-1 buckets probed by hivf/paged (default b1 / 4)"},
-            {"--nprobe-l2", "B", "leaves probed per level-1 bucket (default b2 / 4)"},
+            {"--nprobe-l1", "A",
+             "level-1 buckets probed by hivf/paged (default b1 / 2, rounded up)"},
+            {"--nprobe-l2", "B", "leaves probed per level-1 bucket (default b2 / 2, rounded up)"},
             {"--nlist", "K", "IVF buckets for --path ivf (default about 4 x sqrt(n))"},
             {"--b1", "B", "H-IVF level-1 buckets for --path hivf (default about 2 x n^(1/4))"},
             {"--b2", "B", "H-IVF leaves per level-1 bucket for --path hivf (default as --b1)"},
@@ -177,6 +180,8 @@ query_request check_options(const parsed_args& args, const reporter& rep) {
     r.params.k = static_cast<uint32_t>(args.get_uint("-k", 10, 1, 100000));
     r.params.path = parse_search_path(args.get_or("--path", has_ivfp ? "paged" : "brute"));
     r.params.rerank = args.has("--rerank");
+    // Kept for hosts that drive the tool: a query has a sidecar, so --rerank is always
+    // honoured here; tune measures with its own exact reference instead.
     r.params.rerank_factor = static_cast<uint32_t>(args.get_uint("--rerank-factor", 0, 1, 1000));
     r.seed = static_cast<uint32_t>(args.get_uint("--seed", 1, 0, UINT32_MAX));
     if (r.params.path == search_path::paged && !has_ivfp) {
@@ -301,6 +306,151 @@ int run_query(const parsed_args& args) {
         }
     }
     print_results(req.format, req.params, answers);
+    return 0;
+}
+
+const command_def& tune_def() {
+    static const command_def def{
+        "tune",
+        "--sidecar FILE [--ivfp FILE] --queries FILE [--path ivf|hivf|paged] [-k K] "
+        "[--target-recall R] [--nlist K] [--b1 B --b2 B] [--seed S]",
+        "find the cheapest probe setting that reaches a recall",
+        "Restarts from the sidecar as query does, computes the exact k nearest rows of every\n"
+        "query (brute force re-ranked by float cosine from the sidecar), then tries probe\n"
+        "settings from the cheapest up (nprobe 1, 2, 4, ..., nlist; for hivf/paged nprobe-l1 x\n"
+        "nprobe-l2 by their product) and stops at the first whose recall@k reaches the target.\n"
+        "Prints recall and queries/s of every setting tried and the options to pass to query.",
+        {
+            {"--sidecar", "FILE", "sidecar written by orve build or by a host"},
+            {"--ivfp", "FILE", "paged index to tune (implies --path paged)"},
+            {"--queries", "FILE", "sample queries: .npy float32/float64 (n, 512) or .fvecs"},
+            {"-k", "K", "results per query the recall is measured at (default 10)"},
+            {"--path", "PATH", "ivf, hivf or paged (default: paged with --ivfp, else ivf)"},
+            {"--target-recall", "R", "recall to reach, 0.01 to 1 (default 0.95)"},
+            {"--nlist", "K", "IVF buckets for --path ivf (default about 4 x sqrt(n))"},
+            {"--b1", "B", "H-IVF level-1 buckets for --path hivf (default about 2 x n^(1/4))"},
+            {"--b2", "B", "H-IVF leaves per level-1 bucket for --path hivf (default as --b1)"},
+            {"--seed", "S", "training seed for --path ivf and hivf (default 1)"},
+            {"--quiet", "", "no progress or warnings on standard error"},
+            {"--help", "", "show this help"},
+        }};
+    return def;
+}
+
+namespace {
+
+double parse_target(const std::string& text) {
+    char* end = nullptr;
+    const double v = std::strtod(text.c_str(), &end);
+    if (text.empty() || *end != '\0' || !(v >= 0.01 && v <= 1.0)) {
+        throw usage_error("--target-recall expects a number from 0.01 to 1, got '" + text + "'");
+    }
+    return v;
+}
+
+// 1, 2, 4, ... below n, then n: the probe counts tried per level.
+std::vector<uint32_t> probe_ladder(uint32_t n) {
+    std::vector<uint32_t> out;
+    for (uint32_t p = 1; p < n; p *= 2) out.push_back(p);
+    out.push_back(n);
+    return out;
+}
+
+std::vector<search_params> tune_settings(const search_params& base, uint32_t a, uint32_t b) {
+    std::vector<search_params> out;
+    if (base.path == search_path::ivf) {
+        for (uint32_t p : probe_ladder(a)) {
+            out.push_back(base);
+            out.back().nprobe = p;
+        }
+        return out;
+    }
+    for (uint32_t l1 : probe_ladder(a)) {
+        for (uint32_t l2 : probe_ladder(b)) {
+            out.push_back(base);
+            out.back().nprobe_l1 = l1;
+            out.back().nprobe_l2 = l2;
+        }
+    }
+    std::stable_sort(out.begin(), out.end(), [](const search_params& x, const search_params& y) {
+        return uint64_t{x.nprobe_l1} * x.nprobe_l2 < uint64_t{y.nprobe_l1} * y.nprobe_l2;
+    });
+    return out;
+}
+
+std::vector<std::vector<hit>> run_all(system_object& sys, const search_params& params,
+                                      const std::vector<float>& queries) {
+    searcher s(sys.get(), params);
+    std::vector<std::vector<hit>> out(queries.size() / kDim);
+    for (size_t q = 0; q < out.size(); ++q) out[q] = s.run(queries.data() + q * kDim);
+    return out;
+}
+
+double recall_of(const std::vector<std::vector<hit>>& found,
+                 const std::vector<std::vector<hit>>& truth) {
+    size_t hits = 0, total = 0;
+    for (size_t q = 0; q < truth.size(); ++q) {
+        total += truth[q].size();
+        for (const hit& t : truth[q]) {
+            for (const hit& f : found[q]) hits += f.node_id == t.node_id ? 1 : 0;
+        }
+    }
+    return total ? static_cast<double>(hits) / static_cast<double>(total) : 1.0;
+}
+
+std::string setting_text(const search_params& p) {
+    if (p.path == search_path::ivf) return "--nprobe " + std::to_string(p.nprobe);
+    return "--nprobe-l1 " + std::to_string(p.nprobe_l1) + " --nprobe-l2 " +
+           std::to_string(p.nprobe_l2);
+}
+
+}  // namespace
+
+int run_tune(const parsed_args& args) {
+    const reporter rep(args.has("--quiet"));
+    query_request req = check_options(args, rep);
+    // check_options' own default is brute, which has no probes to tune.
+    if (!args.has("--path") && !args.has("--ivfp")) req.params.path = search_path::ivf;
+    if (req.params.path == search_path::brute) throw usage_error("--path brute has no probes");
+    const double target = parse_target(args.get_or("--target-recall", "0.95"));
+    sidecar_live_rows live;
+    const sidecar_report sidecar = check_sidecar(req.sidecar, false, rep, &live);
+    const uint64_t rows = sidecar.live_rows;
+    choose_index_sizes(args, rows, req);
+    uint32_t side_a = req.params.path == search_path::ivf ? req.nlist : req.b1;
+    uint32_t side_b = req.b2;
+    if (!req.ivfp.empty()) {
+        check_paged_index(args, live, req);
+        const ivfp_report layout = read_ivfp_report(req.ivfp);
+        side_a = layout.b1;
+        side_b = layout.b2;
+    }
+    const vector_file query_file(req.queries);
+    std::vector<float> queries(query_file.rows() * kDim);
+    query_file.read_rows(0, query_file.rows(), queries.data());
+    system_object sys(rows);
+    prepare_object(sys, req, rows, rep);
+    // The exact reference re-ranks from the sidecar, except when dead rows would shift the
+    // row numbering re-ranking reads by: then the int8 scan is the best reference there is.
+    search_params exact = req.params;
+    exact.path = search_path::brute;
+    exact.rerank = sidecar.dead_rows == 0;
+    if (!exact.rerank) rep.warn(req.sidecar + ": dead rows; measuring against the int8 scan");
+    const auto truth = run_all(sys, exact, queries);
+    std::printf("%-32s  %8s  %10s\n", "setting", "recall", "queries/s");
+    search_params chosen = req.params;
+    for (const search_params& p : tune_settings(req.params, side_a, side_b)) {
+        const auto t0 = std::chrono::steady_clock::now();
+        const auto found = run_all(sys, p, queries);
+        const double secs =
+            std::chrono::duration<double>(std::chrono::steady_clock::now() - t0).count();
+        const double r = recall_of(found, truth);
+        std::printf("%-32s  %8.4f  %10.0f\n", setting_text(p).c_str(), r,
+                    static_cast<double>(found.size()) / std::max(secs, 1e-9));
+        chosen = p;
+        if (r >= target) break;
+    }
+    std::printf("chosen for --path %s: %s\n", path_name(chosen.path), setting_text(chosen).c_str());
     return 0;
 }
 

@@ -18,4 +18,7 @@ int run_query(const parsed_args& args);
 const command_def& inspect_def();
 int run_inspect(const parsed_args& args);
 
+const command_def& tune_def();
+int run_tune(const parsed_args& args);
+
 }  // namespace orve::tool

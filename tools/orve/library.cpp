@@ -219,8 +219,16 @@ uint32_t default_branching(uint64_t rows) {
     return side;
 }
 
+// Half of each level, rounded up: the two levels' misses compound, and a quarter per level
+// gave recall@10 of 0.82 on a 100k-row clustered set (36 x 36), half gave 0.91.
 uint32_t default_nprobe_level(uint32_t branching) {
-    return std::max<uint32_t>(1, branching / 4);
+    return std::max<uint32_t>(1, (branching + 1) / 2);
+}
+
+std::string mib_text(uint64_t bytes) {
+    char buf[32];
+    std::snprintf(buf, sizeof buf, "%.1f MiB", static_cast<double>(bytes) / 1048576.0);
+    return buf;
 }
 
 }  // namespace orve::tool

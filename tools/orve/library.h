@@ -115,4 +115,7 @@ uint32_t default_nprobe(uint32_t nlist);
 uint32_t default_branching(uint64_t rows);
 uint32_t default_nprobe_level(uint32_t branching);
 
+// A size as every command prints it: MiB (2^20 bytes) with one decimal, "53.6 MiB".
+std::string mib_text(uint64_t bytes);
+
 }  // namespace orve::tool

@@ -19,10 +19,8 @@ struct command_entry {
 };
 
 const command_entry kCommands[] = {
-    {demo_def, run_demo},
-    {build_def, run_build},
-    {query_def, run_query},
-    {inspect_def, run_inspect},
+    {demo_def, run_demo},       {build_def, run_build}, {query_def, run_query},
+    {inspect_def, run_inspect}, {tune_def, run_tune},
 };
 
 void print_overview(FILE* out) {

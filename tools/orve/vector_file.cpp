@@ -9,6 +9,8 @@
 #include <cerrno>
 #include <cmath>
 #include <cstring>
+#include <initializer_list>
+#include <utility>
 #include <unordered_map>
 
 #include "file_checks.h"
@@ -282,15 +284,21 @@ std::string describe_descr(const npy_header& h) {
     return h.descr.empty() ? "a structured dtype" : "'" + h.descr + "'";
 }
 
-// Checks, in this order, dtype, memory order, shape and the amount of data behind the header,
-// so the message names the first thing a user would have to change.
-void check_npy_array(const npy_header& h, uint64_t file_size, const std::string& path,
-                     const char* wanted_descr, const char* wanted_type, bool shape_ok,
-                     const char* wanted_shape) {
-    if (h.descr != wanted_descr) {
-        fail_file(path, std::string("expected ") + wanted_type + " '" + wanted_descr + "', found " +
-                            describe_descr(h));
+// Element size of the first of `accepted` that is the file's dtype; a usage-grade error naming
+// what was wanted otherwise. The dtype is checked before anything else, so the message names
+// the first thing a user would have to change.
+uint32_t element_bytes(const npy_header& h, const std::string& path,
+                       std::initializer_list<std::pair<const char*, uint32_t>> accepted,
+                       const char* wanted_type) {
+    for (const auto& [descr, bytes] : accepted) {
+        if (h.descr == descr) return bytes;
     }
+    fail_file(path, std::string("expected ") + wanted_type + ", found " + describe_descr(h));
+}
+
+// Then memory order, shape and the amount of data behind the header.
+void check_npy_array(const npy_header& h, uint64_t file_size, const std::string& path,
+                     uint32_t elem_bytes, bool shape_ok, const char* wanted_shape) {
     if (h.fortran_order) fail_file(path, "array is in Fortran order; save it in C order");
     if (!shape_ok) {
         fail_file(path,
@@ -298,10 +306,10 @@ void check_npy_array(const npy_header& h, uint64_t file_size, const std::string&
     }
     uint64_t elements = 1;
     for (uint64_t d : h.shape) {
-        if (d != 0 && elements > UINT64_MAX / 4 / d) fail_file(path, "shape too large");
+        if (d != 0 && elements > UINT64_MAX / 8 / d) fail_file(path, "shape too large");
         elements *= d;
     }
-    const uint64_t need = elements * 4;
+    const uint64_t need = elements * elem_bytes;
     const uint64_t have = file_size - h.data_offset;
     if (have < need) {
         fail_file(path, "truncated: shape " + shape_text(h.shape) + " needs " +
@@ -310,6 +318,15 @@ void check_npy_array(const npy_header& h, uint64_t file_size, const std::string&
     if (have > need) {
         fail_file(path, std::to_string(have - need) + " unexpected bytes after the array data");
     }
+}
+
+// One little-endian integer id of `bytes` bytes, signed or not, widened without loss.
+int64_t load_id(const uint8_t* p, uint32_t bytes, bool is_signed) {
+    uint64_t v = 0;
+    for (uint32_t i = 0; i < bytes; ++i) v |= uint64_t{p[i]} << (8 * i);
+    if (bytes == 8 && !is_signed && v > uint64_t{INT64_MAX}) return -1;  // out of range anyway
+    if (is_signed && bytes < 8 && (v >> (8 * bytes - 1)) != 0) v |= ~uint64_t{0} << (8 * bytes);
+    return static_cast<int64_t>(v);
 }
 
 }  // namespace
@@ -322,11 +339,15 @@ vector_file::vector_file(const std::string& path) : file_(path) {
     if (npy_magic || ends_with(path, ".npy")) {
         format_ = vector_format::npy;
         const npy_header h = parse_npy_header(d, size, path);
-        check_npy_array(h, size, path, "<f4", "float32", h.shape.size() == 2 && h.shape[1] == kDim,
-                        "(n, 512)");
+        // float64 is converted on reading, as the Python package does: arrays made by numpy
+        // are float64 unless asked otherwise.
+        const uint32_t elem =
+            element_bytes(h, path, {{"<f4", 4}, {"<f8", 8}}, "float32 '<f4' or float64 '<f8'");
+        check_npy_array(h, size, path, elem, h.shape.size() == 2 && h.shape[1] == kDim, "(n, 512)");
         rows_ = h.shape[0];
         data_offset_ = h.data_offset;
-        stride_ = kRowBytes;
+        stride_ = uint64_t{elem} * kDim;
+        doubles_ = elem == 8;
     } else if (ends_with(path, ".fvecs")) {
         format_ = vector_format::fvecs;
         // Each vector is an int32 dimension followed by that many float32 values.
@@ -364,7 +385,16 @@ void vector_file::read_rows(uint64_t first, uint64_t count, float* out) const {
     for (uint64_t r = 0; r < count; ++r) {
         const uint8_t* src = file_.data() + data_offset_ + (first + r) * stride_;
         float* dst = out + r * kDim;
-        std::memcpy(dst, src, kRowBytes);
+        if (doubles_) {
+            // A value beyond float range becomes an infinity and is refused just below.
+            for (uint32_t j = 0; j < kDim; ++j) {
+                double v;
+                std::memcpy(&v, src + j * 8, 8);
+                dst[j] = static_cast<float>(v);
+            }
+        } else {
+            std::memcpy(dst, src, kRowBytes);
+        }
         for (uint32_t j = 0; j < kDim; ++j) {
             if (!std::isfinite(dst[j])) {
                 fail_file(path(), "vector " + std::to_string(first + r) + " holds " +
@@ -378,18 +408,36 @@ void vector_file::read_rows(uint64_t first, uint64_t count, float* out) const {
 std::vector<uint32_t> read_ids(const std::string& path, uint64_t expected_rows) {
     const mapped_file file(path);
     const npy_header h = parse_npy_header(file.data(), file.size(), path);
-    check_npy_array(h, file.size(), path, "<u4", "uint32", h.shape.size() == 1, "(n,)");
+    const uint32_t elem = element_bytes(h, path,
+                                        {{"|u1", 1},
+                                         {"|i1", 1},
+                                         {"<u2", 2},
+                                         {"<i2", 2},
+                                         {"<u4", 4},
+                                         {"<i4", 4},
+                                         {"<u8", 8},
+                                         {"<i8", 8}},
+                                        "an integer dtype (int8 to int64, uint8 to uint64)");
+    const bool is_signed = h.descr[1] == 'i';
+    check_npy_array(h, file.size(), path, elem, h.shape.size() == 1, "(n,)");
     if (h.shape[0] != expected_rows) {
         fail_file(path, "holds " + count_text(h.shape[0], "id") + " but the vectors file holds " +
                             count_text(expected_rows, "row"));
     }
     std::vector<uint32_t> ids(h.shape[0]);
-    if (!ids.empty()) std::memcpy(ids.data(), file.data() + h.data_offset, ids.size() * 4);
+    for (uint64_t r = 0; r < ids.size(); ++r) {
+        const int64_t v = load_id(file.data() + h.data_offset + r * elem, elem, is_signed);
+        if (v == 0) fail_file(path, "id 0 at row " + std::to_string(r) + " (ids must be nonzero)");
+        // Checked before narrowing: a wrapped value would silently name another node.
+        if (v < 0 || v > int64_t{UINT32_MAX}) {
+            fail_file(path, "id at row " + std::to_string(r) +
+                                " is outside 1 to 4294967295 (node ids are 32-bit)");
+        }
+        ids[r] = static_cast<uint32_t>(v);
+    }
     std::unordered_map<uint32_t, uint64_t> seen;
     seen.reserve(ids.size());
     for (uint64_t r = 0; r < ids.size(); ++r) {
-        if (ids[r] == 0)
-            fail_file(path, "id 0 at row " + std::to_string(r) + " (ids must be nonzero)");
         auto [it, fresh] = seen.emplace(ids[r], r);
         if (!fresh) {
             fail_file(path, "id " + std::to_string(ids[r]) + " appears at rows " +

@@ -50,7 +50,7 @@ std::string shape_text(const std::vector<uint64_t>& shape);
 
 enum class vector_format { npy, fvecs };
 
-// A validated file of 512-dimension float32 vectors: an .npy of dtype '<f4' and shape
+// A validated file of 512-dimension vectors: an .npy of dtype '<f4' or '<f8' and shape
 // (n, 512) in C order, or an .fvecs file whose every vector declares dimension 512.
 class vector_file {
   public:
@@ -69,10 +69,12 @@ class vector_file {
     vector_format format_ = vector_format::npy;
     uint64_t rows_ = 0;
     uint64_t data_offset_ = 0;  // offset of row 0's first float
-    uint64_t stride_ = 0;       // bytes from one row's first float to the next
+    uint64_t stride_ = 0;       // bytes from one row's first value to the next
+    bool doubles_ = false;      // float64 .npy, converted to float32 on reading
 };
 
-// Node identifiers from an .npy of dtype '<u4' and shape (expected_rows,). Identifiers must be
+// Node identifiers from an integer .npy (int8..uint64) of shape (expected_rows,), each within
+// 1..2^32-1. Identifiers must be
 // nonzero (the library refuses 0) and distinct (a result could not be traced back otherwise).
 std::vector<uint32_t> read_ids(const std::string& path, uint64_t expected_rows);
 
