@@ -34,6 +34,17 @@
 #define ORVE_STATIC_ASSERT(cond, name) typedef char orve_static_assert_##name[(cond) ? 1 : -1]
 #endif
 
+/* Library version. CMake compares these lines with its project() version at configure time and
+ * stops when they differ, so the build, the package files and this header cannot disagree. */
+#define ORVE_VERSION_MAJOR 0
+#define ORVE_VERSION_MINOR 1
+#define ORVE_VERSION_PATCH 0
+#define ORVE_VERSION_STRING "0.1.0"
+
+/* Limits a host needs before it allocates or builds anything. */
+#define ORVE_MAX_CAPACITY 1100000 /* most rows one index object can hold */
+#define ORVE_MIN_INDEX_ROWS 1000  /* fewest rows an IVF or H-IVF can be trained on */
+
 #ifdef __cplusplus
 extern "C" {
 #endif
