@@ -3,11 +3,47 @@
  *
  * Valid C99 and C++. Every exported function and every record a host allocates or reads is
  * declared here. Conventions:
- *   - status results are int32: 0 success, -1 failure, further negative codes where a function
- *     documents them;
+ *   - status results are int32: ORVE_OK (0) success, ORVE_FAILED (-1) failure, and the further
+ *     negative codes named under "Return codes" for the functions that document them;
  *   - a null pointer argument is a failure (or a no-op for functions without a result);
  *   - every destroy / free / close function accepts null;
  *   - the library starts no threads, sets no errno and returns no error strings.
+ *
+ * Contents, in the order a host uses them:
+ *   Version, limits and return codes
+ *   Query and result records        what a search asks for and gets back
+ *   System object                   create / destroy, statistics
+ *     ingestion                     add_embedding_orve512, load_vectors_f32, open_sidecar
+ *     indexes                       build_ivf (IVF), build_ivf_level2 (H-IVF),
+ *                                   build_ivf_paged / open_ivf_paged (paged H-IVF file)
+ *     search                        search_similar (set use_orve512!), batch search
+ *   IVF and H-IVF indexes           the index records and module-level builders
+ *   Paged index file                writer, reader, memory controls
+ *   Vector sidecar file             exact float rows for re-ranking and restart
+ *   Building blocks                 quantisation, int8 dot products, float helpers
+ *   Legacy 128-d family, HRR        node records, LSH, clustering, hashed embeddings, HRR
+ *
+ * A first search (error handling shortened):
+ *
+ *     semantic_vector_indexing_system* sys = calloc(1, semantic_vector_indexing_system_sizeof());
+ *     semantic_vector_indexing_system_create(sys);
+ *     semantic_vector_indexing_system_load_vectors_f32(sys, rows, n);   (ids 1..n)
+ *     semantic_vector_indexing_system_build_ivf(sys, nlist, 1);         (n >= ORVE_MIN_INDEX_ROWS)
+ *
+ *     vector_similarity_query q;
+ *     memset(&q, 0, sizeof q);
+ *     q.use_orve512 = 1;        (REQUIRED: without it the call takes the legacy 128-d family and
+ *                                returns the first nodes in table order with similarity 0)
+ *     q.query_vector = query;   (512 floats)
+ *     q.max_results = 10;
+ *     q.use_ivf = 1;
+ *     q.n_probe = nlist / 8;    (more probes: better recall, slower; measure on your queries)
+ *     rc = semantic_vector_indexing_system_search_similar(sys, &q, results, &count);
+ *
+ *   rc is ORVE_OK, ORVE_FAILED, or ORVE_SEARCH_FLAT_DROPPED when the call had to fall back to
+ *   brute force after orve512_drop_flat_slabs. With use_ivf unset (or no IVF built) the search
+ *   is an exact brute force over every row. Set use_hivf with n_probe_l1 / n_probe_l2 for the
+ *   H-IVF or an attached paged file.
  *
  * The records below are laid out for 64-bit Linux (LP64); their sizes and field offsets are
  * checked at compile time at the end of this header.
@@ -44,6 +80,32 @@
 /* Limits a host needs before it allocates or builds anything. */
 #define ORVE_MAX_CAPACITY 1100000 /* most rows one index object can hold */
 #define ORVE_MIN_INDEX_ROWS 1000  /* fewest rows an IVF or H-IVF can be trained on */
+
+/* Return codes. Each function's comment says which of these it can return; every
+ * int-returning function can return the first two. */
+/* success (a search that found nothing also succeeds) */
+#define ORVE_OK 0
+/* failure: null or invalid argument, out of memory or an unmet precondition; nothing changed */
+#define ORVE_FAILED (-1)
+
+/* semantic_vector_indexing_system_search_similar: the query needed brute force (no usable
+ * index for it) but the flat int8 store was dropped; one line goes to standard error. Build or
+ * attach an index, or search it with use_ivf / use_hivf. */
+#define ORVE_SEARCH_FLAT_DROPPED (-7)
+
+/* orve_ivf_paged_open: nothing stays open after any of these. */
+#define ORVE_PAGED_OPEN_BAD_ARG (-1)     /* null argument */
+#define ORVE_PAGED_OPEN_IO (-2)          /* the file cannot be opened or mapped */
+#define ORVE_PAGED_OPEN_NO_MEMORY (-3)   /* the handle cannot be allocated */
+#define ORVE_PAGED_OPEN_BAD_MAGIC (-4)   /* not a .ivfp file */
+#define ORVE_PAGED_OPEN_BAD_VERSION (-5) /* file version neither 1 nor 2 */
+#define ORVE_PAGED_OPEN_BAD_DIM (-6)     /* dimension is not 512 */
+#define ORVE_PAGED_OPEN_CORRUPT (-7)     /* too short, or counts and sections do not fit */
+
+/* orve_ivf_paged_build: after any of these the path is as it was. */
+#define ORVE_PAGED_WRITE_BAD_ARG (-1)   /* bad argument or path too long; no file touched */
+#define ORVE_PAGED_WRITE_IO (-2)        /* temporary file, mapping, flush or rename failed */
+#define ORVE_PAGED_WRITE_NO_MEMORY (-3) /* out of memory */
 
 #ifdef __cplusplus
 extern "C" {
@@ -290,8 +352,8 @@ ORVE_API void semantic_vector_indexing_system_drop_ivf_paged_cache(
 ORVE_API void semantic_vector_indexing_system_set_paged_low_memory(
     semantic_vector_indexing_system* sys, uint32_t on);
 
-/* Search. Returns 0 (also when nothing was found), -1 on failure, -7 when brute force is needed
- * but the flat store was dropped. results must hold max_results records (1000 with use_lsh). */
+/* Search. Returns ORVE_OK (also when nothing was found), ORVE_FAILED, or
+ * ORVE_SEARCH_FLAT_DROPPED (-7) when brute force is needed but the flat store was dropped. results must hold max_results records (1000 with use_lsh). */
 ORVE_API int semantic_vector_indexing_system_search_similar(semantic_vector_indexing_system* sys,
                                                             const vector_similarity_query* query,
                                                             vector_similarity_result* results,
@@ -516,7 +578,7 @@ ORVE_STATIC_ASSERT(offsetof(orve_ivf_paged_index, low_memory) == 84, ivf_paged_l
  * float node_score, uint32 row. */
 struct bf_topk_entry;
 
-/* Writes hivf to path, replacing any file there atomically: the content is written through a
+/* Writes hivf to path (codes ORVE_PAGED_WRITE_*), replacing any file there atomically: the content is written through a
  * mapping of path + ".tmp", flushed, and renamed over path; a failure never leaves a partial
  * file under path and removes the temporary file. node_ids[k] is the node identifier of global
  * row k and must cover every row id the H-IVF holds. Prints one "[IVF_PAGED] wrote" line on
@@ -534,7 +596,7 @@ struct bf_topk_entry;
 ORVE_API int32_t orve_ivf_paged_build(const orve_hivf_index* hivf, const uint32_t* node_ids,
                                       const char* path);
 
-/* Opens and maps path and checks it. 0 with *out_handle set (and an "opened" line on standard
+/* Opens and maps path and checks it (codes ORVE_PAGED_OPEN_*). 0 with *out_handle set (and an "opened" line on standard
  * output); otherwise nothing stays open and a line goes to standard error: -1 null argument
  * (no line), -2 cannot open or map, -3 out of memory (no line), -4 bad magic, -5 version
  * neither 1 nor 2, -6 dim not 512, -7 too short, b1 or b2 of 0, or sections, counts or leaf
