@@ -317,8 +317,8 @@ ORVE_API void semantic_vector_indexing_system_set_paged_low_memory(
  *
  * A host that goes through the system object above needs nothing below. These are the
  * module-level builders and readers the object uses, exported for the orve tool, the
- * benchmarks and tests; the functions marked unlocked or test-only here assume the caller
- * already holds the locks or only checks the kernels.
+ * benchmarks and tests. Functions named _unlocked expect the caller to hold the object's lock;
+ * the kernels described as for checking exist so tests can compare them with the fast ones.
  */
 /* ######################################################################################## */
 
