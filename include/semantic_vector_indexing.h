@@ -3,14 +3,55 @@
  *
  * Valid C99 and C++. Every exported function and every record a host allocates or reads is
  * declared here. Conventions:
- *   - status results are int32: 0 success, -1 failure, further negative codes where a function
- *     documents them;
+ *   - status results are int32: ORVE_OK (0) success, ORVE_FAILED (-1) failure, and the further
+ *     negative codes named under "Return codes" for the functions that document them;
  *   - a null pointer argument is a failure (or a no-op for functions without a result);
  *   - every destroy / free / close function accepts null;
  *   - the library starts no threads, sets no errno and returns no error strings.
  *
+ * Contents, in the order a host uses them:
+ *   Version, limits and return codes
+ *   Query and result records          what a search asks for and gets back
+ *   System object                     create / destroy, statistics;
+ *                                     ingestion: add_embedding_orve512, load_vectors_f32;
+ *                                     indexes: build_ivf (IVF), build_ivf_level2 (H-IVF);
+ *                                     search: search_similar (set use_orve512!)
+ *   Batch search                      many queries in one call
+ *   System object: files              open_sidecar (exact rows: restart and re-ranking),
+ *                                     build_ivf_paged / open_ivf_paged (the .ivfp file)
+ *   For tools, tests and hosts that build indexes themselves:
+ *     IVF and H-IVF records and builders, the paged file's writer and reader, the sidecar
+ *     file, quantisation, int8 dot products (some test-only), the HRR fact encoder
+ *   The legacy 128-d family (hosts of the earlier node-graph interface):
+ *     node-graph calls, 128-float helpers, node records, LSH, clustering, hashed embeddings
+ *
+ * A first search (error handling shortened):
+ *
+ *     semantic_vector_indexing_system* sys = calloc(1, semantic_vector_indexing_system_sizeof());
+ *     semantic_vector_indexing_system_create(sys);
+ *     semantic_vector_indexing_system_load_vectors_f32(sys, rows, n);   (ids 1..n)
+ *     semantic_vector_indexing_system_build_ivf(sys, nlist, 1);         (n >= ORVE_MIN_INDEX_ROWS)
+ *
+ *     vector_similarity_result results[10];
+ *     uint32_t count = 0;
+ *     vector_similarity_query q;
+ *     memset(&q, 0, sizeof q);
+ *     q.use_orve512 = 1;        (REQUIRED: without it the call takes the legacy 128-d family and
+ *                                returns the first nodes in table order with similarity 0)
+ *     q.query_vector = query;   (512 floats)
+ *     q.max_results = 10;
+ *     q.use_ivf = 1;
+ *     q.n_probe = nlist / 16;   (a start; more probes: better recall, slower. Measure recall
+ *                                on your own queries, or let Python's Index.tune choose)
+ *     rc = semantic_vector_indexing_system_search_similar(sys, &q, results, &count);
+ *
+ *   rc is ORVE_OK, ORVE_FAILED, or ORVE_SEARCH_FLAT_DROPPED when the call had to fall back to
+ *   brute force after orve512_drop_flat_slabs. With use_ivf unset (or no IVF built) the search
+ *   is an exact brute force over every row. Set use_hivf with n_probe_l1 / n_probe_l2 for the
+ *   H-IVF or an attached paged file.
+ *
  * The records below are laid out for 64-bit Linux (LP64); their sizes and field offsets are
- * checked at compile time at the end of this header.
+ * checked at compile time beside each record.
  */
 #ifndef SEMANTIC_VECTOR_INDEXING_H
 #define SEMANTIC_VECTOR_INDEXING_H
@@ -34,89 +75,49 @@
 #define ORVE_STATIC_ASSERT(cond, name) typedef char orve_static_assert_##name[(cond) ? 1 : -1]
 #endif
 
+/* Library version. CMake compares these lines with its project() version at configure time and
+ * stops when they differ, so the build, the package files and this header cannot disagree. */
+#define ORVE_VERSION_MAJOR 0
+#define ORVE_VERSION_MINOR 1
+#define ORVE_VERSION_PATCH 0
+#define ORVE_VERSION_STRING "0.1.0"
+
+/* Limits a host needs before it allocates or builds anything. */
+#define ORVE_MAX_CAPACITY 1100000 /* most rows one index object can hold */
+#define ORVE_MIN_INDEX_ROWS 1000  /* fewest rows an IVF or H-IVF can be trained on */
+
+/* Return codes. Each function's comment says which of these it can return; every
+ * int-returning function can return the first two. */
+/* success (a search that found nothing also succeeds) */
+#define ORVE_OK 0
+/* failure: null or invalid argument, out of memory or an unmet precondition; nothing changed */
+#define ORVE_FAILED (-1)
+
+/* semantic_vector_indexing_system_search_similar: the query needed brute force (no usable
+ * index for it) but the flat int8 store was dropped; one line goes to standard error. Build or
+ * attach an index, or search it with use_ivf / use_hivf. */
+#define ORVE_SEARCH_FLAT_DROPPED (-7)
+
+/* orve_ivf_paged_open: nothing stays open after any of these. */
+#define ORVE_PAGED_OPEN_BAD_ARG (-1)     /* null argument */
+#define ORVE_PAGED_OPEN_IO (-2)          /* the file cannot be opened or mapped */
+#define ORVE_PAGED_OPEN_NO_MEMORY (-3)   /* the handle cannot be allocated */
+#define ORVE_PAGED_OPEN_BAD_MAGIC (-4)   /* not a .ivfp file */
+#define ORVE_PAGED_OPEN_BAD_VERSION (-5) /* file version neither 1 nor 2 */
+#define ORVE_PAGED_OPEN_BAD_DIM (-6)     /* dimension is not 512 */
+#define ORVE_PAGED_OPEN_CORRUPT (-7)     /* too short, or counts and sections do not fit */
+
+/* orve_ivf_paged_build: after any of these the path is as it was. */
+#define ORVE_PAGED_WRITE_BAD_ARG (-1)   /* bad argument or path too long; no file touched */
+#define ORVE_PAGED_WRITE_IO (-2)        /* temporary file, mapping, flush or rename failed */
+#define ORVE_PAGED_WRITE_NO_MEMORY (-3) /* out of memory */
+
 #ifdef __cplusplus
 extern "C" {
 #endif
 
 /* ======================================================================================== */
-/* Int8 symmetric quantisation and quantised records                                         */
-/* ======================================================================================== */
-
-/* Dimension of the orve512 embedding format. */
-#define ORVE512_DIM 512
-
-/* A quantised 512-dimension vector with a caller identifier. The code array is owned by the
- * record: create with orve_quantized_vector_record_create, release with
- * orve_quantized_vector_record_free. */
-typedef struct orve_quantized_vector_record {
-    uint32_t id;    /* caller's identifier */
-    float norm;     /* L2 norm of the float vector */
-    float scale;    /* 127 / largest magnitude; 0.0 for a near-zero vector */
-    int8_t* codes;  /* 512 codes in [-127, 127] */
-} orve_quantized_vector_record;
-
-ORVE_STATIC_ASSERT(sizeof(orve_quantized_vector_record) == 24, quantized_record_size);
-ORVE_STATIC_ASSERT(offsetof(orve_quantized_vector_record, codes) == 16, quantized_record_codes);
-
-/* Quantises 512 floats to codes in [-127, 127]. Returns 0, or -1 when dim != 512 or in/out is
- * null (nothing is written then). out_scale and out_norm may be null. */
-ORVE_API int orve_quantize_float_vector_symmetric(const float* in, int dim, int8_t* out,
-                                                  float* out_scale, float* out_norm);
-
-/* Cosine of two quantised vectors from the dot product of their codes:
- * dot / (((scale_a * scale_b) * norm_a) * norm_b), or 0.0 when any factor is not positive.
- * Not clamped to [-1, 1]. */
-ORVE_API float orve_cosine_from_quantized_dot(int32_t dot, float scale_a, float scale_b,
-                                              float norm_a, float norm_b);
-
-/* Allocates a record holding the quantised form of vec (512 floats). 0 and *out set, or -1
- * with *out untouched. */
-ORVE_API int orve_quantized_vector_record_create(const float* vec, uint32_t id,
-                                                 orve_quantized_vector_record** out);
-
-/* Frees a record and its code array; null is ignored. */
-ORVE_API void orve_quantized_vector_record_free(orve_quantized_vector_record* record);
-
-/* ======================================================================================== */
-/* Int8 dot products and the 64-lane similarity dispatcher                                   */
-/* ======================================================================================== */
-
-/* Exact sum of a[i] * b[i] over 512 signed bytes; 0 if a or b is null. */
-ORVE_API int32_t orve_dotprod512_i8(const int8_t* a, const int8_t* b);
-
-/* Same as orve_dotprod512_i8 (the name the IVF and paged search paths use). */
-ORVE_API int32_t orve_dot512_ivf(const int8_t* a, const int8_t* b);
-
-/* 512 signed 32-bit elements each: low 32 bits of the 64-bit sum of products; 0 if a or b is
- * null. Not a replacement for orve_dotprod512_i8 on code rows. */
-ORVE_API int32_t orve_dotprod512_scalar(const int32_t* a, const int32_t* b);
-
-/* Exact sum of a[i] * b[i] over 64 signed bytes. On 64-bit Arm with the dot-product
- * instructions, an override defined by another module of the process
- * (orve512_similarity_int8__challenger_override) takes precedence; elsewhere the portable
- * kernel answers. */
-ORVE_API int32_t orve512_similarity_int8(const int8_t* a, const int8_t* b);
-
-/* Portable 64-lane kernel; 0 if a or b is null. */
-ORVE_API int32_t orve512_similarity_int8_hwy_baseline_v1(const int8_t* a, const int8_t* b);
-
-/* Plain 64-lane loop, for checking the kernels; 0 if a or b is null. */
-ORVE_API int32_t orve512_similarity_int8__scalar_reference_testonly(const int8_t* a,
-                                                                     const int8_t* b);
-
-/* The override hook if one is defined, else the dot-product kernel, with no capability test. */
-ORVE_API int32_t orve512_similarity_int8__aarch64_override_testonly(const int8_t* a,
-                                                                     const int8_t* b);
-
-/* Optional hook: a host module may define this function; the library only holds a weak
- * reference to it. Do not define it unless you mean to replace the 64-lane kernel. */
-#if defined(__GNUC__)
-__attribute__((weak))
-#endif
-ORVE_API int32_t orve512_similarity_int8__challenger_override(const int8_t* a, const int8_t* b);
-
-/* ======================================================================================== */
-/* Query and result records                                                                  */
+/* Query and result records                                                               */
 /* ======================================================================================== */
 
 /* A search request; the host fills it and the library never writes it. A flag counts as set
@@ -174,24 +175,7 @@ ORVE_API uint64_t vector_similarity_query_sizeof(void);  /* 568 */
 ORVE_API uint64_t vector_similarity_result_sizeof(void); /* 24 */
 
 /* ======================================================================================== */
-/* Float helpers on 128-float vectors, result sort, random helpers                            */
-/* ======================================================================================== */
-
-/* All vector arguments are exactly 128 floats, read in index order, single precision. */
-ORVE_API float calculate_cosine_similarity(const float* a, const float* b);
-ORVE_API float calculate_euclidean_distance(const float* a, const float* b); /* +inf on null */
-ORVE_API float calculate_vector_magnitude(const float* v);
-ORVE_API void normalize_vector(float* v); /* no-op on null or zero magnitude */
-
-/* Stable in-place sort by similarity, descending. rank fields move with their records. */
-ORVE_API void sort_similarity_results(vector_similarity_result* results, uint32_t count);
-
-/* rand() * 2^-31, in [0, 1]; and (high - low) * random_float() + low. Neither seeds rand. */
-ORVE_API float random_float(void);
-ORVE_API float random_float_range(float low, float high);
-
-/* ======================================================================================== */
-/* System object                                                                             */
+/* System object: create, ingest, build indexes, search                                   */
 /* ======================================================================================== */
 
 /* The central object. Hosts never read its fields: allocate
@@ -199,9 +183,8 @@ ORVE_API float random_float_range(float low, float high);
  * semantic_vector_indexing_system_create, and end with semantic_vector_indexing_system_destroy.
  * Create must be given a zeroed or destroyed block. */
 typedef struct semantic_vector_indexing_system semantic_vector_indexing_system;
-
 /* Capacity (rows) comes from the environment variable ORVE_VECTOR_CAPACITY, read at create:
- * 1 to 1,100,000, default and fallback 1,100,000. */
+ * 1 to ORVE_MAX_CAPACITY (1,100,000), default and fallback ORVE_MAX_CAPACITY. */
 ORVE_API int semantic_vector_indexing_system_create(semantic_vector_indexing_system* sys);
 /* Releases everything and zero-fills the block; safe on a zeroed block and twice in a row. */
 ORVE_API void semantic_vector_indexing_system_destroy(semantic_vector_indexing_system* sys);
@@ -220,7 +203,6 @@ ORVE_API uint64_t semantic_vector_indexing_system_get_ivf_generation(
     semantic_vector_indexing_system* sys);
 ORVE_API uint64_t semantic_vector_indexing_system_get_ivf_built_generation(
     semantic_vector_indexing_system* sys);
-
 /* Ingestion. Rows are filled in order; every failure leaves no trace. With a sidecar attached,
  * each committed row is also appended to it; a failed append does not fail the call (see
  * semantic_vector_indexing_system_open_sidecar for how a host detects it). */
@@ -230,66 +212,17 @@ ORVE_API int semantic_vector_indexing_system_add_embedding_orve512(
  * precondition fails, else the number of rows committed. */
 ORVE_API int semantic_vector_indexing_system_load_vectors_f32(semantic_vector_indexing_system* sys,
                                                               const float* vecs, uint32_t n);
-/* A node without a vector, from a host node record (see orve_host_node). */
-ORVE_API int semantic_vector_indexing_system_add_node(semantic_vector_indexing_system* sys,
-                                                      const void* host_node);
-ORVE_API int semantic_vector_indexing_system_rebuild_clustering(
-    semantic_vector_indexing_system* sys);
-ORVE_API int semantic_vector_indexing_system_update_embeddings(
-    semantic_vector_indexing_system* sys);
 /* Drops the flat int8 store for good (confirm must be nonzero); published indexes stay. */
 ORVE_API int orve512_drop_flat_slabs(semantic_vector_indexing_system* sys, bool confirm);
 ORVE_API int semantic_vector_indexing_system_evict_flat_slab(semantic_vector_indexing_system* sys);
 ORVE_API int orve_flat_index_ensure(semantic_vector_indexing_system* sys);
 ORVE_API void orve_flat_index_free(semantic_vector_indexing_system* sys);
-
-/* Replays the file's rows through ingestion, then keeps it open for appending: every row
- * ingested afterwards (add_embedding_orve512, load_vectors_f32) is appended to the file, in row
- * order. The file is opened first, with orve_vec_sidecar_open and its exclusive lock, held
- * until the object is destroyed or attached to another file: attaching a file that another
- * handle or attachment holds (in this process or another) returns -1 before a row is read,
- * and the file is neither truncated nor written. Any previous attachment is closed first.
- *
- * A failed append (disk full, I/O error) does not fail the ingestion: the row stays in memory.
- * It ends the attachment's use of the file: no later row is appended to it and searches no
- * longer re-rank from it, while the file keeps every whole row it had, each at its own
- * position (a restart brings back exactly those rows). A host detects this by the file's
- * whole-row count, (file size - 32) / 2056: when an ingestion call adds fewer rows to the file
- * than it ingested, an append failed, and the file receives no more rows until it is attached
- * again. Re-ranking reads each row's own vector from the file; rows the file does not hold
- * (ingested before the attach or without a vector) keep their int8 scores, and dead rows of
- * the file are skipped without shifting any other row. */
-ORVE_API int semantic_vector_indexing_system_open_sidecar(semantic_vector_indexing_system* sys,
-                                                          const char* path);
-
-/* Paged index attachment. build_ivf_paged writes the published H-IVF (with the node
- * identifiers of its rows) to path, attaches the file, and frees the H-IVF's in-memory rows;
- * open_ivf_paged attaches an existing file. Searches that ask for the H-IVF use an attached file
- * first. The previous file is closed once no search uses it. 0, or -1 (nothing changes). Only
- * an H-IVF whose b1 and b2 are at most ORVE_PAGED_MAX_BRANCHING can be paged; any other is
- * refused before a file is touched. An attached file is replaced only by renaming a new file
- * over its path, never rewritten or truncated in place (see orve_ivf_paged_build). */
-ORVE_API int semantic_vector_indexing_system_build_ivf_paged(semantic_vector_indexing_system* sys,
-                                                             const char* path);
-ORVE_API int semantic_vector_indexing_system_open_ivf_paged(semantic_vector_indexing_system* sys,
-                                                            const char* path);
-/* Memory controls of the attached file; no effect without one. */
-ORVE_API void semantic_vector_indexing_system_drop_ivf_paged_cache(
-    semantic_vector_indexing_system* sys);
-ORVE_API void semantic_vector_indexing_system_set_paged_low_memory(
-    semantic_vector_indexing_system* sys, uint32_t on);
-
-/* Search. Returns 0 (also when nothing was found), -1 on failure, -7 when brute force is needed
- * but the flat store was dropped. results must hold max_results records (1000 with use_lsh). */
-ORVE_API int semantic_vector_indexing_system_search_similar(semantic_vector_indexing_system* sys,
-                                                            const vector_similarity_query* query,
-                                                            vector_similarity_result* results,
-                                                            uint32_t* count);
-
-/* Index publication. Builds need at least 1000 rows, every row with a vector, and the flat
- * store in place; they publish only if no row arrived during the build. 0 when a new index was
- * published, -1 otherwise (the previous index, if any, stays). nlist in 1..rows; b1, b2 >= 1
- * with b1 * b2 <= rows. A seed of 0 acts as 1; the same rows and seed give the same index. */
+/* Index publication. Builds need at least ORVE_MIN_INDEX_ROWS (1000) rows, every row with a
+ * vector, and the flat store in place; they publish only if no row arrived during the build. 0
+ * when a new index was published, -1 otherwise (the previous index, if any, stays). nlist in
+ * 1..rows; b1, b2 >= 1 with b1 * b2 <= rows. A seed of 0 acts as 1; the same rows and seed give
+ * the same index. Probes: a search with use_ivf reads n_probe of the nlist buckets, with use_hivf
+ * n_probe_l1 x n_probe_l2 leaves; more probes give better recall and slower searches. */
 ORVE_API int semantic_vector_indexing_system_build_ivf(semantic_vector_indexing_system* sys,
                                                        uint32_t nlist, uint32_t seed);
 ORVE_API int semantic_vector_indexing_system_build_ivf_level2(semantic_vector_indexing_system* sys,
@@ -298,16 +231,16 @@ ORVE_API int semantic_vector_indexing_system_build_ivf_level2(semantic_vector_in
 /* Teardowns. Destroying the IVF also makes any published H-IVF stale for new searches. */
 ORVE_API void semantic_vector_indexing_system_destroy_ivf(semantic_vector_indexing_system* sys);
 ORVE_API void semantic_vector_indexing_system_destroy_hivf(semantic_vector_indexing_system* sys);
-/* Drop the object's reference to the published IVF / H-IVF; the caller holds the object's
- * lock (these take none). For tools that manage the object's lifetime themselves. */
-ORVE_API void orve_ivf_ptr_free_unlocked(semantic_vector_indexing_system* sys);
-ORVE_API void orve_hivf_ptr_free_unlocked(semantic_vector_indexing_system* sys);
-/* Frees the five snapshot buffers of a build; null ones are ignored. */
-ORVE_API void orve_ivf_snapshot_buffers_free(float* floats, int8_t* codes, float* scales,
-                                             float* norms, uint8_t* valid);
+/* Search. Returns ORVE_OK (also when nothing was found), ORVE_FAILED, or ORVE_SEARCH_FLAT_DROPPED
+ * (-7) when brute force is needed but the flat store was dropped. results must hold max_results
+ * records (1000 with use_lsh). */
+ORVE_API int semantic_vector_indexing_system_search_similar(semantic_vector_indexing_system* sys,
+                                                            const vector_similarity_query* query,
+                                                            vector_similarity_result* results,
+                                                            uint32_t* count);
 
 /* ======================================================================================== */
-/* Batch search                                                                              */
+/* Batch search                                                                           */
 /* ======================================================================================== */
 
 /* Several 512-dimension queries in one call. 56 bytes. */
@@ -340,7 +273,69 @@ ORVE_API int semantic_vector_indexing_system_search_similar_orve512_batch(
     semantic_vector_indexing_system* sys, const orve512_batch_query* batch);
 
 /* ======================================================================================== */
-/* IVF and H-IVF indexes                                                                     */
+/* System object: files (sidecar for restart and re-ranking, paged index)                 */
+/* ======================================================================================== */
+
+/* Replays the file's rows through ingestion, then keeps it open for appending: every row
+ * ingested afterwards (add_embedding_orve512, load_vectors_f32) is appended to the file, in row
+ * order. The file is opened first, with orve_vec_sidecar_open and its exclusive lock, held
+ * until the object is destroyed or attached to another file: attaching a file that another
+ * handle or attachment holds (in this process or another) returns -1 before a row is read,
+ * and the file is neither truncated nor written. Any previous attachment is closed first.
+ *
+ * A failed append (disk full, I/O error) does not fail the ingestion: the row stays in memory.
+ * It ends the attachment's use of the file: no later row is appended to it and searches no
+ * longer re-rank from it, while the file keeps every whole row it had, each at its own
+ * position (a restart brings back exactly those rows). A host detects this by the file's
+ * whole-row count, (file size - 32) / 2056: when an ingestion call adds fewer rows to the file
+ * than it ingested, an append failed, and the file receives no more rows until it is attached
+ * again. Re-ranking reads each row's own vector from the file; rows the file does not hold
+ * (ingested before the attach or without a vector) keep their int8 scores, and dead rows of
+ * the file are skipped without shifting any other row. */
+ORVE_API int semantic_vector_indexing_system_open_sidecar(semantic_vector_indexing_system* sys,
+                                                          const char* path);
+/* Paged index attachment. build_ivf_paged writes the published H-IVF (with the node
+ * identifiers of its rows) to path, attaches the file, and frees the H-IVF's in-memory rows;
+ * open_ivf_paged attaches an existing file. Searches that ask for the H-IVF use an attached file
+ * first. The previous file is closed once no search uses it. 0, or -1 (nothing changes). Only
+ * an H-IVF whose b1 and b2 are at most ORVE_PAGED_MAX_BRANCHING can be paged; any other is
+ * refused before a file is touched. An attached file is replaced only by renaming a new file
+ * over its path, never rewritten or truncated in place (see orve_ivf_paged_build). */
+ORVE_API int semantic_vector_indexing_system_build_ivf_paged(semantic_vector_indexing_system* sys,
+                                                             const char* path);
+ORVE_API int semantic_vector_indexing_system_open_ivf_paged(semantic_vector_indexing_system* sys,
+                                                            const char* path);
+/* Memory controls of the attached file; no effect without one. */
+ORVE_API void semantic_vector_indexing_system_drop_ivf_paged_cache(
+    semantic_vector_indexing_system* sys);
+ORVE_API void semantic_vector_indexing_system_set_paged_low_memory(
+    semantic_vector_indexing_system* sys, uint32_t on);
+
+/* ######################################################################################## */
+/*
+ * For tools, tests and hosts that build or inspect indexes themselves.
+ *
+ * A host that goes through the system object above needs nothing below. These are the
+ * module-level builders and readers the object uses, exported for the orve tool, the
+ * benchmarks and tests. Functions named _unlocked expect the caller to hold the object's lock;
+ * the kernels described as for checking exist so tests can compare them with the fast ones.
+ */
+/* ######################################################################################## */
+
+/* ======================================================================================== */
+/* System object: calls for tools that manage its lifetime themselves                     */
+/* ======================================================================================== */
+
+/* Drop the object's reference to the published IVF / H-IVF; the caller holds the object's
+ * lock (these take none). For tools that manage the object's lifetime themselves. */
+ORVE_API void orve_ivf_ptr_free_unlocked(semantic_vector_indexing_system* sys);
+ORVE_API void orve_hivf_ptr_free_unlocked(semantic_vector_indexing_system* sys);
+/* Frees the five snapshot buffers of a build; null ones are ignored. */
+ORVE_API void orve_ivf_snapshot_buffers_free(float* floats, int8_t* codes, float* scales,
+                                             float* norms, uint8_t* valid);
+
+/* ======================================================================================== */
+/* IVF and H-IVF indexes                                                                  */
 /* ======================================================================================== */
 
 /* An inverted-file index over 512-code int8 rows, grouped into buckets around centroids. The
@@ -453,7 +448,7 @@ ORVE_API int orve_hivf_route_top_leaves(const orve_hivf_index* index, const floa
                                         uint32_t* out_l1, uint32_t* out_l2, uint32_t* out_count);
 
 /* ======================================================================================== */
-/* Paged index file                                                                          */
+/* Paged index file                                                                       */
 /* ======================================================================================== */
 
 /* An H-IVF written to a ".ivfp" file that is memory-mapped and searched in place. All fields
@@ -505,29 +500,28 @@ ORVE_STATIC_ASSERT(offsetof(orve_ivf_paged_index, low_memory) == 84, ivf_paged_l
  * float node_score, uint32 row. */
 struct bf_topk_entry;
 
-/* Writes hivf to path, replacing any file there atomically: the content is written through a
- * mapping of path + ".tmp", flushed, and renamed over path; a failure never leaves a partial
- * file under path and removes the temporary file. node_ids[k] is the node identifier of global
- * row k and must cover every row id the H-IVF holds. Prints one "[IVF_PAGED] wrote" line on
- * standard output. 0 on success; -1 for a null argument, b1 or b2 of 0, b1 or b2 above
- * ORVE_PAGED_MAX_BRANCHING, an H-IVF whose arrays do not match its counts, or a path too long
- * for the temporary name (nothing touched); -2 when the temporary file cannot be created, sized
- * or mapped, or the rename fails (with a message on standard error), or when flushing it to
- * storage (msync, fdatasync) fails (no message); -3 when memory runs out. After any failure
- * path is as it was and the temporary file is gone. Concurrent builds to one path are
- * serialised.
+/* Writes hivf to path (codes ORVE_PAGED_WRITE_*), replacing any file there atomically: the content
+ * is written through a mapping of path + ".tmp", flushed, and renamed over path; a failure never
+ * leaves a partial file under path and removes the temporary file. node_ids[k] is the node
+ * identifier of global row k and must cover every row id the H-IVF holds. Prints one "[IVF_PAGED]
+ * wrote" line on standard output. 0 on success; -1 for a null argument, b1 or b2 of 0, b1 or b2
+ * above ORVE_PAGED_MAX_BRANCHING, an H-IVF whose arrays do not match its counts, or a path too
+ * long for the temporary name (nothing touched); -2 when the temporary file cannot be created,
+ * sized or mapped, or the rename fails (with a message on standard error), or when flushing it to
+ * storage (msync, fdatasync) fails (no message); -3 when memory runs out. After any failure path
+ * is as it was and the temporary file is gone. Concurrent builds to one path are serialised.
  *
- * A file that is attached (opened for searching) is trusted after open: it must be replaced
- * only by renaming a new file over it, as this function does, never rewritten, truncated or
- * copied over in place; the host would die of SIGBUS or SIGSEGV on its next search. */
+ * A file that is attached (opened for searching) is trusted after open: it must be replaced only
+ * by renaming a new file over it, as this function does, never rewritten, truncated or copied over
+ * in place; the host would die of SIGBUS or SIGSEGV on its next search. */
 ORVE_API int32_t orve_ivf_paged_build(const orve_hivf_index* hivf, const uint32_t* node_ids,
                                       const char* path);
 
-/* Opens and maps path and checks it. 0 with *out_handle set (and an "opened" line on standard
- * output); otherwise nothing stays open and a line goes to standard error: -1 null argument
- * (no line), -2 cannot open or map, -3 out of memory (no line), -4 bad magic, -5 version
- * neither 1 nor 2, -6 dim not 512, -7 too short, b1 or b2 of 0, or sections, counts or leaf
- * blocks that do not fit the file or ORVE_IVF_PAGED_MAX_B. */
+/* Opens and maps path and checks it (codes ORVE_PAGED_OPEN_*). 0 with *out_handle set (and an
+ * "opened" line on standard output); otherwise nothing stays open and a line goes to standard
+ * error: -1 null argument (no line), -2 cannot open or map, -3 out of memory (no line), -4 bad
+ * magic, -5 version neither 1 nor 2, -6 dim not 512, -7 too short, b1 or b2 of 0, or sections,
+ * counts or leaf blocks that do not fit the file or ORVE_IVF_PAGED_MAX_B. */
 ORVE_API int32_t orve_ivf_paged_open(const char* path, orve_ivf_paged_index** out_handle);
 
 /* Probes the min(n_probe_l1, b1) best level-1 buckets and, in each, the min(n_probe_l2, b2)
@@ -559,7 +553,7 @@ ORVE_API void orve_ivf_paged_drop_cache(orve_ivf_paged_index* handle);
 ORVE_API void orve_ivf_paged_close(orve_ivf_paged_index* handle);
 
 /* ======================================================================================== */
-/* Vector sidecar file                                                                       */
+/* Vector sidecar file                                                                    */
 /* ======================================================================================== */
 
 /* An append-only file of exact float rows: a 32-byte header ("ORVEVECA", version 1, dimension
@@ -616,7 +610,144 @@ ORVE_API int32_t orve_vec_sidecar_load(const char* path, orve_vec_sidecar_row_cb
 ORVE_API void orve_vec_sidecar_close(orve_vec_sidecar* handle);
 
 /* ======================================================================================== */
-/* Node records                                                                              */
+/* Int8 symmetric quantisation and quantised records                                      */
+/* ======================================================================================== */
+
+/* Dimension of the orve512 embedding format. */
+#define ORVE512_DIM 512
+
+/* A quantised 512-dimension vector with a caller identifier. The code array is owned by the
+ * record: create with orve_quantized_vector_record_create, release with
+ * orve_quantized_vector_record_free. */
+typedef struct orve_quantized_vector_record {
+    uint32_t id;    /* caller's identifier */
+    float norm;     /* L2 norm of the float vector */
+    float scale;    /* 127 / largest magnitude; 0.0 for a near-zero vector */
+    int8_t* codes;  /* 512 codes in [-127, 127] */
+} orve_quantized_vector_record;
+
+ORVE_STATIC_ASSERT(sizeof(orve_quantized_vector_record) == 24, quantized_record_size);
+ORVE_STATIC_ASSERT(offsetof(orve_quantized_vector_record, codes) == 16, quantized_record_codes);
+
+/* Quantises 512 floats to codes in [-127, 127]. Returns 0, or -1 when dim != 512 or in/out is
+ * null (nothing is written then). out_scale and out_norm may be null. */
+ORVE_API int orve_quantize_float_vector_symmetric(const float* in, int dim, int8_t* out,
+                                                  float* out_scale, float* out_norm);
+
+/* Cosine of two quantised vectors from the dot product of their codes:
+ * dot / (((scale_a * scale_b) * norm_a) * norm_b), or 0.0 when any factor is not positive.
+ * Not clamped to [-1, 1]. */
+ORVE_API float orve_cosine_from_quantized_dot(int32_t dot, float scale_a, float scale_b,
+                                              float norm_a, float norm_b);
+
+/* Allocates a record holding the quantised form of vec (512 floats). 0 and *out set, or -1
+ * with *out untouched. */
+ORVE_API int orve_quantized_vector_record_create(const float* vec, uint32_t id,
+                                                 orve_quantized_vector_record** out);
+
+/* Frees a record and its code array; null is ignored. */
+ORVE_API void orve_quantized_vector_record_free(orve_quantized_vector_record* record);
+
+/* ======================================================================================== */
+/* Int8 dot products and the 64-lane similarity dispatcher                                */
+/* ======================================================================================== */
+
+/* Exact sum of a[i] * b[i] over 512 signed bytes; 0 if a or b is null. */
+ORVE_API int32_t orve_dotprod512_i8(const int8_t* a, const int8_t* b);
+
+/* Same as orve_dotprod512_i8 (the name the IVF and paged search paths use). */
+ORVE_API int32_t orve_dot512_ivf(const int8_t* a, const int8_t* b);
+
+/* 512 signed 32-bit elements each: low 32 bits of the 64-bit sum of products; 0 if a or b is
+ * null. Not a replacement for orve_dotprod512_i8 on code rows. */
+ORVE_API int32_t orve_dotprod512_scalar(const int32_t* a, const int32_t* b);
+
+/* Exact sum of a[i] * b[i] over 64 signed bytes. On 64-bit Arm with the dot-product
+ * instructions, an override defined by another module of the process
+ * (orve512_similarity_int8__challenger_override) takes precedence; elsewhere the portable
+ * kernel answers. */
+ORVE_API int32_t orve512_similarity_int8(const int8_t* a, const int8_t* b);
+
+/* Portable 64-lane kernel; 0 if a or b is null. */
+ORVE_API int32_t orve512_similarity_int8_hwy_baseline_v1(const int8_t* a, const int8_t* b);
+
+/* Plain 64-lane loop, for checking the kernels; 0 if a or b is null. */
+ORVE_API int32_t orve512_similarity_int8__scalar_reference_testonly(const int8_t* a,
+                                                                     const int8_t* b);
+
+/* The override hook if one is defined, else the dot-product kernel, with no capability test. */
+ORVE_API int32_t orve512_similarity_int8__aarch64_override_testonly(const int8_t* a,
+                                                                     const int8_t* b);
+
+/* Optional hook: a host module may define this function; the library only holds a weak
+ * reference to it. Do not define it unless you mean to replace the 64-lane kernel. */
+#if defined(__GNUC__)
+__attribute__((weak))
+#endif
+ORVE_API int32_t orve512_similarity_int8__challenger_override(const int8_t* a, const int8_t* b);
+
+/* ======================================================================================== */
+/* HRR fact encoder                                                                       */
+/* ======================================================================================== */
+
+/* Components of an HRR atom or fact vector. */
+#define ORVE_HRR_DIM 512
+
+/* Writes to out[0..511] the unit-length atom of the symbol `name` in the role `role` (the fact
+ * encoder uses "entity" and "relation") within the family `seed`. The atom is a function of
+ * (seed, role, name) alone, bit for bit the same in every process and on every machine, so no
+ * table of atoms needs keeping. role and name are NUL-terminated and may be empty; none of the
+ * pointers may be null. Stateless, allocation-free and safe to call from any number of threads. */
+ORVE_API void orve_hrr_atom(uint64_t seed, const char* role, const char* name, float* out);
+
+/* Writes to out[0..511] the unit-length vector of the fact (subject, relation, object): the
+ * subject's entity atom, plus the relation atom shifted cyclically one place toward higher
+ * indices, plus the object's entity atom shifted two places, normalised. Facts sharing symbols
+ * in the same positions get correlated vectors; swapping distinct subject and object gives a
+ * different vector. out is written only after the three atoms are complete. None of the
+ * pointers may be null. Stateless, allocation-free and safe to call from any number of threads. */
+ORVE_API void orve_hrr_encode(uint64_t seed, const char* subject_name, const char* relation_name,
+                              const char* object_name, float* out);
+
+/* ######################################################################################## */
+/*
+ * The legacy 128-d family: for hosts of the node-graph interface that came before the
+ * 512-dimension int8 family. New hosts do not need it; a query with use_orve512 unset is
+ * answered from here (see the first example at the top).
+ */
+/* ######################################################################################## */
+
+/* ======================================================================================== */
+/* System object: node-graph calls                                                        */
+/* ======================================================================================== */
+
+/* A node without a vector, from a host node record (see orve_host_node). */
+ORVE_API int semantic_vector_indexing_system_add_node(semantic_vector_indexing_system* sys,
+                                                      const void* host_node);
+ORVE_API int semantic_vector_indexing_system_rebuild_clustering(
+    semantic_vector_indexing_system* sys);
+ORVE_API int semantic_vector_indexing_system_update_embeddings(
+    semantic_vector_indexing_system* sys);
+
+/* ======================================================================================== */
+/* Float helpers on 128-float vectors, result sort, random helpers                        */
+/* ======================================================================================== */
+
+/* All vector arguments are exactly 128 floats, read in index order, single precision. */
+ORVE_API float calculate_cosine_similarity(const float* a, const float* b);
+ORVE_API float calculate_euclidean_distance(const float* a, const float* b); /* +inf on null */
+ORVE_API float calculate_vector_magnitude(const float* v);
+ORVE_API void normalize_vector(float* v); /* no-op on null or zero magnitude */
+
+/* Stable in-place sort by similarity, descending. rank fields move with their records. */
+ORVE_API void sort_similarity_results(vector_similarity_result* results, uint32_t count);
+
+/* rand() * 2^-31, in [0, 1]; and (high - low) * random_float() + low. Neither seeds rand. */
+ORVE_API float random_float(void);
+ORVE_API float random_float_range(float low, float high);
+
+/* ======================================================================================== */
+/* Node records                                                                           */
 /* ======================================================================================== */
 
 /* One row of the system's node table; row r of the table is row r of the flat int8 store.
@@ -642,7 +773,7 @@ ORVE_STATIC_ASSERT(offsetof(indexed_node, flags) == 28, indexed_node_flags);
 ORVE_STATIC_ASSERT(offsetof(indexed_node, quantized) == 32, indexed_node_quantized);
 
 /* ======================================================================================== */
-/* LSH index                                                                                 */
+/* LSH index                                                                              */
 /* ======================================================================================== */
 
 /* Largest number of hash functions an index can have: an entry keeps at most this many. */
@@ -727,7 +858,7 @@ ORVE_API uint64_t generate_lsh_hash(const float* vector, const float* hyperplane
 ORVE_API float calculate_lsh_collision_probability(float similarity, uint32_t n_hashes);
 
 /* ======================================================================================== */
-/* Clustering index                                                                          */
+/* Clustering index                                                                       */
 /* ======================================================================================== */
 
 /* One cluster: a 128-float centroid, a bounded member list and its quality metrics. The
@@ -817,7 +948,7 @@ ORVE_API float calculate_cluster_silhouette_score(const enhanced_clustering_inde
                                                   const indexed_node* nodes, uint32_t node_count);
 
 /* ======================================================================================== */
-/* Hashed text and node embeddings                                                           */
+/* Hashed text and node embeddings                                                        */
 /* ======================================================================================== */
 
 /* Dimension of the hashed embeddings (that of the legacy float indexes). */
@@ -854,29 +985,6 @@ ORVE_API int generate_semantic_embedding(const char* text, float* output);
 /* generate_semantic_embedding of "<name> <description>", cut to 1023 bytes. -1 when node or
  * output is null; two empty texts still embed the single blank " ". */
 ORVE_API int generate_node_embedding(const orve_host_node* node, float* output);
-
-/* ======================================================================================== */
-/* HRR fact encoder                                                                          */
-/* ======================================================================================== */
-
-/* Components of an HRR atom or fact vector. */
-#define ORVE_HRR_DIM 512
-
-/* Writes to out[0..511] the unit-length atom of the symbol `name` in the role `role` (the fact
- * encoder uses "entity" and "relation") within the family `seed`. The atom is a function of
- * (seed, role, name) alone, bit for bit the same in every process and on every machine, so no
- * table of atoms needs keeping. role and name are NUL-terminated and may be empty; none of the
- * pointers may be null. Stateless, allocation-free and safe to call from any number of threads. */
-ORVE_API void orve_hrr_atom(uint64_t seed, const char* role, const char* name, float* out);
-
-/* Writes to out[0..511] the unit-length vector of the fact (subject, relation, object): the
- * subject's entity atom, plus the relation atom shifted cyclically one place toward higher
- * indices, plus the object's entity atom shifted two places, normalised. Facts sharing symbols
- * in the same positions get correlated vectors; swapping distinct subject and object gives a
- * different vector. out is written only after the three atoms are complete. None of the
- * pointers may be null. Stateless, allocation-free and safe to call from any number of threads. */
-ORVE_API void orve_hrr_encode(uint64_t seed, const char* subject_name, const char* relation_name,
-                              const char* object_name, float* out);
 
 #ifdef __cplusplus
 } /* extern "C" */

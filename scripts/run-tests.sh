@@ -16,6 +16,10 @@ run_leg() {
 }
 
 run_leg "x86-64" build/release -DCMAKE_BUILD_TYPE=RelWithDebInfo
+echo
+echo "=== x86-64, installed into a prefix: a C host via pkg-config and find_package ==="
+ensure_packages pkg-config
+bash "$ROOT/scripts/check-install.sh" build/release
 
 # ---- Python package (x86-64 leg only) ------------------------------------------------------
 # The orve package's tests, against the extension just built in build/release. The packages

@@ -21,7 +21,18 @@ int main(void) {
     float scale = 0.0f, norm = 0.0f;
     int i;
     vector_similarity_result results[3];
+    char version[32];
 
+    /* The version and code macros are plain integer constants a C99 host can switch on. */
+    snprintf(version, sizeof version, "%d.%d.%d", ORVE_VERSION_MAJOR, ORVE_VERSION_MINOR,
+             ORVE_VERSION_PATCH);
+    CHECK(strcmp(version, ORVE_VERSION_STRING) == 0);
+    switch (orve_ivf_paged_open(NULL, NULL)) {
+        case ORVE_PAGED_OPEN_BAD_ARG: break;
+        default: CHECK(!"null arguments must give ORVE_PAGED_OPEN_BAD_ARG");
+    }
+    CHECK(ORVE_OK == 0 && ORVE_FAILED == -1 && ORVE_SEARCH_FLAT_DROPPED == -7);
+    CHECK(ORVE_MAX_CAPACITY == 1100000 && ORVE_MIN_INDEX_ROWS == 1000);
     CHECK(vector_similarity_query_sizeof() == sizeof(vector_similarity_query));
     CHECK(vector_similarity_result_sizeof() == sizeof(vector_similarity_result));
 
