@@ -3,8 +3,10 @@
 // machine's single-thread read bandwidth, resident memory per stored row, and the IVF and
 // H-IVF build times with the peak memory of each stage.
 //
-// Usage: bench_system [--rows N] [--builds-only] (default 1000000; the small size is N / 10).
+// Usage: bench_system [--rows N] [--builds-only | --ingestion] (default 1000000; the small
+// size is N / 10).
 //   --builds-only   only the build figures, at both sizes
+//   --ingestion     only the ingestion and sidecar replay rates, at both sizes
 #include <sys/resource.h>
 #include <unistd.h>
 
@@ -136,6 +138,34 @@ double ingest(object& o, std::size_t rows, const std::vector<float>& centres) {
     return rows / busy;
 }
 
+// Ingestion and sidecar replay rates at one size: rows/s without a sidecar, with one, and for
+// re-opening that sidecar into an empty object (the replay ingests every row of the file).
+void ingestion_figures(std::size_t rows, const std::vector<float>& centres) {
+    {
+        object o(rows);
+        std::printf("ingestion, no sidecar:   %10.0f rows/s (%zu rows)\n", ingest(o, rows, centres),
+                    rows);
+    }
+    char dir[] = "/tmp/orve_bench_XXXXXX";
+    if (mkdtemp(dir) == nullptr) std::exit(1);
+    const std::string path = std::string(dir) + "/bench.sidecar";
+    {
+        object o(rows);
+        if (semantic_vector_indexing_system_open_sidecar(o.sys, path.c_str()) != 0) std::exit(1);
+        std::printf("ingestion, with sidecar: %10.0f rows/s (%zu rows)\n", ingest(o, rows, centres),
+                    rows);
+    }
+    {
+        object o(rows);
+        const auto t0 = clock_type::now();
+        if (semantic_vector_indexing_system_open_sidecar(o.sys, path.c_str()) != 0) std::exit(1);
+        std::printf("sidecar replay:          %10.0f rows/s (%zu rows)\n", rows / seconds_since(t0),
+                    rows);
+    }
+    unlink(path.c_str());
+    rmdir(dir);
+}
+
 void brute_force(object& o, std::size_t rows, const std::vector<float>& centres, double bw) {
     rng r{999};
     std::vector<float> queries(64 * 512);
@@ -197,6 +227,19 @@ void builds(std::size_t rows, const std::vector<float>& centres) {
     std::printf("  (nlist %u, H-IVF %u x %u)\n", nlist, b, b);
 }
 
+// --ingestion: only the ingestion and replay figures, at N / 10 and N rows.
+bool ingestion_only(int argc, char** argv, std::size_t big) {
+    bool only = false;
+    for (int i = 1; i < argc; ++i) only = only || std::strcmp(argv[i], "--ingestion") == 0;
+    if (!only) return false;
+    std::vector<float> centres(256 * 512);
+    rng r{7};
+    for (float& x : centres) x = r.next();
+    ingestion_figures(big / 10, centres);
+    ingestion_figures(big, centres);
+    return true;
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -210,6 +253,7 @@ int main(int argc, char** argv) {
             builds_only = true;
         }
     }
+    if (ingestion_only(argc, argv, big)) return 0;
     const std::size_t small = big / 10;
     std::vector<float> centres(256 * 512);
     rng r{7};

@@ -8,6 +8,7 @@
 #include "core/sidecar_attachment.h"
 #include "core/system.h"
 #include "quant/dot512_kernels.h"
+#include "quant/quantize_bulk.h"
 
 namespace {
 
@@ -23,18 +24,13 @@ void fill_embedding_node(indexed_node* n, uint32_t node_id, int64_t timestamp) {
     n->weight = 1.0f;
 }
 
-// Quantises vec into row r and offers it to the legacy indexes. On failure row r is left
-// invalid and its node record cleared; the caller holds the lock and has ensured the store.
-// A vector the LSH index took before the clustering index refused stays in the LSH index: the
-// LSH index has no removal.
-int write_row(semantic_vector_indexing_system* sys, uint32_t r, uint32_t node_id,
-              const float* vec) {
-    float scale = 0.0f, norm = 0.0f;
-    if (orve_quantize_float_vector_symmetric(vec, ORVE512_DIM, sys->slab_i8 + r * orve::kRowBytes,
-                                             &scale, &norm) != 0) {
-        clear_node(&sys->nodes[r]);
-        return -1;
-    }
+// Stores row r's codes, scale and norm and offers vec to the legacy indexes. On failure row r
+// is left invalid and its node record cleared; the caller holds the lock and has ensured the
+// store. A vector the LSH index took before the clustering index refused stays in the LSH
+// index: the LSH index has no removal.
+int write_row(semantic_vector_indexing_system* sys, uint32_t r, uint32_t node_id, const float* vec,
+              const int8_t* codes, float scale, float norm) {
+    std::memcpy(sys->slab_i8 + r * orve::kRowBytes, codes, orve::kRowBytes);
     sys->row_scale[r] = scale;
     sys->row_norm[r] = norm;
     sys->row_valid[r] = 1;
@@ -95,7 +91,10 @@ extern "C" ORVE_API int semantic_vector_indexing_system_add_embedding_orve512(
         clear_node(&sys->nodes[r]);
         return -1;
     }
-    if (write_row(sys, r, node_id, vec) != 0) return -1;
+    int8_t codes[orve::kRowBytes];
+    float scale = 0.0f, norm = 0.0f;
+    orve_quantize_float_vector_symmetric(vec, ORVE512_DIM, codes, &scale, &norm);
+    if (write_row(sys, r, node_id, vec, codes, scale, norm) != 0) return -1;
     commit_row(sys, r, node_id, vec);
     sys->last_update_time = static_cast<int64_t>(std::time(nullptr));
     return 0;
@@ -109,13 +108,28 @@ extern "C" ORVE_API int semantic_vector_indexing_system_load_vectors_f32(
     if (static_cast<uint64_t>(sys->node_count) + n > sys->capacity) return -1;
     if (sys->slabs_dropped || orve_flat_index_ensure(sys) != 0) return -1;
     const int64_t t = static_cast<int64_t>(std::time(nullptr));
-    for (uint32_t k = 0; k < n; ++k) {
-        const uint32_t r = sys->node_count;
-        const uint32_t id = r + 1;  // identifiers are 1-based row positions
-        const float* vec = vecs + static_cast<std::size_t>(k) * ORVE512_DIM;
-        fill_embedding_node(&sys->nodes[r], id, t);
-        if (write_row(sys, r, id, vec) != 0) return static_cast<int>(k);
-        commit_row(sys, r, id, vec);
+    // Rows are quantised a block at a time into this stack buffer (the bulk quantiser runs
+    // one row per vector lane) and then stored row by row, so a row that fails leaves the slab
+    // rows after it exactly as the one-row path would.
+    constexpr uint32_t kBlock = 32;
+    int8_t codes[kBlock * orve::kRowBytes];
+    float scales[kBlock];
+    float norms[kBlock];
+    for (uint32_t k0 = 0; k0 < n; k0 += kBlock) {
+        const uint32_t m = n - k0 < kBlock ? n - k0 : kBlock;
+        orve::quantize_rows(vecs + static_cast<std::size_t>(k0) * ORVE512_DIM, m, codes, scales,
+                            norms);
+        for (uint32_t j = 0; j < m; ++j) {
+            const uint32_t k = k0 + j;
+            const uint32_t r = sys->node_count;
+            const uint32_t id = r + 1;  // identifiers are 1-based row positions
+            const float* vec = vecs + static_cast<std::size_t>(k) * ORVE512_DIM;
+            fill_embedding_node(&sys->nodes[r], id, t);
+            if (write_row(sys, r, id, vec, codes + j * orve::kRowBytes, scales[j], norms[j]) != 0) {
+                return static_cast<int>(k);
+            }
+            commit_row(sys, r, id, vec);
+        }
     }
     sys->last_update_time = t;
     return static_cast<int>(n);
