@@ -17,6 +17,8 @@ import numpy as np
 from ._errors import Error
 from . import _core, _files
 
+__version__ = _core.VERSION  # the library's version: package and library ship together
+
 __all__ = ["Index", "Error", "DIM", "PAGED_MAX_BRANCHING", "quantize", "dot512",
            "text_embedding", "hrr_atom", "hrr_encode"]
 

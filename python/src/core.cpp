@@ -598,6 +598,7 @@ PYBIND11_MODULE(_core, m) {
 
     // The largest b1 and b2 the paged search handles: an H-IVF beyond it cannot be paged.
     m.attr("PAGED_MAX_BRANCHING") = py::int_(ORVE_IVF_PAGED_MAX_B);
+    m.attr("VERSION") = py::str(ORVE_VERSION_STRING);
     m.def("vec_dim", &semantic_vector_indexing_system_get_vec_dim);
     m.def("quantize", &quantize);
     m.def("dot512", &dot512);

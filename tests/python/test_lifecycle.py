@@ -174,3 +174,11 @@ def test_open_paged_refuses_a_file_of_other_rows(rows, queries, tmp_path, rows_a
             ix.open_paged(paged)
         with pytest.raises(orve.Error, match="no paged file attached"):
             ix.search(queries[0], 3, path="paged")
+
+
+def test_version_is_the_projects():
+    # The package reports the library's version; both must follow the project's own number.
+    cmake = (os.path.dirname(__file__) + "/../../CMakeLists.txt")
+    with open(cmake) as f:
+        project_line = next(line for line in f if line.startswith("project("))
+    assert f"VERSION {orve.__version__} " in project_line

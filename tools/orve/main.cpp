@@ -6,6 +6,7 @@
 #include <vector>
 
 #include "commands.h"
+#include "semantic_vector_indexing.h"
 #include "outputs.h"
 #include "tool_error.h"
 
@@ -33,7 +34,8 @@ void print_overview(FILE* out) {
         std::fprintf(out, "  %-9s %s\n", c.def().name.c_str(), c.def().summary.c_str());
     }
     std::fprintf(out,
-                 "\nRun 'orve COMMAND --help' for the options of one command. Progress goes to "
+                 "\nRun 'orve COMMAND --help' for the options of one command, 'orve --version' for the\n"
+                 "version. Progress goes to "
                  "standard\nerror when it is a terminal; --quiet silences it and warnings.\n");
 }
 
@@ -47,6 +49,10 @@ int main(int argc, char** argv) {
     }
     if (args[0] == "--help" || args[0] == "-h" || args[0] == "help") {
         print_overview(stdout);
+        return 0;
+    }
+    if (args[0] == "--version") {
+        std::printf("orve %s\n", ORVE_VERSION_STRING);
         return 0;
     }
     const command_entry* chosen = nullptr;
