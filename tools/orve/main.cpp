@@ -33,10 +33,11 @@ void print_overview(FILE* out) {
     for (const command_entry& c : kCommands) {
         std::fprintf(out, "  %-9s %s\n", c.def().name.c_str(), c.def().summary.c_str());
     }
-    std::fprintf(out,
-                 "\nRun 'orve COMMAND --help' for the options of one command, 'orve --version' for the\n"
-                 "version. Progress goes to "
-                 "standard\nerror when it is a terminal; --quiet silences it and warnings.\n");
+    std::fprintf(
+        out,
+        "\nRun 'orve COMMAND --help' for the options of one command, 'orve --version' for the\n"
+        "version. Progress goes to "
+        "standard\nerror when it is a terminal; --quiet silences it and warnings.\n");
 }
 
 }  // namespace
