@@ -128,23 +128,6 @@ TEST_F(PagedSearch, MatchesThePlainComputationForEveryProbeSetting) {
     EXPECT_EQ(search(random_query(7), 99, 99, -1e30f).size(), h.total_rows());
 }
 
-TEST_F(PagedSearch, BoundedHeapKeepsTheBestScores) {
-    hand_hivf h(3, 2, random_buckets(3, 2, 20, 52));
-    const auto ids = node_table(h.total_rows());
-    open(h, ids);
-    const query q = random_query(9);
-    std::vector<bf_topk_entry> all = reference(h, ids, q, 3, 2, -1e30f);
-    ASSERT_GE(all.size(), 5u);
-    std::sort(all.begin(), all.end(), [](auto& a, auto& b) { return a.score > b.score; });
-    const auto top3 = search(q, 3, 2, -1e30f, 3, nullptr, false);
-    ASSERT_EQ(top3.size(), 3u);
-    EXPECT_EQ(top3[0].score, all[2].score);  // the root is the lowest of the three
-    std::vector<float> kept = {top3[0].score, top3[1].score, top3[2].score};
-    std::sort(kept.begin(), kept.end(), std::greater<>());
-    EXPECT_EQ(kept, (std::vector<float>{all[0].score, all[1].score, all[2].score}));
-    EXPECT_TRUE(search(q, 2, 2, -1e30f, 0).empty());
-}
-
 TEST_F(PagedSearch, SelectionEdgeCases) {
     lcg g{53};
     const query q = random_query(10);
@@ -202,21 +185,6 @@ TEST_F(PagedSearch, SelectionEdgeCases) {
     }
 }
 
-TEST_F(PagedSearch, ThresholdIsInclusive) {
-    hand_hivf h(1, 1, random_buckets(1, 1, 6, 55));
-    const auto ids = node_table(h.total_rows());
-    open(h, ids);
-    const query q = random_query(11);
-    const auto all = reference(h, ids, q, 1, 1, -1e30f);
-    const auto& mid = *std::max_element(all.begin(), all.end(),
-                                        [](auto& a, auto& b) { return a.score < b.score; });
-    auto holds = [&](const std::vector<bf_topk_entry>& v) {
-        return std::any_of(v.begin(), v.end(), [&](auto& e) { return e.row == mid.row; });
-    };
-    EXPECT_TRUE(holds(search(q, 1, 1, mid.score)));
-    EXPECT_FALSE(holds(search(q, 1, 1, std::nextafter(mid.score, INFINITY))));
-}
-
 TEST_F(PagedSearch, VersionOneTakesNodeIdsFromTheMap) {
     hand_hivf h(3, 2, random_buckets(3, 2, 7, 56));
     const auto file_ids = node_table(h.total_rows());
@@ -243,27 +211,6 @@ TEST_F(PagedSearch, MemoryControlsDoNotChangeResults) {
         ASSERT_EQ(v->size(), before.size());
         EXPECT_EQ(std::memcmp(v->data(), before.data(), before.size() * sizeof before[0]), 0);
     }
-}
-
-TEST_F(PagedSearch, ArgumentsAndEmptyProbes) {
-    hand_hivf h(2, 2, random_buckets(2, 2, 5, 58));
-    open(h, node_table(h.total_rows()));
-    const query q = random_query(14);
-    const int8_t* c = q.codes.data();
-    bf_topk_entry heap[4] = {};
-    uint32_t found = 2;  // two candidates the caller already holds
-    auto call = [&](const orve_ivf_paged_index* hd, const int8_t* codes, bf_topk_entry* hp,
-                    uint32_t* f, uint32_t l1, uint32_t l2) {
-        return orve_ivf_paged_search(hd, nullptr, l1, l2, codes, hp, f, 4, nullptr, q.scale, q.norm,
-                                     -1e30f);
-    };
-    EXPECT_EQ(call(nullptr, c, heap, &found, 1, 1), -1);
-    EXPECT_EQ(call(handle_, nullptr, heap, &found, 1, 1), -1);
-    EXPECT_EQ(call(handle_, c, nullptr, &found, 1, 1), -1);
-    EXPECT_EQ(call(handle_, c, heap, nullptr, 1, 1), -1);
-    EXPECT_EQ(call(handle_, c, heap, &found, 0, 2), 0);
-    EXPECT_EQ(call(handle_, c, heap, &found, 2, 0), 0);
-    EXPECT_EQ(found, 2u);
 }
 
 TEST_F(PagedSearch, ConcurrentSearchesOnOneHandleAgree) {
