@@ -1,6 +1,6 @@
 #include "sidecar/sidecar_format.h"
 
-#include "sidecar/fd_io.h"
+#include "util/fd_io.h"
 
 namespace orve::sidecar {
 

@@ -12,9 +12,9 @@
 #include <cstring>
 
 #include "semantic_vector_indexing.h"
-#include "sidecar/fd_io.h"
 #include "sidecar/sidecar_format.h"
 #include "sidecar/sidecar_replay.h"
+#include "util/fd_io.h"
 
 namespace sc = orve::sidecar;
 
@@ -81,7 +81,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
 
     orve_vec_sidecar* h = nullptr;
     check(orve_vec_sidecar_open(path, &h) == 0);
-    check(sc::file_length(h->fd) ==
+    check(orve::file_length(h->fd) ==
           static_cast<int64_t>(sc::row_offset(0) + whole * sc::kRowBytes));
     float out[sc::kDim];
     if (whole > 0) {
@@ -94,7 +94,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     check(orve_vec_sidecar_read_row_floats(h, static_cast<uint32_t>(whole), out) == -1);
     for (float& v : out) v = 0.5f;
     check(orve_vec_sidecar_append(h, 7, out) == 0);
-    check(sc::file_length(h->fd) ==
+    check(orve::file_length(h->fd) ==
           static_cast<int64_t>(sc::row_offset(0) + (whole + 1) * sc::kRowBytes));
     orve_vec_sidecar_close(h);
     return 0;
