@@ -96,7 +96,7 @@ extern "C" ORVE_API int semantic_vector_indexing_system_open_sidecar(
     attachment_owner a = attach_file(path, sys->capacity);
     if (!a) return -1;
     const int64_t length = orve::file_length(a->file.fd);
-    if (length < static_cast<int64_t>(orve::sidecar::kHeaderBytes)) return -1;
+    if (length < static_cast<int64_t>(orve::sidecar::kSidecarHeaderBytes)) return -1;
     const uint64_t rows = orve::sidecar::whole_rows(static_cast<uint64_t>(length));
     if (rows >= orve::kNoFileRow) return -1;
     a->file_rows = static_cast<uint32_t>(rows);

@@ -13,7 +13,7 @@ namespace sc = orve::sidecar;
 namespace orve::sidecar {
 
 int32_t replay_rows(int fd, replay_row_fn callback, void* user) {
-    uint8_t row[kRowBytes];
+    uint8_t row[kSidecarRowBytes];
     float values[kDim];
     for (uint32_t position = 0;; ++position) {
         // A short read is the end: of the file, of a partial last row, or of a readable file.

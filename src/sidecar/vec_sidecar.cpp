@@ -32,7 +32,7 @@ constexpr size_t kPathCopyMax = sizeof(orve_vec_sidecar::path) - 1;
 
 // One write of the 32 header bytes at the current position.
 int write_fresh_header(int fd) {
-    uint8_t header[sc::kHeaderBytes];
+    uint8_t header[sc::kSidecarHeaderBytes];
     sc::encode_header(header);
     return orve::write_once(fd, header, sizeof header) == sizeof header ? 0 : -1;
 }
@@ -41,7 +41,7 @@ int write_fresh_header(int fd) {
 // least 32 bytes.
 int cut_partial_row(int fd) {
     const int64_t length = orve::file_length(fd);
-    if (length < static_cast<int64_t>(sc::kHeaderBytes)) return -1;
+    if (length < static_cast<int64_t>(sc::kSidecarHeaderBytes)) return -1;
     const uint64_t whole = sc::whole_rows_length(static_cast<uint64_t>(length));
     if (whole == static_cast<uint64_t>(length)) return 0;
     return ::ftruncate(fd, static_cast<off_t>(whole)) == 0 ? 0 : -1;
@@ -110,7 +110,7 @@ extern "C" ORVE_API int32_t orve_vec_sidecar_append(orve_vec_sidecar* handle, ui
     if (handle == nullptr) return -1;
     if (handle->fd < 0 || values == nullptr || id == 0) return -1;
 
-    uint8_t row[sc::kRowBytes];
+    uint8_t row[sc::kSidecarRowBytes];
     sc::encode_row(row, id, values);
     const size_t written = orve::write_once(handle->fd, row, sizeof row);
     if (written == sizeof row) return 0;
