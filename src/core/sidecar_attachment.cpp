@@ -14,10 +14,10 @@
 #include <new>
 
 #include "core/system.h"
-#include "sidecar/fd_io.h"
 #include "sidecar/sidecar_format.h"
 #include "sidecar/sidecar_replay.h"
 #include "util/c_alloc.h"
+#include "util/fd_io.h"
 
 namespace {
 
@@ -95,8 +95,8 @@ extern "C" ORVE_API int semantic_vector_indexing_system_open_sidecar(
     }
     attachment_owner a = attach_file(path, sys->capacity);
     if (!a) return -1;
-    const int64_t length = orve::sidecar::file_length(a->file.fd);
-    if (length < static_cast<int64_t>(orve::sidecar::kHeaderBytes)) return -1;
+    const int64_t length = orve::file_length(a->file.fd);
+    if (length < static_cast<int64_t>(orve::sidecar::kSidecarHeaderBytes)) return -1;
     const uint64_t rows = orve::sidecar::whole_rows(static_cast<uint64_t>(length));
     if (rows >= orve::kNoFileRow) return -1;
     a->file_rows = static_cast<uint32_t>(rows);

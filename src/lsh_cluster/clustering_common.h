@@ -7,10 +7,14 @@
 
 namespace orve {
 
+// Components of a centroid, and of the prefix of a vector that clustering compares with it.
+inline constexpr int kCentroidDim =
+    static_cast<int>(sizeof(enhanced_cluster::centroid) / sizeof(float));
+
 // The index keeps member identifiers only, never vectors, so wherever the cluster pass needs a
 // member's vector it stands in this all-zero one. Every distance the pass and its statistics
 // measure is therefore taken from or to the zero vector.
-inline constexpr float _zero_emb128[128] = {};
+inline constexpr float kZeroEmbedding[kCentroidDim] = {};
 
 // Length of every member list; identifiers offered to a full list are dropped.
 inline constexpr uint32_t kClusterMemberCapacity = 1000;
@@ -23,8 +27,8 @@ inline uint32_t active_cluster_count(const enhanced_clustering_index* index) {
     return index->n_active < index->max_clusters ? index->n_active : index->max_clusters;
 }
 
-// Index of the active cluster whose centroid is nearest to `vector` (first 128 floats): the
-// first strictly smaller distance wins, starting from +infinity, so ties go to the lowest
+// Index of the active cluster whose centroid is nearest to `vector` (first kCentroidDim floats):
+// the first strictly smaller distance wins, starting from +infinity, so ties go to the lowest
 // index. Cluster 0 when nothing is active or no distance is below +infinity.
 uint32_t nearest_active_cluster(const enhanced_clustering_index* index, const float* vector);
 

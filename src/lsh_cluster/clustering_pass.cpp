@@ -21,7 +21,7 @@ float total_squared_distance(const enhanced_clustering_index* index) {
         const enhanced_cluster& c = index->clusters[k];
         // The same for every member, so measured once per cluster; the additions still go
         // member by member so the rounding is that of the plain running sum.
-        const float d = calculate_euclidean_distance(orve::_zero_emb128, c.centroid);
+        const float d = calculate_euclidean_distance(orve::kZeroEmbedding, c.centroid);
         const float sq = d * d;
         for (uint32_t j = 0; j < c.member_count; ++j) total += sq;
     }
@@ -40,7 +40,8 @@ extern "C" ORVE_API int32_t assign_vectors_to_clusters(enhanced_clustering_index
     for (uint32_t k = 0; k < active; ++k) index->clusters[k].member_count = 0;
     // Every node is measured through the zero stand-in, so its nearest cluster does not depend
     // on the node: find it once instead of once per row of a table that may hold a million.
-    enhanced_cluster& c = index->clusters[orve::nearest_active_cluster(index, orve::_zero_emb128)];
+    enhanced_cluster& c =
+        index->clusters[orve::nearest_active_cluster(index, orve::kZeroEmbedding)];
     for (uint32_t i = 0; i < node_count && c.member_count < c.member_capacity; ++i) {
         // Positions in the node table, not identifiers: the statistics match members to rows.
         c.members[c.member_count++] = i;
@@ -57,12 +58,12 @@ extern "C" ORVE_API int32_t update_cluster_centroids(enhanced_clustering_index* 
     for (uint32_t k = 0; k < active; ++k) {
         enhanced_cluster& c = index->clusters[k];
         if (c.member_count == 0) continue;  // an empty cluster keeps its centroid
-        float sum[128] = {};
+        float sum[orve::kCentroidDim] = {};
         for (uint32_t j = 0; j < c.member_count; ++j) {
-            for (int d = 0; d < 128; ++d) sum[d] += orve::_zero_emb128[d];
+            for (int d = 0; d < orve::kCentroidDim; ++d) sum[d] += orve::kZeroEmbedding[d];
         }
         const float m = static_cast<float>(c.member_count);
-        for (int d = 0; d < 128; ++d) c.centroid[d] = sum[d] / m;
+        for (int d = 0; d < orve::kCentroidDim; ++d) c.centroid[d] = sum[d] / m;
     }
     return 0;
 }
@@ -81,7 +82,7 @@ extern "C" ORVE_API int32_t enhanced_clustering_index_cluster(enhanced_clusterin
         // generator see it advanced by max_clusters values after the reseed.
         (void)std::rand();
         enhanced_cluster& c = index->clusters[k];
-        for (int d = 0; d < 128; ++d) c.centroid[d] = orve::_zero_emb128[d];
+        for (int d = 0; d < orve::kCentroidDim; ++d) c.centroid[d] = orve::kZeroEmbedding[d];
         c.member_count = 0;
     }
     index->n_active = index->max_clusters;

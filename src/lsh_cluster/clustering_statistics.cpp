@@ -28,7 +28,7 @@ extern "C" ORVE_API int32_t calculate_cluster_metrics(enhanced_clustering_index*
         }
         // Every member's distance to the centroid is the same; measure it once and keep the
         // member-by-member running sum so the mean rounds like one.
-        const float to_centroid = calculate_euclidean_distance(orve::_zero_emb128, c.centroid);
+        const float to_centroid = calculate_euclidean_distance(orve::kZeroEmbedding, c.centroid);
         float sum = 0.0f;
         for (uint32_t j = 0; j < m; ++j) sum += to_centroid;
         const float d = sum / static_cast<float>(m);
@@ -60,7 +60,7 @@ extern "C" ORVE_API float calculate_cluster_silhouette_score(const enhanced_clus
     // Every member's vector is the zero stand-in, so every distance in this score is the one
     // from the zero vector to itself: a single value z, measured once. A sum of n such
     // distances is then n * z, and a mean over a cluster is z.
-    const float z = calculate_euclidean_distance(orve::_zero_emb128, orve::_zero_emb128);
+    const float z = calculate_euclidean_distance(orve::kZeroEmbedding, orve::kZeroEmbedding);
 
     // b for a node is the smallest per-cluster mean distance over the non-empty active clusters
     // other than the node's own. Those means do not depend on the node, so keep the best and

@@ -5,11 +5,10 @@
 #include <cmath>
 #include <cstdint>
 
+#include "lsh_cluster/lsh_hash.h"
 #include "semantic_vector_indexing.h"
 
 namespace {
-// The hash always reads this many components, whatever the index's hyperplane stride.
-constexpr int kHashedDim = 128;
 constexpr float kHashScale = 1000000.0f;
 // 2^64 as a float; every float at or above it is beyond the range of a u64.
 constexpr float kU64Limit = 18446744073709551616.0f;
@@ -19,7 +18,7 @@ extern "C" ORVE_API uint64_t generate_lsh_hash(const float* vector, const float*
                                                float offset) {
     if (vector == nullptr || hyperplane == nullptr) return 0;
     float dot = 0.0f;
-    for (int i = 0; i < kHashedDim; ++i) dot += vector[i] * hyperplane[i];
+    for (uint32_t i = 0; i < orve::kHashedDim; ++i) dot += vector[i] * hyperplane[i];
     const float scaled = (offset + dot) * kHashScale;
     // A float-to-integer conversion out of range is undefined, so the ends are clamped first;
     // the negated comparison also sends NaN to 0.

@@ -7,6 +7,7 @@
 #include <cstring>
 #include <ctime>
 
+#include "lsh_cluster/lsh_hash.h"
 #include "semantic_vector_indexing.h"
 #include "util/c_alloc.h"
 
@@ -14,8 +15,6 @@ namespace {
 
 constexpr uint32_t kDefaultCapacity = 1100000;
 constexpr float kEntryConfidence = 0.8f;
-// generate_lsh_hash always reads 128 components of a hyperplane, so no shorter stride is safe.
-constexpr uint32_t kMinDim = 128;
 
 // ORVE_VECTOR_CAPACITY as this index reads it: any positive base-10 value, cut to its low 32
 // bits; unset, zero, negative or non-numeric text gives the default. This is deliberately not
@@ -41,7 +40,7 @@ extern "C" ORVE_API int enhanced_lsh_index_create(enhanced_lsh_index* index, uin
     // larger hash counts or shorter hyperplanes are refused outright rather than clamped: a
     // caller asking for them gets a clear failure instead of an index other than the one it
     // asked for. Like the other argument errors, this leaves the record untouched.
-    if (n_hashes > ENHANCED_LSH_MAX_HASHES || dim < kMinDim) return -1;
+    if (n_hashes > ENHANCED_LSH_MAX_HASHES || dim < orve::kHashedDim) return -1;
 
     std::memset(index, 0, sizeof(*index));
     const uint32_t n_buckets = 1u << (n_hashes / 2);

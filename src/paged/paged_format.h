@@ -23,7 +23,7 @@ inline constexpr uint32_t kVersionWritten = 2;
 inline constexpr uint32_t kVersionNoNodeIds = 1;
 inline constexpr uint32_t kDim = 512;
 
-inline constexpr uint64_t kHeaderBytes = 72;
+inline constexpr uint64_t kPagedHeaderBytes = 72;
 inline constexpr uint64_t kHeaderVersion = 8;
 inline constexpr uint64_t kHeaderDim = 12;
 inline constexpr uint64_t kHeaderB1 = 16;
@@ -93,10 +93,10 @@ struct section_layout {
 inline bool compute_layout(uint32_t b1, uint32_t b2, section_layout* out) {
     section_layout s{};
     s.slots = static_cast<uint64_t>(b1) * b2;  // two 32-bit factors never wrap 64 bits
-    s.l1_codes = kHeaderBytes;
-    s.l1_pairs = kHeaderBytes + kCodeBytes * b1;
+    s.l1_codes = kPagedHeaderBytes;
+    s.l1_pairs = kPagedHeaderBytes + kCodeBytes * b1;
     uint64_t t;
-    if (!align_up(kHeaderBytes + (kCodeBytes + kL1PairBytes) * b1, kLeafAlign, &s.leaf_codes))
+    if (!align_up(kPagedHeaderBytes + (kCodeBytes + kL1PairBytes) * b1, kLeafAlign, &s.leaf_codes))
         return false;
     if (!mul_u64(kCodeBytes, s.slots, &t) || !add_u64(s.leaf_codes, t, &s.leaf_table)) return false;
     if (!mul_u64(kLeafTableBytes, s.slots, &t) || !add_u64(s.leaf_table, t, &s.leaf_dir))

@@ -20,7 +20,7 @@
 #include "paged/paged_format.h"
 #include "paged/unique_mapping.h"
 #include "semantic_vector_indexing.h"
-#include "sidecar/fd_io.h"
+#include "util/unique_fd.h"
 
 namespace {
 
@@ -45,7 +45,7 @@ extern "C" ORVE_API int32_t orve_ivf_paged_open(const char* path,
                                                 orve_ivf_paged_index** out_handle) {
     if (path == nullptr || out_handle == nullptr) return -1;
 
-    orve::sidecar::unique_fd fd(::open(path, O_RDONLY | O_CLOEXEC | O_NONBLOCK));
+    orve::unique_fd fd(::open(path, O_RDONLY | O_CLOEXEC | O_NONBLOCK));
     if (!fd.valid()) {
         const int err = errno;
         std::fprintf(stderr, "[IVF_PAGED] open(%s): %s\n", path, error_text(err).c_str());

@@ -22,13 +22,13 @@
 #include "paged/paged_format.h"
 #include "paged/unique_mapping.h"
 #include "semantic_vector_indexing.h"
-#include "sidecar/fd_io.h"
 #include "util/c_alloc.h"
+#include "util/unique_fd.h"
 
 namespace {
 
 using namespace orve::paged;
-using orve::sidecar::unique_fd;
+using orve::unique_fd;
 
 constexpr size_t kPathBuffer = 4096;  // temporary and directory names, NUL included
 constexpr char kTempSuffix[] = ".tmp";

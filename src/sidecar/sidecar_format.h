@@ -16,7 +16,7 @@ inline constexpr char kMagic[8] = {'O', 'R', 'V', 'E', 'V', 'E', 'C', 'A'};
 inline constexpr uint32_t kVersion = 1;
 inline constexpr uint32_t kDim = ORVE512_DIM;
 
-inline constexpr uint32_t kHeaderBytes = 32;
+inline constexpr uint32_t kSidecarHeaderBytes = 32;
 inline constexpr uint32_t kHeaderVersionOffset = 8;
 inline constexpr uint32_t kHeaderDimOffset = 12;
 inline constexpr uint32_t kHeaderRowBytesOffset = 16;
@@ -25,8 +25,8 @@ inline constexpr uint32_t kRowIdOffset = 0;
 inline constexpr uint32_t kRowLiveOffset = 4;
 inline constexpr uint32_t kRowValuesOffset = 8;
 inline constexpr uint32_t kValueBytes = kDim * 4;
-inline constexpr uint32_t kRowBytes = kRowValuesOffset + kValueBytes;
-static_assert(kRowBytes == 2056);
+inline constexpr uint32_t kSidecarRowBytes = kRowValuesOffset + kValueBytes;
+static_assert(kSidecarRowBytes == 2056);
 
 // Little-endian fields, shared with the paged index file.
 using orve::load_f32;
@@ -35,24 +35,24 @@ using orve::store_f32;
 using orve::store_u32;
 
 // A fresh header: magic, version, dimension, row size, reserved bytes zero.
-inline void encode_header(uint8_t (&out)[kHeaderBytes]) {
+inline void encode_header(uint8_t (&out)[kSidecarHeaderBytes]) {
     std::memset(out, 0, sizeof out);
     std::memcpy(out, kMagic, sizeof kMagic);
     store_u32(out + kHeaderVersionOffset, kVersion);
     store_u32(out + kHeaderDimOffset, kDim);
-    store_u32(out + kHeaderRowBytesOffset, kRowBytes);
+    store_u32(out + kHeaderRowBytesOffset, kSidecarRowBytes);
 }
 
 // The reserved bytes are not looked at: a later writer may use them without breaking readers.
-inline bool header_matches(const uint8_t (&in)[kHeaderBytes]) {
+inline bool header_matches(const uint8_t (&in)[kSidecarHeaderBytes]) {
     return std::memcmp(in, kMagic, sizeof kMagic) == 0 &&
            load_u32(in + kHeaderVersionOffset) == kVersion &&
            load_u32(in + kHeaderDimOffset) == kDim &&
-           load_u32(in + kHeaderRowBytesOffset) == kRowBytes;
+           load_u32(in + kHeaderRowBytesOffset) == kSidecarRowBytes;
 }
 
 // A complete row: id, live byte 1, reserved zero, the 512 values.
-inline void encode_row(uint8_t (&out)[kRowBytes], uint32_t id, const float* values) {
+inline void encode_row(uint8_t (&out)[kSidecarRowBytes], uint32_t id, const float* values) {
     std::memset(out, 0, sizeof out);
     store_u32(out + kRowIdOffset, id);
     out[kRowLiveOffset] = 1;
@@ -67,7 +67,7 @@ inline void decode_values(const uint8_t* in, float* out) {
 // Byte offset of row `row`, and of its values, in 64-bit arithmetic: row numbers go up to
 // 2^32 - 1, far past what 32 bits of offset could hold.
 inline constexpr uint64_t row_offset(uint32_t row) {
-    return kHeaderBytes + static_cast<uint64_t>(kRowBytes) * row;
+    return kSidecarHeaderBytes + static_cast<uint64_t>(kSidecarRowBytes) * row;
 }
 inline constexpr uint64_t row_values_offset(uint32_t row) {
     return row_offset(row) + kRowValuesOffset;
@@ -75,12 +75,13 @@ inline constexpr uint64_t row_values_offset(uint32_t row) {
 
 // Length of the file once a trailing partial row is cut off; `length` is at least the header.
 inline constexpr uint64_t whole_rows_length(uint64_t length) {
-    return kHeaderBytes + (length - kHeaderBytes) / kRowBytes * kRowBytes;
+    return kSidecarHeaderBytes +
+           (length - kSidecarHeaderBytes) / kSidecarRowBytes * kSidecarRowBytes;
 }
 
 // Whole rows in a file of `length` bytes; `length` is at least the header.
 inline constexpr uint64_t whole_rows(uint64_t length) {
-    return (length - kHeaderBytes) / kRowBytes;
+    return (length - kSidecarHeaderBytes) / kSidecarRowBytes;
 }
 
 // Reads 32 bytes at the descriptor's current position: 0 when all of them came and the header

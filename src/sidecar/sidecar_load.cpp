@@ -3,16 +3,17 @@
 #include <fcntl.h>
 
 #include "semantic_vector_indexing.h"
-#include "sidecar/fd_io.h"
 #include "sidecar/sidecar_format.h"
 #include "sidecar/sidecar_replay.h"
+#include "util/fd_io.h"
+#include "util/unique_fd.h"
 
 namespace sc = orve::sidecar;
 
 namespace orve::sidecar {
 
 int32_t replay_rows(int fd, replay_row_fn callback, void* user) {
-    uint8_t row[kRowBytes];
+    uint8_t row[kSidecarRowBytes];
     float values[kDim];
     for (uint32_t position = 0;; ++position) {
         // A short read is the end: of the file, of a partial last row, or of a readable file.
@@ -52,8 +53,8 @@ extern "C" ORVE_API int32_t orve_vec_sidecar_load(const char* path,
                                                   orve_vec_sidecar_row_cb callback, void* user) {
     if (path == nullptr || callback == nullptr) return -1;
 
-    sc::unique_fd fd(::open(path, O_RDONLY | O_CLOEXEC | O_NONBLOCK));
-    if (!fd.valid() || !sc::is_regular_file(fd.get())) return 0;
+    orve::unique_fd fd(::open(path, O_RDONLY | O_CLOEXEC | O_NONBLOCK));
+    if (!fd.valid() || !orve::is_regular_file(fd.get())) return 0;
     if (sc::validate_header(fd.get()) != 0) return 0;
     load_context ctx{callback, user};
     return sc::replay_rows(fd.get(), forward_row, &ctx);

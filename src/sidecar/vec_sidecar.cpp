@@ -19,9 +19,10 @@
 #include <cstring>
 
 #include "semantic_vector_indexing.h"
-#include "sidecar/fd_io.h"
 #include "sidecar/sidecar_format.h"
 #include "util/c_alloc.h"
+#include "util/fd_io.h"
+#include "util/unique_fd.h"
 
 namespace sc = orve::sidecar;
 
@@ -31,16 +32,16 @@ constexpr size_t kPathCopyMax = sizeof(orve_vec_sidecar::path) - 1;
 
 // One write of the 32 header bytes at the current position.
 int write_fresh_header(int fd) {
-    uint8_t header[sc::kHeaderBytes];
+    uint8_t header[sc::kSidecarHeaderBytes];
     sc::encode_header(header);
-    return sc::write_once(fd, header, sizeof header) == sizeof header ? 0 : -1;
+    return orve::write_once(fd, header, sizeof header) == sizeof header ? 0 : -1;
 }
 
 // Drops a trailing partial row, if any. The header is known to be valid, so the file holds at
 // least 32 bytes.
 int cut_partial_row(int fd) {
-    const int64_t length = sc::file_length(fd);
-    if (length < static_cast<int64_t>(sc::kHeaderBytes)) return -1;
+    const int64_t length = orve::file_length(fd);
+    if (length < static_cast<int64_t>(sc::kSidecarHeaderBytes)) return -1;
     const uint64_t whole = sc::whole_rows_length(static_cast<uint64_t>(length));
     if (whole == static_cast<uint64_t>(length)) return 0;
     return ::ftruncate(fd, static_cast<off_t>(whole)) == 0 ? 0 : -1;
@@ -85,9 +86,9 @@ extern "C" ORVE_API int32_t orve_vec_sidecar_open(const char* path, orve_vec_sid
     handle->fd = -1;
     std::memcpy(handle->path, path, strnlen(path, kPathCopyMax));  // calloc'd: stays terminated
 
-    sc::unique_fd fd(::open(path, O_RDWR | O_CREAT | O_CLOEXEC, 0644));
-    if (!fd.valid() || !sc::is_regular_file(fd.get()) || !lock_exclusively(fd.get())) return -1;
-    if (sc::file_length(fd.get()) == 0) {
+    orve::unique_fd fd(::open(path, O_RDWR | O_CREAT | O_CLOEXEC, 0644));
+    if (!fd.valid() || !orve::is_regular_file(fd.get()) || !lock_exclusively(fd.get())) return -1;
+    if (orve::file_length(fd.get()) == 0) {
         if (write_fresh_header(fd.get()) != 0) return -1;
     } else if (sc::validate_header(fd.get()) == 0) {
         if (cut_partial_row(fd.get()) != 0) return -1;
@@ -109,9 +110,9 @@ extern "C" ORVE_API int32_t orve_vec_sidecar_append(orve_vec_sidecar* handle, ui
     if (handle == nullptr) return -1;
     if (handle->fd < 0 || values == nullptr || id == 0) return -1;
 
-    uint8_t row[sc::kRowBytes];
+    uint8_t row[sc::kSidecarRowBytes];
     sc::encode_row(row, id, values);
-    const size_t written = sc::write_once(handle->fd, row, sizeof row);
+    const size_t written = orve::write_once(handle->fd, row, sizeof row);
     if (written == sizeof row) return 0;
     if (written > 0) undo_partial_row(handle->fd, written);
     return -1;
@@ -122,7 +123,7 @@ extern "C" ORVE_API int32_t orve_vec_sidecar_read_row_floats(const orve_vec_side
                                                              uint32_t row, float* out) {
     if (handle == nullptr || out == nullptr || handle->fd < 0) return -1;
     uint8_t bytes[sc::kValueBytes];
-    if (sc::pread_full(handle->fd, bytes, sizeof bytes, sc::row_values_offset(row)) !=
+    if (orve::pread_full(handle->fd, bytes, sizeof bytes, sc::row_values_offset(row)) !=
         sizeof bytes) {
         return -1;
     }

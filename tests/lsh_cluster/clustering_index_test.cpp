@@ -9,62 +9,6 @@
 
 namespace {
 
-TEST(ClusteringIndexLifecycle, CreateDefaultsAndDestroyZeroesEvenTwice) {
-    ScopedClusteringIndex ix;
-    EXPECT_EQ(ix.rec.n_active, 0u);
-    EXPECT_EQ(ix.rec.max_clusters, 100u);
-    EXPECT_EQ(ix.rec.tolerance, 0.001f);
-    EXPECT_EQ(ix.rec.max_iterations, 100u);
-    for (uint32_t k = 0; k < 100; ++k) {
-        ASSERT_NE(ix[k].members, nullptr);
-        EXPECT_EQ(ix[k].cluster_id, k);
-        EXPECT_EQ(ix[k].member_capacity, 1000u);
-    }
-    enhanced_clustering_index_destroy(nullptr);
-    enhanced_clustering_index_destroy(&ix.rec);
-    const enhanced_clustering_index zero{};
-    EXPECT_EQ(std::memcmp(&ix.rec, &zero, sizeof zero), 0);
-    enhanced_clustering_index_destroy(&ix.rec);
-    EXPECT_EQ(std::memcmp(&ix.rec, &zero, sizeof zero), 0);
-}
-
-TEST(ClusteringIndexLifecycle, BadArgumentsAndDestroyedRecordsAreRefused) {
-    enhanced_clustering_index gone{};
-    EXPECT_EQ(enhanced_clustering_index_create(nullptr, 100, 128), -1);
-    EXPECT_EQ(enhanced_clustering_index_create(&gone, 0, 128), -1);
-    EXPECT_EQ(enhanced_clustering_index_create(&gone, 100, 0), -1);
-    ScopedClusteringIndex ix;
-    std::vector<float> v(128, 0.5f);
-    std::vector<indexed_node> nodes(2);
-    EXPECT_EQ(enhanced_clustering_index_add_vector(nullptr, v.data(), 1), -1);
-    EXPECT_EQ(enhanced_clustering_index_add_vector(&ix.rec, nullptr, 1), -1);
-    EXPECT_EQ(ix[0].member_count, 0u);
-    // A destroyed record has no cluster 0 to fall back on.
-    EXPECT_EQ(enhanced_clustering_index_add_vector(&gone, v.data(), 1), -1);
-    EXPECT_EQ(assign_vectors_to_clusters(&gone, nodes.data(), 2), -1);
-    EXPECT_EQ(enhanced_clustering_index_cluster(&gone, nodes.data(), 2), -1);
-    for (auto step :
-         {assign_vectors_to_clusters, update_cluster_centroids, calculate_cluster_metrics}) {
-        EXPECT_EQ(step(nullptr, nodes.data(), 2), -1);
-        EXPECT_EQ(step(&ix.rec, nullptr, 2), -1);
-    }
-    EXPECT_EQ(calculate_cluster_silhouette_score(nullptr, nodes.data(), 2), 0.0f);
-    EXPECT_EQ(calculate_cluster_silhouette_score(&ix.rec, nullptr, 2), 0.0f);
-    EXPECT_EQ(calculate_cluster_silhouette_score(&ix.rec, nodes.data(), 0), 0.0f);
-}
-
-TEST(ClusteringIndexAdd, BeforeAnyPassEverythingGoesToClusterZeroUpToCapacity) {
-    ScopedClusteringIndex ix;
-    std::vector<float> v(128);
-    for (uint32_t id = 1; id <= 1001; ++id) {
-        for (int d = 0; d < 128; ++d) v[d] = static_cast<float>((id * 31 + d) % 17) - 8.0f;
-        ASSERT_EQ(enhanced_clustering_index_add_vector(&ix.rec, v.data(), id), 0) << id;
-    }
-    ASSERT_EQ(ix[0].member_count, 1000u);
-    for (uint32_t i = 0; i < 1000; ++i) ASSERT_EQ(ix[0].members[i], i + 1);
-    EXPECT_EQ(ix[1].member_count, 0u);
-}
-
 TEST(ClusteringIndexAdd, PicksNearestActiveCentroidOnFirst128ComponentsTiesToLowest) {
     ScopedClusteringIndex ix;
     ix.rec.n_active = 3;

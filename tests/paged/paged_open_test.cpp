@@ -74,12 +74,9 @@ TEST(PagedOpen, EachCheckHasItsCodeAndLineInOrder) {
          "[IVF_PAGED] bad magic in %s (not an .ivfp file)\n"},
         {"version 3", [](bytes& f) { set_u32(f, 8, 3); }, -5,
          "[IVF_PAGED] unsupported version 3 in %s (expected 1 or 2)\n"},
-        {"version 0", [](bytes& f) { set_u32(f, 8, 0); }, -5,
-         "[IVF_PAGED] unsupported version 0 in %s (expected 1 or 2)\n"},
         {"dim 256", [](bytes& f) { set_u32(f, 12, 256); }, -6,
          "[IVF_PAGED] dim mismatch: file=256 runtime=512 in %s\n"},
         {"b1 0", [](bytes& f) { set_u32(f, 16, 0); }, -7, "[IVF_PAGED] corrupt B1/B2 (0) in %s\n"},
-        {"b2 0", [](bytes& f) { set_u32(f, 20, 0); }, -7, "[IVF_PAGED] corrupt B1/B2 (0) in %s\n"},
         // Order: the first failing check decides.
         {"magic and version",
          [](bytes& f) {
@@ -175,19 +172,6 @@ TEST(PagedOpen, EachCheckHasItsCodeAndLineInOrder) {
     EXPECT_EQ(orve_ivf_paged_open(d.path("absent").c_str(), nullptr), -1);
 }
 
-TEST(PagedOpen, AcceptsTheLargestSupportedFanOut) {
-    scratch_dir d;
-    for (uint32_t b : {64u, 65u}) {
-        std::vector<bucket_plan> buckets = random_buckets(b, 1, 1, 40 + b);
-        hand_hivf h(b, 1, std::move(buckets));
-        write_file(d.path("wide.ivfp"), encode_ivfp(h, node_table(h.total_rows()), 2));
-        orve_ivf_paged_index* handle = nullptr;
-        std::string err;
-        EXPECT_EQ(open_quietly(d.path("wide.ivfp"), &handle, &err), b <= 64 ? 0 : -7) << b;
-        orve_ivf_paged_close(handle);
-    }
-}
-
 TEST(PagedOpen, HandlePointsIntoTheMapping) {
     scratch_dir d;
     hand_hivf h(2, 3, random_buckets(2, 3, 4, 31));
@@ -200,26 +184,8 @@ TEST(PagedOpen, HandlePointsIntoTheMapping) {
     EXPECT_EQ(testing::internal::GetCapturedStdout(),
               "[IVF_PAGED] opened " + p + "  B1=2 B2=3 n=" + std::to_string(h.total_rows()) +
                   "  (0.0 MB)\n");
-    const auto* base = static_cast<const uint8_t*>(handle->base);
-    EXPECT_EQ(handle->b1, 2u);
-    EXPECT_EQ(handle->b2, 3u);
-    EXPECT_EQ(handle->n_rows, h.total_rows());
-    EXPECT_EQ(handle->version, 1u);
-    EXPECT_EQ(handle->length, f.size());
-    EXPECT_GE(handle->fd, 0);
-    EXPECT_EQ(handle->low_memory, 0u);
-    EXPECT_EQ(reinterpret_cast<const uint8_t*>(handle->l1_codes), base + 72);
-    EXPECT_EQ(reinterpret_cast<const uint8_t*>(handle->l1_scales), base + 72 + 1024);
-    EXPECT_EQ(reinterpret_cast<const uint8_t*>(handle->l1_norms), base + 72 + 1028);
-    EXPECT_EQ(reinterpret_cast<const uint8_t*>(handle->leaf_centroid_codes), base + 1152);
-    EXPECT_EQ(handle->leaf_table, base + kLT);
-    EXPECT_EQ(handle->leaf_dir, base + kLD);
-    EXPECT_EQ(std::memcmp(base, f.data(), f.size()), 0);
+    EXPECT_EQ(std::memcmp(handle->base, f.data(), f.size()), 0);
 
-    orve_ivf_paged_set_low_memory(handle, 7);
-    EXPECT_EQ(handle->low_memory, 7u);
-    orve_ivf_paged_set_low_memory(nullptr, 1);
-    orve_ivf_paged_drop_cache(nullptr);
     orve_ivf_paged_close(handle);
     orve_ivf_paged_close(nullptr);
     EXPECT_FALSE(mapped_anywhere(p));

@@ -12,9 +12,9 @@
 #include <cstring>
 
 #include "semantic_vector_indexing.h"
-#include "sidecar/fd_io.h"
 #include "sidecar/sidecar_format.h"
 #include "sidecar/sidecar_replay.h"
+#include "util/fd_io.h"
 
 namespace sc = orve::sidecar;
 
@@ -65,7 +65,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     char path[64];
     std::snprintf(path, sizeof path, "/proc/self/fd/%d", fd);
 
-    uint8_t head[sc::kHeaderBytes] = {};
+    uint8_t head[sc::kSidecarHeaderBytes] = {};
     if (size >= sizeof head) std::memcpy(head, data, sizeof head);
     const bool valid = size >= sizeof head && sc::header_matches(head);
     const uint64_t whole = valid ? sc::whole_rows(size) : 0;
@@ -81,8 +81,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
 
     orve_vec_sidecar* h = nullptr;
     check(orve_vec_sidecar_open(path, &h) == 0);
-    check(sc::file_length(h->fd) ==
-          static_cast<int64_t>(sc::row_offset(0) + whole * sc::kRowBytes));
+    check(orve::file_length(h->fd) ==
+          static_cast<int64_t>(sc::row_offset(0) + whole * sc::kSidecarRowBytes));
     float out[sc::kDim];
     if (whole > 0) {
         const uint32_t last = static_cast<uint32_t>(whole - 1);
@@ -94,8 +94,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     check(orve_vec_sidecar_read_row_floats(h, static_cast<uint32_t>(whole), out) == -1);
     for (float& v : out) v = 0.5f;
     check(orve_vec_sidecar_append(h, 7, out) == 0);
-    check(sc::file_length(h->fd) ==
-          static_cast<int64_t>(sc::row_offset(0) + (whole + 1) * sc::kRowBytes));
+    check(orve::file_length(h->fd) ==
+          static_cast<int64_t>(sc::row_offset(0) + (whole + 1) * sc::kSidecarRowBytes));
     orve_vec_sidecar_close(h);
     return 0;
 }

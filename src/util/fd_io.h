@@ -1,5 +1,6 @@
-// Descriptor reads and writes that survive signals. The sidecar is read and written through
-// these only, so an EINTR never turns into a lost row or a spurious end of file.
+// Descriptor reads and writes that survive signals. The sidecar and the paged index are read
+// and written through these only, so an EINTR never turns into a lost row or a spurious end
+// of file.
 #pragma once
 
 #include <sys/types.h>
@@ -7,7 +8,7 @@
 #include <cstddef>
 #include <cstdint>
 
-namespace orve::sidecar {
+namespace orve {
 
 // Reads up to n bytes at the current position, continuing after interruptions and short
 // reads, until n bytes came, the file ended or a read failed. Returns the bytes read; a
@@ -28,26 +29,4 @@ bool is_regular_file(int fd);
 
 // Length of the file in bytes, or -1 when it cannot be had.
 int64_t file_length(int fd);
-
-// Owns a descriptor and closes it on every path out of a function.
-class unique_fd {
-  public:
-    explicit unique_fd(int fd) noexcept : fd_(fd) {}
-    ~unique_fd();
-    unique_fd(const unique_fd&) = delete;
-    unique_fd& operator=(const unique_fd&) = delete;
-    int get() const noexcept { return fd_; }
-    bool valid() const noexcept { return fd_ >= 0; }
-    // Closes the descriptor held so far, if any, and holds fd instead.
-    void reset(int fd) noexcept;
-    int release() noexcept {
-        const int fd = fd_;
-        fd_ = -1;
-        return fd;
-    }
-
-  private:
-    int fd_;
-};
-
-}  // namespace orve::sidecar
+}  // namespace orve

@@ -1,4 +1,4 @@
-#include "sidecar/fd_io.h"
+#include "util/fd_io.h"
 
 #include <sys/stat.h>
 #include <unistd.h>
@@ -6,7 +6,7 @@
 #include <cerrno>
 #include <limits>
 
-namespace orve::sidecar {
+namespace orve {
 
 // Offsets go straight into off_t: the library is built for 64-bit Linux only.
 static_assert(sizeof(off_t) == 8, "64-bit file offsets are required");
@@ -58,16 +58,4 @@ int64_t file_length(int fd) {
     if (::fstat(fd, &st) != 0) return -1;
     return static_cast<int64_t>(st.st_size);
 }
-
-// close is not retried after EINTR: on Linux the descriptor is gone either way, and a second
-// close could hit a descriptor another thread has just been given.
-unique_fd::~unique_fd() {
-    if (fd_ >= 0) ::close(fd_);
-}
-
-void unique_fd::reset(int fd) noexcept {
-    if (fd_ >= 0) ::close(fd_);
-    fd_ = fd;
-}
-
-}  // namespace orve::sidecar
+}  // namespace orve
