@@ -164,10 +164,7 @@ extern "C" ORVE_API int semantic_vector_indexing_system_build_ivf_paged(
             stderr);
         return -1;
     }
-    struct unpin {
-        hivf_live* h;
-        ~unpin() { hivf_live_release(h); }
-    } guard{holder};
+    const hivf_pin guard(holder);
 
     const uint32_t n = orve::load_node_count(sys);
     auto ids = orve::c_alloc_array<uint32_t>(n);

@@ -7,6 +7,7 @@
 #include <cstdint>
 
 #include "semantic_vector_indexing.h"
+#include "util/pin_guard.h"
 
 struct paged_attachment {
     std::atomic<uint32_t> refs;
@@ -31,5 +32,7 @@ paged_attachment* paged_attachment_swap(semantic_vector_indexing_system* sys,
 
 // Drops a reference; the last one closes the handle. Null is ignored.
 void paged_attachment_release(paged_attachment* a);
+
+using paged_pin = pin_guard<paged_attachment, paged_attachment_release>;
 
 }  // namespace orve

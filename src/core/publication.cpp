@@ -107,7 +107,7 @@ using holder_ptr = std::atomic<Holder*> semantic_vector_indexing_system::*;
 template <typename Holder>
 bool publish_locked(semantic_vector_indexing_system* sys, Holder* fresh, uint32_t n,
                     uint64_t generation, holder_ptr<Holder> live,
-                    std::atomic<uint64_t>& built_generation, void (*release)(Holder*)) {
+                    std::atomic<uint64_t>& built_generation) {
     if (sys->ingest_generation.load(std::memory_order_acquire) != generation ||
         sys->node_count != n) {
         return false;
@@ -116,39 +116,45 @@ bool publish_locked(semantic_vector_indexing_system* sys, Holder* fresh, uint32_
     fresh->generation = generation;
     Holder* old = (sys->*live).exchange(fresh, std::memory_order_acq_rel);
     built_generation.store(generation, std::memory_order_seq_cst);
-    release(old);
+    orve::live_release(old);
     return true;
 }
 
+// Snapshots the store, builds an index from the snapshot with `build` (without the lock) and
+// publishes it. With floats (the IVF), the rows converted for a build that cannot publish are
+// left in the dequantised cache for the next attempt; a published IVF frees the cache.
+template <typename Holder, typename Build>
+int build_and_publish(semantic_vector_indexing_system* sys, bool with_floats, build_check check,
+                      uint32_t a, uint32_t b, holder_ptr<Holder> live,
+                      std::atomic<uint64_t>& built_generation, Build build) {
+    snapshot s;
+    if (take_snapshot(sys, with_floats, check, a, b, s) != 0) return -1;
+    orve::c_unique<Holder> fresh(static_cast<Holder*>(std::calloc(1, sizeof(Holder))));
+    if (!fresh) return -1;
+    if (build(s, &fresh->index) != 0) {
+        orve::destroy_index(&fresh->index);
+        return -1;
+    }
+    const uint32_t n = s.n;
+    const uint64_t g = s.generation;
+    orve::dequant_rows floats = std::move(s.floats);
+    s = snapshot{};  // the index holds its own copies of the rows
+
+    orve::object_lock guard(sys);
+    if (!publish_locked<Holder>(sys, fresh.get(), n, g, live, built_generation)) {
+        orve::destroy_index(&fresh->index);
+        // Only while the store lives: a dropped store has no cache.
+        if (with_floats && sys->slab_i8 != nullptr) {
+            orve::dequant_cache_adopt(sys, std::move(floats));
+        }
+        return -1;
+    }
+    fresh.release();
+    if (with_floats) orve::dequant_cache_free(sys);
+    return 0;
+}
+
 }  // namespace
-
-// ---- reference counting -----------------------------------------------------------------
-
-ivf_live* ivf_live_retain(ivf_live* holder) {
-    if (holder != nullptr) holder->refs.fetch_add(1, std::memory_order_acquire);
-    return holder;
-}
-
-void ivf_live_release(ivf_live* holder) {
-    if (holder == nullptr) return;
-    if (holder->refs.fetch_sub(1, std::memory_order_acq_rel) == 1) {
-        orve_ivf_index_destroy(&holder->index);
-        std::free(holder);
-    }
-}
-
-hivf_live* hivf_live_retain(hivf_live* holder) {
-    if (holder != nullptr) holder->refs.fetch_add(1, std::memory_order_acquire);
-    return holder;
-}
-
-void hivf_live_release(hivf_live* holder) {
-    if (holder == nullptr) return;
-    if (holder->refs.fetch_sub(1, std::memory_order_acq_rel) == 1) {
-        orve_hivf_index_destroy(&holder->index);
-        std::free(holder);
-    }
-}
 
 namespace orve {
 
@@ -192,34 +198,13 @@ extern "C" ORVE_API int semantic_vector_indexing_system_build_ivf(
         return n >= kMinRowsForIndex && nl != 0 && nl <= n && s->slab_i8 != nullptr &&
                s->row_valid != nullptr && all_rows_valid(s, n);
     };
-    snapshot s;
-    if (take_snapshot(sys, true, check, nlist, 0, s) != 0) return -1;
-
-    orve::c_unique<ivf_live> fresh(static_cast<ivf_live*>(std::calloc(1, sizeof(ivf_live))));
-    if (!fresh) return -1;
-    if (orve_ivf_build_kmeans_centroids(s.floats.rows(), s.n, nlist, seed, s.codes.get(),
-                                        s.scales.get(), s.norms.get(), s.valid.get(),
-                                        &fresh->index) != 0) {
-        orve_ivf_index_destroy(&fresh->index);
-        return -1;
-    }
-    const uint32_t n = s.n;
-    const uint64_t g = s.generation;
-    orve::dequant_rows floats = std::move(s.floats);
-    s = snapshot{};  // the index holds its own copies of the rows
-
-    orve::object_lock guard(sys);
-    if (!publish_locked<ivf_live>(sys, fresh.get(), n, g,
-                                  &semantic_vector_indexing_system::live_ivf,
-                                  sys->ivf_built_generation, ivf_live_release)) {
-        orve_ivf_index_destroy(&fresh->index);
-        // Only while the store lives: a dropped store has no cache.
-        if (sys->slab_i8 != nullptr) orve::dequant_cache_adopt(sys, std::move(floats));
-        return -1;
-    }
-    fresh.release();
-    orve::dequant_cache_free(sys);
-    return 0;
+    return build_and_publish<ivf_live>(
+        sys, true, check, nlist, 0, &semantic_vector_indexing_system::live_ivf,
+        sys->ivf_built_generation, [&](snapshot& s, orve_ivf_index* index) {
+            return orve_ivf_build_kmeans_centroids(s.floats.rows(), s.n, nlist, seed, s.codes.get(),
+                                                   s.scales.get(), s.norms.get(), s.valid.get(),
+                                                   index);
+        });
 }
 
 extern "C" ORVE_API int semantic_vector_indexing_system_build_ivf_level2(
@@ -230,29 +215,12 @@ extern "C" ORVE_API int semantic_vector_indexing_system_build_ivf_level2(
         return n >= kMinRowsForIndex && l1 != 0 && l2 != 0 && static_cast<uint64_t>(l1) * l2 <= n &&
                s->slab_i8 != nullptr && s->row_valid != nullptr && all_rows_valid(s, n);
     };
-    snapshot s;
-    if (take_snapshot(sys, false, check, b1, b2, s) != 0) return -1;
-
-    orve::c_unique<hivf_live> fresh(static_cast<hivf_live*>(std::calloc(1, sizeof(hivf_live))));
-    if (!fresh) return -1;
-    if (orve_hivf_build_i8(s.codes.get(), s.scales.get(), s.norms.get(), s.n, b1, b2, seed,
-                           &fresh->index) != 0) {
-        orve_hivf_index_destroy(&fresh->index);
-        return -1;
-    }
-    const uint32_t n = s.n;
-    const uint64_t g = s.generation;
-    s = snapshot{};
-
-    orve::object_lock guard(sys);
-    if (!publish_locked<hivf_live>(sys, fresh.get(), n, g,
-                                   &semantic_vector_indexing_system::live_hivf,
-                                   sys->hivf_built_generation, hivf_live_release)) {
-        orve_hivf_index_destroy(&fresh->index);
-        return -1;
-    }
-    fresh.release();
-    return 0;
+    return build_and_publish<hivf_live>(
+        sys, false, check, b1, b2, &semantic_vector_indexing_system::live_hivf,
+        sys->hivf_built_generation, [&](snapshot& s, orve_hivf_index* index) {
+            return orve_hivf_build_i8(s.codes.get(), s.scales.get(), s.norms.get(), s.n, b1, b2,
+                                      seed, index);
+        });
 }
 
 extern "C" ORVE_API void semantic_vector_indexing_system_destroy_ivf(
@@ -278,27 +246,20 @@ extern "C" ORVE_API void semantic_vector_indexing_system_destroy_hivf(
 
 namespace {
 
-bool searchable(const ivf_live*) {
-    return true;
-}
-bool searchable(const hivf_live* h) {
-    return !h->rows_released;
-}
-
 template <typename Holder>
-int pin_live(semantic_vector_indexing_system* sys, holder_ptr<Holder> live,
-             Holder* (*retain)(Holder*), void (*release)(Holder*), Holder** out) {
+int pin_live(semantic_vector_indexing_system* sys, holder_ptr<Holder> live, Holder** out) {
     if (sys == nullptr) return -1;
     Holder* h;
     {
         // Writers exchange and release the object's reference only under the lock, so the
         // holder loaded here cannot be freed before the retain.
         orve::object_lock guard(sys);
-        h = retain((sys->*live).load(std::memory_order_acquire));
+        h = orve::live_retain((sys->*live).load(std::memory_order_acquire));
     }
     if (h == nullptr) return -1;
-    if (!searchable(h) || sys->ingest_generation.load(std::memory_order_acquire) != h->generation) {
-        release(h);
+    if (h->rows_released ||
+        sys->ingest_generation.load(std::memory_order_acquire) != h->generation) {
+        orve::live_release(h);
         return -1;
     }
     *out = h;
@@ -308,11 +269,9 @@ int pin_live(semantic_vector_indexing_system* sys, holder_ptr<Holder> live,
 }  // namespace
 
 int ivf_rcu_pin_live(semantic_vector_indexing_system* sys, ivf_live** out) {
-    return pin_live<ivf_live>(sys, &semantic_vector_indexing_system::live_ivf, ivf_live_retain,
-                              ivf_live_release, out);
+    return pin_live<ivf_live>(sys, &semantic_vector_indexing_system::live_ivf, out);
 }
 
 int hivf_rcu_pin_live(semantic_vector_indexing_system* sys, hivf_live** out) {
-    return pin_live<hivf_live>(sys, &semantic_vector_indexing_system::live_hivf, hivf_live_retain,
-                               hivf_live_release, out);
+    return pin_live<hivf_live>(sys, &semantic_vector_indexing_system::live_hivf, out);
 }

@@ -17,8 +17,8 @@
 #include "paged/paged_format.h"
 #include "quant/cosine.h"
 #include "quant/dot512_kernels.h"
-#include "search/topk.h"
 #include "semantic_vector_indexing.h"
+#include "util/topk_heap.h"
 
 namespace {
 

@@ -3,8 +3,8 @@
 
 #include <cstdint>
 
-#include "search/topk.h"
 #include "semantic_vector_indexing.h"
+#include "util/topk_heap.h"
 
 namespace orve::paged {
 

@@ -53,9 +53,8 @@ extern "C" ORVE_API int semantic_vector_indexing_system_search_similar_orve512_b
     if (b->use_ivf != 0 && b->n_probe != 0) {
         ivf_live* pinned = nullptr;
         if (ivf_rcu_pin_live(sys, &pinned) == 0) {
-            const bool ok = answer_pinned(sys, b, pinned);
-            ivf_live_release(pinned);
-            if (ok) return 0;
+            const ivf_pin guard(pinned);
+            if (answer_pinned(sys, b, pinned)) return 0;
             // A query failed on the pinned index: answer the whole batch again, one query at a
             // time through the front end.
         }

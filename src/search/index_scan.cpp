@@ -5,8 +5,8 @@
 
 namespace orve {
 
-void scan_bucket(const orve_ivf_index& index, uint32_t b, const query_codes& qc,
-                 uint32_t slot_limit, candidate_sink& sink) {
+void scan_bucket(const orve_ivf_index& index, uint32_t b, query_context& ctx) {
+    candidate_sink& sink = ctx.sink;
     if (sink.capacity == 0 || index.codes == nullptr) return;
     constexpr uint32_t kBlock = 128;
     int32_t dots[kBlock];
@@ -15,19 +15,11 @@ void scan_bucket(const orve_ivf_index& index, uint32_t b, const query_codes& qc,
     const uint32_t end = first + index.bucket_sizes[b];
     for (uint32_t p0 = first; p0 < end; p0 += kBlock) {
         const uint32_t len = end - p0 < kBlock ? end - p0 : kBlock;
-        many(qc.codes, index.codes + static_cast<std::size_t>(p0) * kRowBytes, len, dots);
+        many(ctx.codes, index.codes + static_cast<std::size_t>(p0) * kRowBytes, len, dots);
         for (uint32_t j = 0; j < len; ++j) {
             const uint32_t p = p0 + j;
-            const float sim = cosine_from_dot(dots[j], qc.scale, index.row_scales[p], qc.norm,
-                                              index.row_norms[p]);
-            if (sink.q->min_similarity > sim) continue;
-            const uint32_t slot = index.row_ids[p];
-            if (slot >= slot_limit) continue;
-            const indexed_node& node = sink.nodes[slot];
-            if (sink.q->cluster_filter != 0 && node.cluster_id != sink.q->cluster_filter) continue;
-            if (sink.count == sink.capacity && !(sim > sink.heap[0].score)) continue;
-            const bf_topk_entry e{sim, node.node_id, node.cluster_id, node.score, slot};
-            bf_topk_heap_push(sink.heap, &sink.count, sink.capacity, &e);
+            sink.offer(index.row_ids[p], cosine_from_dot(dots[j], ctx.scale, index.row_scales[p],
+                                                         ctx.norm, index.row_norms[p]));
         }
     }
 }

@@ -6,25 +6,6 @@
 #include "core/system.h"
 #include "search/index_scan.h"
 
-namespace {
-
-// Quantises the query and allocates the candidate heap; false on failure.
-bool prepare(semantic_vector_indexing_system* sys, const vector_similarity_query* q,
-             uint32_t offerable, orve::query_codes& qc, orve::c_unique<bf_topk_entry[]>& heap,
-             orve::candidate_sink& sink) {
-    if (orve_quantize_float_vector_symmetric(q->query_vector, ORVE512_DIM, qc.codes, &qc.scale,
-                                             &qc.norm) != 0) {
-        return false;
-    }
-    const uint32_t budget = orve::candidate_budget(q, sys->sidecar != nullptr, offerable);
-    heap = orve::c_alloc_array<bf_topk_entry>(budget);
-    if (!heap) return false;
-    sink = orve::candidate_sink{sys->nodes, q, heap.get(), 0, budget};
-    return true;
-}
-
-}  // namespace
-
 int search_similar_orve512_ivf_rcu_pinned(semantic_vector_indexing_system* sys, ivf_live* holder,
                                           const vector_similarity_query* q,
                                           vector_similarity_result* results, uint32_t* count) {
@@ -36,15 +17,13 @@ int search_similar_orve512_ivf_rcu_pinned(semantic_vector_indexing_system* sys, 
     if (!buckets || orve_ivf_route_top_buckets(&index, q->query_vector, n, buckets.get()) != 0) {
         return -1;
     }
-    orve::query_codes qc;
-    orve::c_unique<bf_topk_entry[]> heap;
-    orve::candidate_sink sink{};
-    if (!prepare(sys, q, index.n_rows, qc, heap, sink)) return -1;
+    orve::query_context ctx;
+    if (!orve::begin_query(sys, q, index.n_rows, index.n_rows, true, ctx)) return -1;
     for (uint32_t i = 0; i < n; ++i) {
         if (buckets[i] >= index.n_buckets) continue;
-        orve::scan_bucket(index, buckets[i], qc, index.n_rows, sink);
+        orve::scan_bucket(index, buckets[i], ctx);
     }
-    orve::finish_results(sink.heap, sink.count, q, sys, results, count);
+    orve::finish_results(ctx.sink.heap, ctx.sink.count, q, sys, results, count);
     return 0;
 }
 
@@ -53,10 +32,7 @@ int search_similar_orve512_hivf_pinned(semantic_vector_indexing_system* sys,
                                        vector_similarity_result* results, uint32_t* count) {
     hivf_live* holder = nullptr;
     if (hivf_rcu_pin_live(sys, &holder) != 0) return -1;
-    struct unpin {
-        hivf_live* h;
-        ~unpin() { hivf_live_release(h); }
-    } guard{holder};
+    const hivf_pin guard(holder);
     if (q->query_vector == nullptr || q->max_results == 0 || q->n_probe_l1 == 0 ||
         q->n_probe_l2 == 0) {
         return -1;
@@ -77,19 +53,17 @@ int search_similar_orve512_hivf_pinned(semantic_vector_indexing_system* sys,
                                    l2.get(), &leaves) != 0) {
         return -1;
     }
-    orve::query_codes qc;
-    orve::c_unique<bf_topk_entry[]> heap;
-    orve::candidate_sink sink{};
+    orve::query_context ctx;
     // Rows appended after the build have slots at or past the build's row count; the node
     // count bounds the slots the node table can answer for.
     const uint32_t slot_limit = orve::load_node_count(sys);
-    if (!prepare(sys, q, slot_limit, qc, heap, sink)) return -1;
+    if (!orve::begin_query(sys, q, slot_limit, slot_limit, true, ctx)) return -1;
     for (uint32_t i = 0; i < leaves; ++i) {
         if (l1[i] >= index.b1) continue;
         const orve_ivf_index& leaf = index.l2_indexes[l1[i]];
         if (l2[i] >= leaf.n_buckets) continue;
-        orve::scan_bucket(leaf, l2[i], qc, slot_limit, sink);
+        orve::scan_bucket(leaf, l2[i], ctx);
     }
-    orve::finish_results(sink.heap, sink.count, q, sys, results, count);
+    orve::finish_results(ctx.sink.heap, ctx.sink.count, q, sys, results, count);
     return 0;
 }

@@ -69,9 +69,10 @@ extern "C" ORVE_API int semantic_vector_indexing_system_search_similar(
     if (q->use_ivf && q->n_probe != 0 && k_and_vector) {
         ivf_live* pinned = nullptr;
         if (ivf_rcu_pin_live(sys, &pinned) == 0) {
-            const int rc = search_similar_orve512_ivf_rcu_pinned(sys, pinned, q, results, count);
-            ivf_live_release(pinned);
-            if (rc == 0) return 0;
+            const ivf_pin guard(pinned);
+            if (search_similar_orve512_ivf_rcu_pinned(sys, pinned, q, results, count) == 0) {
+                return 0;
+            }
         }
     }
 

@@ -1,28 +1,12 @@
-// Candidates shared by every 512-dimension search path: the record, the bounded min-heap that
-// keeps the best of them while a path scores rows, and the step that turns them into results.
+// Candidates shared by every 512-dimension search path: how many a query keeps, and the step
+// that turns them into results.
 #pragma once
 
 #include <cstdint>
 
 #include "semantic_vector_indexing.h"
 #include "util/c_alloc.h"
-
-struct bf_topk_entry {
-    float score;
-    uint32_t node_id;
-    uint32_t cluster_id;
-    float node_score;
-    uint32_t row;  // node-table slot; its row in the sidecar is looked up (see rerank.cpp)
-};
-static_assert(sizeof(bf_topk_entry) == 20);
-
-// Offers one candidate to a min-heap of at most `capacity` entries. When the heap is full the
-// candidate replaces the lowest score only if it is strictly greater: ties keep what came first.
-void bf_topk_heap_push(bf_topk_entry* heap, uint32_t* count, uint32_t capacity,
-                       const bf_topk_entry* entry);
-
-// Descending by score for qsort; NaN compares equal to everything.
-int cmp_bf_topk_desc(const void* a, const void* b);
+#include "util/topk_heap.h"
 
 // Exact cosine of each candidate against its own float row in the object's attached sidecar,
 // then sorted by the new scores. Does nothing when the query is null or the object cannot

@@ -1,0 +1,54 @@
+// One query as every 512-dimension path holds it: the quantised query, the candidate heap its
+// budget sizes, and the one filter every candidate passes through.
+#pragma once
+
+#include "quant/dot512_kernels.h"
+#include "search/topk.h"
+
+namespace orve {
+
+// The candidate heap of one search and the one filter every candidate passes through.
+struct candidate_sink {
+    const indexed_node* nodes;
+    const vector_similarity_query* q;
+    bf_topk_entry* heap;
+    uint32_t count;
+    uint32_t capacity;
+    uint32_t slot_limit;  // node-table slots at or past this name no node the table answers for
+    // A NaN score or threshold makes `score >= threshold` and `score < threshold` both false.
+    // Brute force, the exact last resort, drops such a candidate; the index paths skip only a
+    // score known to be below the threshold and so keep it. Which answer a host gets for a NaN
+    // depends on the path it asked for, and that stays as it is rather than change answers
+    // hosts already receive; this flag is the one place the two differ.
+    bool nan_passes;
+
+    // Offers the row at node-table slot `slot` with `score`, if it passes the threshold, names
+    // a node, matches the cluster filter and beats the weakest kept candidate of a full heap.
+    void offer(uint32_t slot, float score) {
+        if (nan_passes ? score < q->min_similarity : !(score >= q->min_similarity)) return;
+        if (slot >= slot_limit) return;
+        const indexed_node& n = nodes[slot];
+        if (q->cluster_filter != 0 && n.cluster_id != q->cluster_filter) return;
+        // The common case on a long scan: not better than the weakest kept candidate.
+        if (count == capacity && !(score > heap[0].score)) return;
+        const bf_topk_entry e{score, n.node_id, n.cluster_id, n.score, slot};
+        bf_topk_heap_push(heap, &count, capacity, &e);
+    }
+};
+
+// One query as every path holds it: the quantised query, and the candidate heap sized by the
+// query's budget.
+struct query_context {
+    alignas(64) int8_t codes[kRowBytes];
+    float scale = 0.0f;
+    float norm = 0.0f;
+    c_unique<bf_topk_entry[]> heap;
+    candidate_sink sink{};
+};
+
+// Quantises the query and allocates a heap for at most `offerable` candidates; candidates at
+// slots from slot_limit on are refused. False when the quantisation or allocation fails.
+bool begin_query(const semantic_vector_indexing_system* sys, const vector_similarity_query* q,
+                 uint32_t offerable, uint32_t slot_limit, bool nan_passes, query_context& ctx);
+
+}  // namespace orve
