@@ -2,7 +2,6 @@
 // hold row addresses), freed at teardown or dropped for good once other indexes serve queries.
 #include <cstdlib>
 
-#include "core/dequant_cache.h"
 #include "core/system.h"
 #include "quant/dot512_kernels.h"
 #include "util/c_alloc.h"
@@ -10,7 +9,6 @@
 namespace {
 
 void free_flat_arrays(semantic_vector_indexing_system* sys) {
-    orve::dequant_cache_free(sys);
     int8_t* slab = sys->slab_i8;
     orve::store_slab(sys, nullptr);
     std::free(slab);

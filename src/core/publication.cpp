@@ -9,8 +9,8 @@
 #include <cstring>
 #include <utility>
 
-#include "core/dequant_cache.h"
 #include "core/system.h"
+#include "ivf/ivf_internal.h"
 #include "quant/dot512_kernels.h"
 #include "util/c_alloc.h"
 
@@ -20,11 +20,9 @@ constexpr uint32_t kMinRowsForIndex = 1000;
 constexpr int kSnapshotAttempts = 8;
 
 struct snapshot {
-    orve::dequant_rows floats;  // only for the IVF
     orve::c_unique<int8_t[]> codes;
     orve::c_unique<float[]> scales;
     orve::c_unique<float[]> norms;
-    orve::c_unique<uint8_t[]> valid;  // only for the IVF
     uint32_t n = 0;
     uint64_t generation = 0;
 };
@@ -40,15 +38,14 @@ bool all_rows_valid(const semantic_vector_indexing_system* sys, uint32_t n) {
 using build_check = bool (*)(semantic_vector_indexing_system* sys, uint32_t n, uint32_t param_a,
                              uint32_t param_b);
 
-// Copies the flat store into private buffers, retrying while ingestion moves under it. Each
-// attempt takes the lock twice: to read the row count and generation (the first attempt also
-// runs `check` there), and to copy. With floats, the rows the dequantised cache covers are
-// copied from it and the rest are converted from the copied codes afterwards, without the
-// lock: conversion is far slower than a copy, and the copied codes are exactly the slab's.
-// Returns 0 with `s` filled, -1 after a failed check, an allocation failure or eight moving
-// attempts.
-int take_snapshot(semantic_vector_indexing_system* sys, bool with_floats, build_check check,
-                  uint32_t a, uint32_t b, snapshot& s) {
+// Copies the flat store's codes, scales and norms into private buffers, retrying while
+// ingestion moves under it. Each attempt takes the lock twice: to read the row count and
+// generation (the first attempt also runs `check` there), and to copy. No float copy of the
+// rows is made: both builds train from the codes, which keeps a build's peak near one extra
+// copy of the int8 rows. Returns 0 with `s` filled, -1 after a failed check, an allocation
+// failure or eight moving attempts.
+int take_snapshot(semantic_vector_indexing_system* sys, build_check check, uint32_t a, uint32_t b,
+                  snapshot& s) {
     for (int attempt = 0; attempt < kSnapshotAttempts; ++attempt) {
         uint32_t n;
         uint64_t g;
@@ -63,34 +60,15 @@ int take_snapshot(semantic_vector_indexing_system* sys, bool with_floats, build_
         s.codes = orve::c_aligned_array<int8_t>(n_sz * orve::kRowBytes, 64);
         s.scales = orve::c_alloc_array<float>(n_sz);
         s.norms = orve::c_alloc_array<float>(n_sz);
-        if (with_floats) {
-            s.floats = orve::dequant_rows(n);
-            s.valid = orve::c_alloc_array<uint8_t>(n_sz);
+        if (!s.codes || !s.scales || !s.norms) return -1;
+        orve::object_lock guard(sys);
+        if (sys->slab_i8 == nullptr) return -1;  // dropped while the buffers were allocated
+        if (sys->ingest_generation.load(std::memory_order_acquire) != g || sys->node_count != n) {
+            continue;
         }
-        if (!s.codes || !s.scales || !s.norms || (with_floats && (s.floats.empty() || !s.valid))) {
-            return -1;
-        }
-        uint32_t cached = 0;
-        {
-            orve::object_lock guard(sys);
-            if (sys->slab_i8 == nullptr) return -1;  // dropped while the buffers were allocated
-            if (sys->ingest_generation.load(std::memory_order_acquire) != g ||
-                sys->node_count != n) {
-                continue;
-            }
-            std::memcpy(s.codes.get(), sys->slab_i8, n_sz * orve::kRowBytes);
-            std::memcpy(s.scales.get(), sys->row_scale, n_sz * sizeof(float));
-            std::memcpy(s.norms.get(), sys->row_norm, n_sz * sizeof(float));
-            if (with_floats) {
-                std::memcpy(s.valid.get(), sys->row_valid, n_sz);
-                cached = orve::dequant_cache_copy(sys, n, s.floats.rows());
-            }
-        }
-        if (with_floats) {
-            orve::dequantise_rows(s.codes.get(), s.scales.get(), s.valid.get(), cached, n,
-                                  s.floats.rows());
-            s.floats.set_filled(n);
-        }
+        std::memcpy(s.codes.get(), sys->slab_i8, n_sz * orve::kRowBytes);
+        std::memcpy(s.scales.get(), sys->row_scale, n_sz * sizeof(float));
+        std::memcpy(s.norms.get(), sys->row_norm, n_sz * sizeof(float));
         s.n = n;
         s.generation = g;
         return 0;
@@ -121,14 +99,13 @@ bool publish_locked(semantic_vector_indexing_system* sys, Holder* fresh, uint32_
 }
 
 // Snapshots the store, builds an index from the snapshot with `build` (without the lock) and
-// publishes it. With floats (the IVF), the rows converted for a build that cannot publish are
-// left in the dequantised cache for the next attempt; a published IVF frees the cache.
+// publishes it.
 template <typename Holder, typename Build>
-int build_and_publish(semantic_vector_indexing_system* sys, bool with_floats, build_check check,
-                      uint32_t a, uint32_t b, holder_ptr<Holder> live,
-                      std::atomic<uint64_t>& built_generation, Build build) {
+int build_and_publish(semantic_vector_indexing_system* sys, build_check check, uint32_t a,
+                      uint32_t b, holder_ptr<Holder> live, std::atomic<uint64_t>& built_generation,
+                      Build build) {
     snapshot s;
-    if (take_snapshot(sys, with_floats, check, a, b, s) != 0) return -1;
+    if (take_snapshot(sys, check, a, b, s) != 0) return -1;
     orve::c_unique<Holder> fresh(static_cast<Holder*>(std::calloc(1, sizeof(Holder))));
     if (!fresh) return -1;
     if (build(s, &fresh->index) != 0) {
@@ -137,20 +114,14 @@ int build_and_publish(semantic_vector_indexing_system* sys, bool with_floats, bu
     }
     const uint32_t n = s.n;
     const uint64_t g = s.generation;
-    orve::dequant_rows floats = std::move(s.floats);
     s = snapshot{};  // the index holds its own copies of the rows
 
     orve::object_lock guard(sys);
     if (!publish_locked<Holder>(sys, fresh.get(), n, g, live, built_generation)) {
         orve::destroy_index(&fresh->index);
-        // Only while the store lives: a dropped store has no cache.
-        if (with_floats && sys->slab_i8 != nullptr) {
-            orve::dequant_cache_adopt(sys, std::move(floats));
-        }
         return -1;
     }
     fresh.release();
-    if (with_floats) orve::dequant_cache_free(sys);
     return 0;
 }
 
@@ -189,21 +160,20 @@ extern "C" ORVE_API void orve_ivf_snapshot_buffers_free(float* floats, int8_t* c
 extern "C" ORVE_API int semantic_vector_indexing_system_build_ivf(
     semantic_vector_indexing_system* sys, uint32_t nlist, uint32_t seed) {
     if (sys == nullptr || !sys->initialized) return -1;
-    // The dequantised rows are made from the snapshot rather than from the store under the
-    // lock, so the build holds the lock for three short sections only: the checks with the
-    // row count, the copy, and the publication. The cache is still reused and, when the build
-    // cannot publish, left covering the rows this build converted, for the next attempt.
+    // Training reads the snapshot's codes and turns each row into floats as it reads it, with
+    // the same arithmetic as a dequantised copy, so the index is the one a float copy gives
+    // (every row is valid here) without the 2 KB per row such a copy costs, under the lock or
+    // not. The lock is held for three short sections only: checks, copy and publication.
     const build_check check = [](semantic_vector_indexing_system* s, uint32_t n, uint32_t nl,
                                  uint32_t) {
         return n >= kMinRowsForIndex && nl != 0 && nl <= n && s->slab_i8 != nullptr &&
                s->row_valid != nullptr && all_rows_valid(s, n);
     };
     return build_and_publish<ivf_live>(
-        sys, true, check, nlist, 0, &semantic_vector_indexing_system::live_ivf,
-        sys->ivf_built_generation, [&](snapshot& s, orve_ivf_index* index) {
-            return orve_ivf_build_kmeans_centroids(s.floats.rows(), s.n, nlist, seed, s.codes.get(),
-                                                   s.scales.get(), s.norms.get(), s.valid.get(),
-                                                   index);
+        sys, check, nlist, 0, &semantic_vector_indexing_system::live_ivf, sys->ivf_built_generation,
+        [&](snapshot& s, orve_ivf_index* index) {
+            return orve::ivf_build_from_codes(s.codes.get(), s.scales.get(), s.norms.get(), s.n,
+                                              nlist, seed, index);
         });
 }
 
@@ -216,8 +186,8 @@ extern "C" ORVE_API int semantic_vector_indexing_system_build_ivf_level2(
                s->slab_i8 != nullptr && s->row_valid != nullptr && all_rows_valid(s, n);
     };
     return build_and_publish<hivf_live>(
-        sys, false, check, b1, b2, &semantic_vector_indexing_system::live_hivf,
-        sys->hivf_built_generation, [&](snapshot& s, orve_hivf_index* index) {
+        sys, check, b1, b2, &semantic_vector_indexing_system::live_hivf, sys->hivf_built_generation,
+        [&](snapshot& s, orve_hivf_index* index) {
             return orve_hivf_build_i8(s.codes.get(), s.scales.get(), s.norms.get(), s.n, b1, b2,
                                       seed, index);
         });

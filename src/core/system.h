@@ -29,7 +29,8 @@ struct semantic_vector_indexing_system {
     float* row_scale;
     float* row_norm;
     uint8_t* row_valid;
-    float* dequant_cache;
+    float*
+        dequant_cache;  // always null: IVF training reads the int8 rows, so no float copy is kept
     std::atomic<ivf_live*> live_ivf;
     std::atomic<uint64_t> ingest_generation;
     std::atomic<uint64_t> ivf_built_generation;

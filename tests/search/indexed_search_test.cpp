@@ -6,7 +6,6 @@
 #include <cstring>
 #include <vector>
 
-#include "core/dequant_cache.h"
 #include "core/publication.h"
 #include "core/system.h"
 #include "search/ivf_pinned_search.h"
@@ -81,7 +80,6 @@ TEST_F(IndexedSearch, FullProbeEqualsBruteForceAndGenerationsTrackStaleness) {
     ASSERT_EQ(semantic_vector_indexing_system_build_ivf(sys(), 16, 7), 0);
     EXPECT_EQ(semantic_vector_indexing_system_get_ivf_generation(sys()), kRows);
     EXPECT_EQ(semantic_vector_indexing_system_get_ivf_built_generation(sys()), kRows);
-    EXPECT_EQ(sys()->dequant_cache, nullptr);
 
     for (int qi = 0; qi < 3; ++qi) {
         auto q = orve_test::int8_query(&queries[qi * 512], 10);
@@ -226,31 +224,32 @@ TEST_F(IndexedSearch, DroppedStoreKeepsPublishedIndexesServing) {
     testing::internal::GetCapturedStderr();
 }
 
-TEST_F(IndexedSearch, PartialCacheIsExtendedToCoverEveryRow) {
-    // A cache left over from an earlier attempt that covers only some rows must not change the
-    // index: build once with such a cache and once without, on the same rows and seed.
-    {
-        orve::object_lock guard(sys());
-        orve::dequant_rows part(500);
-        ASSERT_FALSE(part.empty());
-        orve::dequantise_rows(sys()->slab_i8, sys()->row_scale, sys()->row_valid, 0, 500,
-                              part.rows());
-        part.set_filled(500);
-        orve::dequant_cache_adopt(sys(), std::move(part));
-        ASSERT_NE(sys()->dequant_cache, nullptr);
+TEST_F(IndexedSearch, ObjectBuildEqualsTheFloatBuildOnDequantisedRows) {
+    // The object trains from its int8 rows; the module builder given float rows made from the
+    // same codes (code x 1/scale, the dequantised copy earlier builds trained on) must produce
+    // the same index, array for array.
+    std::vector<float> floats(static_cast<std::size_t>(kRows) * 512);
+    for (uint32_t r = 0; r < kRows; ++r) {
+        const float w = 1.0f / sys()->row_scale[r];
+        for (int i = 0; i < 512; ++i) {
+            floats[r * 512 + i] = static_cast<float>(sys()->slab_i8[r * 512 + i]) * w;
+        }
     }
     ASSERT_EQ(semantic_vector_indexing_system_build_ivf(sys(), 8, 5), 0);
     ivf_live* a = nullptr;
     ASSERT_EQ(ivf_rcu_pin_live(sys(), &a), 0);
-    ASSERT_EQ(semantic_vector_indexing_system_build_ivf(sys(), 8, 5), 0);
-    ivf_live* c = nullptr;
-    ASSERT_EQ(ivf_rcu_pin_live(sys(), &c), 0);
-    ASSERT_NE(a, c);
-    EXPECT_EQ(std::memcmp(a->index.bucket_sizes, c->index.bucket_sizes, 8 * 4), 0);
-    EXPECT_EQ(std::memcmp(a->index.row_ids, c->index.row_ids, kRows * 4), 0);
-    EXPECT_EQ(std::memcmp(a->index.centroid_codes, c->index.centroid_codes, 8 * 512), 0);
+    orve_ivf_index b{};
+    ASSERT_EQ(
+        orve_ivf_build_kmeans_centroids(floats.data(), kRows, 8, 5, sys()->slab_i8,
+                                        sys()->row_scale, sys()->row_norm, sys()->row_valid, &b),
+        0);
+    EXPECT_EQ(std::memcmp(a->index.bucket_sizes, b.bucket_sizes, 8 * 4), 0);
+    EXPECT_EQ(std::memcmp(a->index.row_ids, b.row_ids, kRows * 4), 0);
+    EXPECT_EQ(std::memcmp(a->index.centroid_codes, b.centroid_codes, 8 * 512), 0);
+    EXPECT_EQ(std::memcmp(a->index.centroid_scales, b.centroid_scales, 8 * 4), 0);
+    EXPECT_EQ(std::memcmp(a->index.codes, b.codes, kRows * 512), 0);
+    orve_ivf_index_destroy(&b);
     ivf_live_release(a);
-    ivf_live_release(c);
 }
 
 TEST_F(IndexedSearch, BatchMatchesSingleQueries) {
