@@ -116,6 +116,34 @@ TEST_F(IndexedSearch, FullProbeEqualsBruteForceAndGenerationsTrackStaleness) {
     ivf_live_release(pinned);
 }
 
+// The cluster filter on both index scans, against an independent model: every row's score from
+// an unfiltered brute-force search, filtered here and cut to k.
+TEST_F(IndexedSearch, ClusterFilterOnIvfAndHivfScans) {
+    for (uint32_t s = 0; s < kRows; ++s) sys()->nodes[s].cluster_id = s % 3 + 1;
+    ASSERT_EQ(semantic_vector_indexing_system_build_ivf(sys(), 16, 7), 0);
+    ASSERT_EQ(semantic_vector_indexing_system_build_ivf_level2(sys(), 4, 4, 3), 0);
+    auto q = orve_test::int8_query(&queries[0], kRows);
+    std::vector<vector_similarity_result> expected;
+    for (const auto& r : search(q)) {
+        if (r.cluster_id == 2 && expected.size() < 10) expected.push_back(r);
+    }
+    ASSERT_EQ(expected.size(), 10u);
+    q.max_results = 10;
+    q.cluster_filter = 2;
+    vector_similarity_query ivf = q;
+    ivf.use_ivf = 1;
+    ivf.n_probe = 16;
+    vector_similarity_query hivf = q;
+    hivf.use_hivf = 1;
+    hivf.n_probe_l1 = 4;
+    hivf.n_probe_l2 = 4;
+    for (const vector_similarity_query& path : {ivf, hivf}) {
+        const auto got = search(path);
+        expect_same(got, expected);
+        for (const auto& r : got) EXPECT_EQ(r.cluster_id, 2u);
+    }
+}
+
 TEST_F(IndexedSearch, HivfFullProbeEqualsBruteForce) {
     ASSERT_EQ(semantic_vector_indexing_system_build_ivf_level2(sys(), 4, 4, 3), 0);
     for (int qi = 0; qi < 3; ++qi) {
