@@ -1,5 +1,7 @@
 // Bulk quantisation with Advanced SIMD: four rows at a time, one row per lane for the sum of
 // squares.
+// It mirrors the AVX2 file step for step; the two stay apart because each is compiled only for
+// its own architecture with its own intrinsics.
 #include <arm_neon.h>
 
 #include <cmath>

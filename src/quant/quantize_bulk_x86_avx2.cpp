@@ -1,4 +1,6 @@
 // Bulk quantisation with AVX2: eight rows at a time, one row per lane for the sum of squares.
+// It mirrors the Advanced SIMD file step for step; the two stay apart because each is compiled
+// only for its own architecture with its own intrinsics.
 #include <immintrin.h>
 
 #include <cmath>

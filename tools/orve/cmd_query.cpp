@@ -113,6 +113,25 @@ sidecar_report check_sidecar(const std::string& path, bool rerank, const reporte
 
 }  // namespace
 
+namespace {
+
+// The options that train an in-memory index, shared by query and tune so that each keeps one
+// meaning and one help text: `head`, then the training options, then `tail`.
+std::vector<option_def> with_training_options(std::vector<option_def> head,
+                                              const std::vector<option_def>& tail) {
+    static const std::vector<option_def> training{
+        {"--nlist", "K", "IVF buckets for --path ivf (default about 4 x sqrt(n))"},
+        {"--b1", "B", "H-IVF level-1 buckets for --path hivf (default about 2 x n^(1/4))"},
+        {"--b2", "B", "H-IVF leaves per level-1 bucket for --path hivf (default as --b1)"},
+        {"--seed", "S", "training seed for --path ivf and hivf (default 1)"},
+    };
+    head.insert(head.end(), training.begin(), training.end());
+    head.insert(head.end(), tail.begin(), tail.end());
+    return head;
+}
+
+}  // namespace
+
 const command_def& query_def() {
     static const command_def def{
         "query",
@@ -125,31 +144,31 @@ const command_def& query_def() {
         "one is given, builds an in-memory index when the path needs one, and prints the k best\n"
         "nodes of every query: query index (from 0), rank (from 1), node id and similarity\n"
         "(int8 cosine, or exact float cosine with --rerank).",
-        {
-            {"--sidecar", "FILE", "sidecar written by orve build or by a host"},
-            {"--ivfp", "FILE", "paged index to attach (used by --path paged)"},
-            {"--queries", "FILE", "queries: .npy float32 (n, 512) or .fvecs"},
-            {"-k", "K", "results per query, 1 to 100000 (default 10)"},
-            {"--path", "PATH",
-             "brute: exact int8 scan of every row\n"
-             "ivf: IVF trained now over the sidecar's rows\n"
-             "hivf: in-memory H-IVF trained now\n"
-             "paged: the attached .ivfp file\n"
-             "(default: paged with --ivfp, else brute)"},
-            {"--nprobe", "N", "IVF buckets probed (default nlist / 16)"},
-            {"--nprobe-l1", "A",
-             "level-1 buckets probed by hivf/paged (default b1 / 2, rounded up)"},
-            {"--nprobe-l2", "B", "leaves probed per level-1 bucket (default b2 / 2, rounded up)"},
-            {"--nlist", "K", "IVF buckets for --path ivf (default about 4 x sqrt(n))"},
-            {"--b1", "B", "H-IVF level-1 buckets for --path hivf (default about 2 x n^(1/4))"},
-            {"--b2", "B", "H-IVF leaves per level-1 bucket for --path hivf (default as --b1)"},
-            {"--seed", "S", "training seed for --path ivf and hivf (default 1)"},
-            {"--rerank", "", "re-rank candidates by exact float cosine from the sidecar"},
-            {"--rerank-factor", "F", "candidates per result when re-ranking (default 5)"},
-            {"--format", "FORMAT", "table (default), json or csv"},
-            {"--quiet", "", "no progress or warnings on standard error"},
-            {"--help", "", "show this help"},
-        }};
+        with_training_options(
+            {
+                {"--sidecar", "FILE", "sidecar written by orve build or by a host"},
+                {"--ivfp", "FILE", "paged index to attach (used by --path paged)"},
+                {"--queries", "FILE", "queries: .npy float32 (n, 512) or .fvecs"},
+                {"-k", "K", "results per query, 1 to 100000 (default 10)"},
+                {"--path", "PATH",
+                 "brute: exact int8 scan of every row\n"
+                 "ivf: IVF trained now over the sidecar's rows\n"
+                 "hivf: in-memory H-IVF trained now\n"
+                 "paged: the attached .ivfp file\n"
+                 "(default: paged with --ivfp, else brute)"},
+                {"--nprobe", "N", "IVF buckets probed (default nlist / 16)"},
+                {"--nprobe-l1", "A",
+                 "level-1 buckets probed by hivf/paged (default b1 / 2, rounded up)"},
+                {"--nprobe-l2", "B",
+                 "leaves probed per level-1 bucket (default b2 / 2, rounded up)"},
+            },
+            {
+                {"--rerank", "", "re-rank candidates by exact float cosine from the sidecar"},
+                {"--rerank-factor", "F", "candidates per result when re-ranking (default 5)"},
+                {"--format", "FORMAT", "table (default), json or csv"},
+                {"--quiet", "", "no progress or warnings on standard error"},
+                {"--help", "", "show this help"},
+            })};
     return def;
 }
 
@@ -320,20 +339,19 @@ const command_def& tune_def() {
         "settings from the cheapest up (nprobe 1, 2, 4, ..., nlist; for hivf/paged nprobe-l1 x\n"
         "nprobe-l2 by their product) and stops at the first whose recall@k reaches the target.\n"
         "Prints recall and queries/s of every setting tried and the options to pass to query.",
-        {
-            {"--sidecar", "FILE", "sidecar written by orve build or by a host"},
-            {"--ivfp", "FILE", "paged index to tune (implies --path paged)"},
-            {"--queries", "FILE", "sample queries: .npy float32/float64 (n, 512) or .fvecs"},
-            {"-k", "K", "results per query the recall is measured at (default 10)"},
-            {"--path", "PATH", "ivf, hivf or paged (default: paged with --ivfp, else ivf)"},
-            {"--target-recall", "R", "recall to reach, 0.01 to 1 (default 0.95)"},
-            {"--nlist", "K", "IVF buckets for --path ivf (default about 4 x sqrt(n))"},
-            {"--b1", "B", "H-IVF level-1 buckets for --path hivf (default about 2 x n^(1/4))"},
-            {"--b2", "B", "H-IVF leaves per level-1 bucket for --path hivf (default as --b1)"},
-            {"--seed", "S", "training seed for --path ivf and hivf (default 1)"},
-            {"--quiet", "", "no progress or warnings on standard error"},
-            {"--help", "", "show this help"},
-        }};
+        with_training_options(
+            {
+                {"--sidecar", "FILE", "sidecar written by orve build or by a host"},
+                {"--ivfp", "FILE", "paged index to tune (implies --path paged)"},
+                {"--queries", "FILE", "sample queries: .npy float32/float64 (n, 512) or .fvecs"},
+                {"-k", "K", "results per query the recall is measured at (default 10)"},
+                {"--path", "PATH", "ivf, hivf or paged (default: paged with --ivfp, else ivf)"},
+                {"--target-recall", "R", "recall to reach, 0.01 to 1 (default 0.95)"},
+            },
+            {
+                {"--quiet", "", "no progress or warnings on standard error"},
+                {"--help", "", "show this help"},
+            })};
     return def;
 }
 
