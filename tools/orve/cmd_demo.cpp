@@ -18,6 +18,7 @@
 #include "datasets.h"
 #include "exact.h"
 #include "file_checks.h"
+#include "ingest.h"
 #include "library.h"
 #include "outputs.h"
 #include "progress.h"
@@ -26,8 +27,6 @@
 namespace orve::tool {
 
 namespace {
-
-constexpr uint32_t kChunk = 4096;
 
 struct measured_path {
     std::string path;
@@ -168,7 +167,7 @@ demo_options parse_demo_options(const parsed_args& args) {
         throw usage_error("unexpected argument '" + args.positionals()[0] + "'");
     }
     demo_options o;
-    o.rows = args.get_uint("--rows", 20000, 1000, 1100000);
+    o.rows = args.get_uint("--rows", 20000, ORVE_MIN_INDEX_ROWS, ORVE_MAX_CAPACITY);
     o.n_queries = static_cast<uint32_t>(args.get_uint("--queries", 300, 1, 100000));
     o.k = static_cast<uint32_t>(args.get_uint("-k", 10, 1, 1000));
     o.seed = args.get_uint("--seed", 1, 0, UINT32_MAX);
@@ -218,31 +217,22 @@ struct demo_files {
 
 // Rows are generated, ingested and offered to the exact search one chunk at a time. Returns
 // the seconds spent in the library.
-double ingest_rows(system_object& sys, dataset& data, exact_topk& exact, uint64_t rows,
-                   const std::string& sidecar, const reporter& rep) {
-    std::vector<float> chunk(uint64_t{kChunk} * 512);
-    double ingest_s = 0.0;
-    progress_bar bar(rep, "ingesting", rows, "rows");
-    for (uint64_t done = 0; done < rows;) {
-        const uint32_t n = static_cast<uint32_t>(std::min<uint64_t>(kChunk, rows - done));
-        data.next_rows(n, chunk.data());
-        const auto t0 = std::chrono::steady_clock::now();
-        errno = 0;
-        const int committed =
-            semantic_vector_indexing_system_load_vectors_f32(sys.get(), chunk.data(), n);
-        const int err = errno;
-        ingest_s += seconds_since(t0);
-        if (committed != static_cast<int>(n)) {
-            throw tool_error("ingestion stopped at row " + std::to_string(done) +
-                             " (library returned " + std::to_string(committed) + ")");
-        }
-        exact.add_rows(chunk.data(), done, n);
-        done += n;
-        // The restart replays the sidecar: a row it lost must fail here, by name.
-        check_sidecar_kept_up(sidecar, sidecar, done, err);
-        bar.update(done);
-    }
-    return ingest_s;
+double ingest_generated(system_object& sys, dataset& data, exact_topk& exact, uint64_t rows,
+                        const std::string& sidecar, const reporter& rep) {
+    ingest_plan plan;
+    plan.rows = rows;
+    plan.fill = [&](uint64_t, uint32_t n, float* out) { data.next_rows(n, out); };
+    plan.taken = [&](const float* chunk, uint64_t done, uint32_t n) {
+        exact.add_rows(chunk, done, n);
+    };
+    plan.refused = [](uint64_t done, int committed) {
+        return "ingestion stopped at row " + std::to_string(done) + " (library returned " +
+               std::to_string(committed) + ")";
+    };
+    // The restart replays the sidecar: a row it lost must fail here, by name.
+    plan.sidecar_file = plan.sidecar_name = sidecar;
+    plan.unit = "rows";
+    return ingest_rows(sys, plan, rep);
 }
 
 const std::vector<std::vector<hit>>& answers_of(const std::vector<measured_path>& table,
@@ -330,7 +320,7 @@ int run_demo(const parsed_args& args) {
           files.sidecar + ": attaching the sidecar");
     exact_topk exact(queries.data(), o.n_queries, o.k);
     demo_timings times;
-    times.ingest_s = ingest_rows(sys, *data, exact, o.rows, files.sidecar, rep);
+    times.ingest_s = ingest_generated(sys, *data, exact, o.rows, files.sidecar, rep);
     std::vector<std::vector<uint32_t>> truth(o.n_queries);
     for (uint32_t q = 0; q < o.n_queries; ++q) {
         // load_vectors_f32 numbers rows from 1.

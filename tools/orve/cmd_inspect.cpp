@@ -1,11 +1,16 @@
 // orve inspect: what a paged index or a sidecar file holds, decoded from its bytes, and whether
 // the library accepts it.
+#include <sys/stat.h>
+
 #include <cstdio>
+#include <set>
 #include <string>
 
 #include "commands.h"
 #include "index_files.h"
+#include "file_checks.h"
 #include "library.h"
+#include "sharded_dir.h"
 #include "tool_error.h"
 
 namespace orve::tool {
@@ -153,17 +158,88 @@ int inspect_sidecar(const std::string& path) {
     return 0;
 }
 
+uint64_t size_of(const std::string& path) {
+    struct stat st {};
+    return ::stat(path.c_str(), &st) == 0 ? static_cast<uint64_t>(st.st_size) : 0;
+}
+
+struct shard_summary {
+    std::string name;
+    bool sealed = false;
+    uint64_t rows = 0;     // live rows of the sidecar
+    uint64_t deleted = 0;  // of those, deleted by a tombstone
+    uint64_t bytes = 0;    // every file of the shard
+};
+
+shard_summary summarise(const std::string& dir, const shard_entry& e) {
+    shard_summary s{e.name, e.sealed, 0, 0, 0};
+    const std::string shard_dir = dir + "/" + e.name;
+    const std::string sidecar = shard_dir + "/rows.vec";
+    if (sidecar_whole_rows(sidecar)) {
+        sidecar_live_rows live;
+        s.rows = read_sidecar_report(sidecar, &live).live_rows;
+        const std::set<uint32_t> dead = read_tombstones(shard_dir);
+        for (const uint32_t key : live.ids) s.deleted += dead.count(key);
+    }
+    for (const char* f : {"/rows.vec", "/ids.u32", "/dead.tmb", "/index.ivfp"}) {
+        s.bytes += size_of(shard_dir + f);
+    }
+    return s;
+}
+
+// Per shard and in total: rows, deleted rows and bytes on disk.
+int inspect_sharded(const std::string& dir, bool json) {
+    const sharded_manifest m = read_manifest(dir);
+    std::vector<shard_summary> shards;
+    shard_summary total;
+    for (const shard_entry& e : m.shards) {
+        shards.push_back(summarise(dir, e));
+        total.rows += shards.back().rows;
+        total.deleted += shards.back().deleted;
+        total.bytes += shards.back().bytes;
+    }
+    if (json) {
+        std::printf("{\"kind\": \"sharded\", \"path\": %s, \"shard_rows\": %llu, \"shards\": [",
+                    json_string(dir).c_str(), static_cast<ull>(m.shard_rows));
+        for (size_t i = 0; i < shards.size(); ++i) {
+            const shard_summary& s = shards[i];
+            std::printf(
+                "%s{\"name\": %s, \"state\": \"%s\", \"rows\": %llu, \"deleted\": %llu, "
+                "\"file_bytes\": %llu}",
+                i ? ", " : "", json_string(s.name).c_str(), s.sealed ? "sealed" : "open",
+                static_cast<ull>(s.rows), static_cast<ull>(s.deleted), static_cast<ull>(s.bytes));
+        }
+        std::printf("], \"rows\": %llu, \"deleted\": %llu, \"file_bytes\": %llu}\n",
+                    static_cast<ull>(total.rows), static_cast<ull>(total.deleted),
+                    static_cast<ull>(total.bytes));
+        return 0;
+    }
+    std::printf("%s: sharded index, %zu shards of at most %llu rows\n", dir.c_str(), shards.size(),
+                static_cast<ull>(m.shard_rows));
+    for (const shard_summary& s : shards) {
+        std::printf("  %-14s %-7s %10llu rows  %8llu deleted  %s\n", s.name.c_str(),
+                    s.sealed ? "sealed" : "open", static_cast<ull>(s.rows),
+                    static_cast<ull>(s.deleted), mib_text(s.bytes).c_str());
+    }
+    std::printf("  %-14s %-7s %10llu rows  %8llu deleted  %s\n", "total", "",
+                static_cast<ull>(total.rows), static_cast<ull>(total.deleted),
+                mib_text(total.bytes).c_str());
+    return 0;
+}
+
 }  // namespace
 
 const command_def& inspect_def() {
     static const command_def def{
         "inspect",
-        "FILE [--format text|json]",
-        "describe a paged index (.ivfp) or a sidecar file",
+        "FILE|DIR [--format text|json]",
+        "describe a paged index (.ivfp), a sidecar file or a sharded directory",
         "For a paged index: the header fields, the section offsets, the leaf-size distribution\n"
         "and whether the library's reader accepts the file. For a sidecar: the header, the\n"
         "number of rows, dead rows (live byte 0 or id 0, skipped on replay), the id range and\n"
-        "whether the file ends in a partial row. The kind is recognised from the magic bytes.\n"
+        "whether the file ends in a partial row. For a sharded directory: each shard's state,\n"
+        "rows, deleted rows and size on disk, and the totals. The kind is recognised from the\n"
+        "magic bytes.\n"
         "Exits non-zero when the file is not one the library would accept.",
         {
             {"--format", "FORMAT", "text (default) or json (one object on one line)"},
@@ -180,6 +256,7 @@ int run_inspect(const parsed_args& args) {
         throw usage_error("--format expects text or json, got '" + format + "'");
     }
     const bool json = format == "json";
+    if (is_sharded_directory(path)) return inspect_sharded(path, json);
     switch (sniff_index_file(path)) {
         case index_file_kind::paged_index:
             return json ? paged_json(path) : inspect_paged(path);

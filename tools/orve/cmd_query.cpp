@@ -5,6 +5,7 @@
 #include <cstdlib>
 #include <cmath>
 #include <cstdio>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -13,6 +14,7 @@
 #include "index_files.h"
 #include "library.h"
 #include "progress.h"
+#include "sharded_dir.h"
 #include "tool_error.h"
 #include "vector_file.h"
 
@@ -95,9 +97,9 @@ sidecar_report check_sidecar(const std::string& path, bool rerank, const reporte
                          ", row size " + std::to_string(s.row_bytes) + ")");
     }
     if (s.live_rows == 0) throw tool_error(path + ": holds no live rows");
-    if (s.live_rows > 1100000) {
+    if (s.live_rows > ORVE_MAX_CAPACITY) {
         throw tool_error(path + ": " + std::to_string(s.live_rows) +
-                         " rows; the library holds at most 1100000");
+                         " rows; the library holds at most " + std::to_string(ORVE_MAX_CAPACITY));
     }
     if (s.partial_bytes) {
         rep.warn(path + ": ends in a partial row of " + std::to_string(s.partial_bytes) +
@@ -135,7 +137,8 @@ std::vector<option_def> with_training_options(std::vector<option_def> head,
 const command_def& query_def() {
     static const command_def def{
         "query",
-        "--sidecar FILE [--ivfp FILE] --queries FILE -k K [--path brute|ivf|hivf|paged] "
+        "(--sidecar FILE [--ivfp FILE] | --dir DIR) --queries FILE -k K "
+        "[--path brute|ivf|hivf|paged] "
         "[--nprobe N] [--nprobe-l1 A --nprobe-l2 B] [--nlist K] [--rerank] "
         "[--format table|json|csv]",
         "restart from a sidecar (and paged index) and answer queries",
@@ -143,11 +146,15 @@ const command_def& query_def() {
         "appending, so it must be writable; nothing is appended), attaches the paged index when\n"
         "one is given, builds an in-memory index when the path needs one, and prints the k best\n"
         "nodes of every query: query index (from 0), rank (from 1), node id and similarity\n"
-        "(int8 cosine, or exact float cosine with --rerank).",
+        "(int8 cosine, or exact float cosine with --rerank).\n"
+        "With --dir, every shard of a sharded directory is searched (sealed shards through\n"
+        "their paged index with --path paged, the default; the others by brute force) and the\n"
+        "answers merge: similarity descending, ties to the lower node id.",
         with_training_options(
             {
                 {"--sidecar", "FILE", "sidecar written by orve build or by a host"},
                 {"--ivfp", "FILE", "paged index to attach (used by --path paged)"},
+                {"--dir", "DIR", "sharded directory written by orve build --shard-rows"},
                 {"--queries", "FILE", "queries: .npy float32 (n, 512) or .fvecs"},
                 {"-k", "K", "results per query, 1 to 100000 (default 10)"},
                 {"--path", "PATH",
@@ -219,9 +226,10 @@ query_request check_options(const parsed_args& args, const reporter& rep) {
 // Index sizes and probe counts of the in-memory paths, against the sidecar's row count.
 void choose_index_sizes(const parsed_args& args, uint64_t rows, query_request& r) {
     if (r.params.path != search_path::ivf && r.params.path != search_path::hivf) return;
-    if (rows < 1000) {
+    if (rows < ORVE_MIN_INDEX_ROWS) {
         throw tool_error(r.sidecar + ": " + std::to_string(rows) + " rows; --path " +
-                         path_name(r.params.path) + " needs at least 1000 to train an index");
+                         path_name(r.params.path) + " needs at least " +
+                         std::to_string(ORVE_MIN_INDEX_ROWS) + " to train an index");
     }
     if (r.params.path == search_path::ivf) {
         r.nlist = static_cast<uint32_t>(args.get_uint("--nlist", default_nlist(rows), 1, rows));
@@ -242,19 +250,25 @@ void choose_index_sizes(const parsed_args& args, uint64_t rows, query_request& r
 // The paged file must hold the very rows the sidecar replays, at the same positions: a file
 // from another data set, or one renamed into place without its sidecar by an interrupted
 // build, would otherwise answer with ids of unrelated rows.
-void check_paged_index(const parsed_args& args, const sidecar_live_rows& live, query_request& r) {
-    if (sniff_index_file(r.ivfp) != index_file_kind::paged_index) {
-        throw tool_error(r.ivfp + ": not a paged index file (bad magic)");
+ivfp_report verify_paged_index(const std::string& ivfp, const std::string& sidecar,
+                               const sidecar_live_rows& live) {
+    if (sniff_index_file(ivfp) != index_file_kind::paged_index) {
+        throw tool_error(ivfp + ": not a paged index file (bad magic)");
     }
-    const ivfp_report layout = read_ivfp_report(r.ivfp);
+    ivfp_report layout = read_ivfp_report(ivfp);
     if (!layout.problems.empty()) {
-        throw tool_error(r.ivfp + ": damaged paged index: " + layout.problems.front());
+        throw tool_error(ivfp + ": damaged paged index: " + layout.problems.front());
     }
-    const std::string mismatch = paged_rows_mismatch(r.ivfp, layout, r.sidecar, live);
+    const std::string mismatch = paged_rows_mismatch(ivfp, layout, sidecar, live);
     if (!mismatch.empty()) {
-        throw tool_error(r.ivfp + ": does not belong to " + r.sidecar + ": " + mismatch +
+        throw tool_error(ivfp + ": does not belong to " + sidecar + ": " + mismatch +
                          " (were they built together?)");
     }
+    return layout;
+}
+
+void check_paged_index(const parsed_args& args, const sidecar_live_rows& live, query_request& r) {
+    const ivfp_report layout = verify_paged_index(r.ivfp, r.sidecar, live);
     r.params.nprobe_l1 = static_cast<uint32_t>(
         args.get_uint("--nprobe-l1", default_nprobe_level(layout.b1), 1, layout.b1));
     r.params.nprobe_l2 = static_cast<uint32_t>(
@@ -301,31 +315,124 @@ void prepare_object(system_object& sys, const query_request& r, uint64_t rows,
 
 }  // namespace
 
-int run_query(const parsed_args& args) {
-    const reporter rep(args.has("--quiet"));
+namespace {
+
+std::vector<float> read_queries(const std::string& path) {
+    const vector_file file(path);
+    std::vector<float> queries(file.rows() * kDim);
+    file.read_rows(0, file.rows(), queries.data());
+    return queries;
+}
+
+std::vector<std::vector<hit>> answer_all(system_object& sys, const search_params& params,
+                                         const std::vector<float>& queries, const reporter& rep) {
+    searcher s(sys.get(), params);
+    std::vector<std::vector<hit>> answers(queries.size() / kDim);
+    progress_bar bar(rep, "querying", answers.size(), "queries");
+    for (size_t q = 0; q < answers.size(); ++q) {
+        answers[q] = s.run(queries.data() + q * kDim);
+        bar.update(q + 1);
+    }
+    return answers;
+}
+
+int query_files(const parsed_args& args, const reporter& rep) {
     query_request req = check_options(args, rep);
     sidecar_live_rows live;
     const sidecar_report sidecar = check_sidecar(req.sidecar, req.params.rerank, rep, &live);
     const uint64_t rows = sidecar.live_rows;
     choose_index_sizes(args, rows, req);
     if (!req.ivfp.empty()) check_paged_index(args, live, req);
-    const vector_file query_file(req.queries);
-    std::vector<float> queries(query_file.rows() * kDim);
-    query_file.read_rows(0, query_file.rows(), queries.data());
-
+    const std::vector<float> queries = read_queries(req.queries);
     system_object sys(rows);
     prepare_object(sys, req, rows, rep);
-    searcher s(sys.get(), req.params);
-    std::vector<std::vector<hit>> answers(query_file.rows());
-    {
-        progress_bar bar(rep, "querying", answers.size(), "queries");
-        for (size_t q = 0; q < answers.size(); ++q) {
-            answers[q] = s.run(queries.data() + q * kDim);
-            bar.update(q + 1);
+    print_results(req.format, req.params, answer_all(sys, req.params, queries, rep));
+    return 0;
+}
+
+// One shard's best rows for every query, as node ids. Deleted rows are asked for on top of k
+// and dropped, so a brute-force answer stays exact.
+void query_shard(const parsed_args& args, const std::string& dir, const shard_entry& shard,
+                 const query_request& base, const std::vector<float>& queries, const reporter& rep,
+                 std::vector<std::vector<hit>>& merged) {
+    query_request r = base;
+    const std::string shard_dir = dir + "/" + shard.name;
+    r.sidecar = shard_dir + "/rows.vec";
+    check_input_file(r.sidecar);
+    // A shard named before its first row was added (a writer's tail) holds nothing yet.
+    if (sidecar_whole_rows(r.sidecar) == 0) return;
+    sidecar_live_rows live;
+    const sidecar_report sidecar = check_sidecar(r.sidecar, r.params.rerank, rep, &live);
+    const std::vector<uint32_t> ids = read_shard_ids(shard_dir);
+    if (sidecar.max_id > ids.size()) {
+        throw tool_error(shard_dir + ": row key " + std::to_string(sidecar.max_id) + " but only " +
+                         std::to_string(ids.size()) + " node ids");
+    }
+    const std::set<uint32_t> dead = read_tombstones(shard_dir);
+    if (!shard.sealed || r.params.path != search_path::paged) r.params.path = search_path::brute;
+    if (r.params.path == search_path::paged) {
+        r.ivfp = shard_dir + "/index.ivfp";
+        check_input_file(r.ivfp);
+        const ivfp_report layout = verify_paged_index(r.ivfp, r.sidecar, live);
+        r.params.nprobe_l1 = static_cast<uint32_t>(
+            args.get_uint("--nprobe-l1", default_nprobe_level(layout.b1), 1, ORVE_IVF_PAGED_MAX_B));
+        r.params.nprobe_l2 = static_cast<uint32_t>(
+            args.get_uint("--nprobe-l2", default_nprobe_level(layout.b2), 1, ORVE_IVF_PAGED_MAX_B));
+    }
+    r.params.k = static_cast<uint32_t>(
+        std::min<uint64_t>(sidecar.live_rows, uint64_t{base.params.k} + dead.size()));
+    system_object sys(sidecar.live_rows);
+    prepare_object(sys, r, sidecar.live_rows, rep);
+    const auto answers = answer_all(sys, r.params, queries, rep);
+    for (size_t q = 0; q < answers.size(); ++q) {
+        for (const hit& h : answers[q]) {
+            if (!dead.count(h.node_id)) merged[q].push_back({ids[h.node_id - 1], h.similarity});
         }
     }
-    print_results(req.format, req.params, answers);
+}
+
+// Every shard of a sharded directory, one after another, merged as one scan over all rows
+// would rank them: similarity descending, ties to the lower node id.
+int query_sharded(const parsed_args& args, const reporter& rep) {
+    if (args.has("--sidecar") || args.has("--ivfp")) {
+        throw usage_error(
+            "--dir searches the shards' own files; --sidecar and --ivfp do not apply");
+    }
+    query_request req;
+    req.queries = args.get("--queries");
+    req.format = parse_format(args.get_or("--format", "table"));
+    req.params.k = static_cast<uint32_t>(args.get_uint("-k", 10, 1, 100000));
+    req.params.path = parse_search_path(args.get_or("--path", "paged"));
+    if (req.params.path != search_path::brute && req.params.path != search_path::paged) {
+        throw usage_error("a sharded directory is searched with --path brute or paged");
+    }
+    req.params.rerank = args.has("--rerank");
+    req.params.rerank_factor = static_cast<uint32_t>(args.get_uint("--rerank-factor", 0, 1, 1000));
+    check_input_file(req.queries);
+    const std::string dir = args.get("--dir");
+    if (!is_sharded_directory(dir))
+        throw tool_error(dir + ": not a sharded directory (no manifest)");
+    const sharded_manifest m = read_manifest(dir);
+    const std::vector<float> queries = read_queries(req.queries);
+    std::vector<std::vector<hit>> merged(queries.size() / kDim);
+    for (const shard_entry& shard : m.shards)
+        query_shard(args, dir, shard, req, queries, rep, merged);
+    for (std::vector<hit>& hits : merged) {
+        std::sort(hits.begin(), hits.end(), [](const hit& a, const hit& b) {
+            return a.similarity != b.similarity ? a.similarity > b.similarity
+                                                : a.node_id < b.node_id;
+        });
+        if (hits.size() > req.params.k) hits.resize(req.params.k);
+    }
+    print_results(req.format, req.params, merged);
     return 0;
+}
+
+}  // namespace
+
+int run_query(const parsed_args& args) {
+    const reporter rep(args.has("--quiet"));
+    return args.has("--dir") ? query_sharded(args, rep) : query_files(args, rep);
 }
 
 const command_def& tune_def() {

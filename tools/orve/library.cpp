@@ -83,8 +83,9 @@ void system_object::destroy() {
 }
 
 void system_object::create(uint64_t capacity) {
-    if (capacity < 1 || capacity > 1100000) {
-        throw tool_error("the library holds 1 to 1100000 vectors, not " + std::to_string(capacity));
+    if (capacity < 1 || capacity > ORVE_MAX_CAPACITY) {
+        throw tool_error("the library holds 1 to " + std::to_string(ORVE_MAX_CAPACITY) +
+                         " vectors, not " + std::to_string(capacity));
     }
     if (!sys_) {
         // calloc: create wants a zeroed block, and malloc's alignment is all it needs.
