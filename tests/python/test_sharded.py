@@ -123,6 +123,45 @@ def test_crash_between_seal_write_and_manifest_switch(data, tmp_path):
     assert [e["state"] for e in manifest["shards"]] == ["sealed"]
 
 
+def tool_query(tool, directory, queries_file, k, path):
+    """orve query --dir in CSV, read back as (ids, scores) arrays (nq, k)."""
+    out = subprocess.run([tool, "query", "--dir", str(directory), "--queries", str(queries_file),
+                          "-k", str(k), "--path", path, "--nprobe-l1", "3", "--nprobe-l2", "4",
+                          "--format", "csv", "--quiet"], capture_output=True, text=True)
+    assert out.returncode == 0, out.stderr
+    table = np.array([line.split(",") for line in out.stdout.split()[1:]])
+    return (table[:, 2].astype(np.int64).reshape(-1, k),
+            table[:, 3].astype(np.float32).reshape(-1, k))
+
+
+def test_tool_built_directory_answers_like_the_package(data, tmp_path):
+    tool = os.environ.get("ORVE_TOOL") or os.path.join(
+        os.path.dirname(orve.__file__), "..", "..", "tools", "orve", "orve")
+    if not os.path.exists(tool):
+        pytest.skip("the orve tool is not built beside the package")
+    rows, ids, queries = data
+    for name, array in (("v", rows), ("ids", ids.astype(np.int64)), ("q", queries)):
+        np.save(tmp_path / f"{name}.npy", array)
+    directory = tmp_path / "built"
+    subprocess.run([tool, "build", "--vectors", str(tmp_path / "v.npy"), "--ids",
+                    str(tmp_path / "ids.npy"), "--shard-rows", str(SHARD_ROWS), "--dir",
+                    str(directory), "--quiet"], check=True)
+    tool_says = {p: tool_query(tool, directory, tmp_path / "q.npy", 10, p)
+                 for p in ("brute", "paged")}
+    # The library holds a sidecar for one object at a time: each side queries while the other
+    # has the directory closed.
+    with orve.ShardedIndex(directory) as s:
+        assert [sh.state for sh in s.shards] == ["sealed", "sealed", "open"]
+        want = {p: s.search_batch(queries, 10, path=p, nprobe_l1=3, nprobe_l2=4)
+                for p in ("brute", "paged")}
+        s.delete(np.unique(s.search_batch(queries, 3, path="brute")[0]))  # tombstones
+        want["deleted"] = s.search_batch(queries, 10, path="brute")
+    assert_same(want["brute"], reference(rows, ids, queries, 10))
+    assert_same(tool_says["brute"], want["brute"])
+    assert_same(tool_says["paged"], want["paged"])
+    assert_same(tool_query(tool, directory, tmp_path / "q.npy", 10, "brute"), want["deleted"])
+
+
 def test_dask_cluster_answers_like_the_local_index(data, sharded_dir):
     distributed = pytest.importorskip("distributed")
     import orve.distributed

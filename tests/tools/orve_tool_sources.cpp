@@ -4,3 +4,4 @@
 #include "../../tools/orve/index_files.cpp"
 #include "../../tools/orve/tool_error.cpp"
 #include "../../tools/orve/vector_file.cpp"
+#include "../../tools/orve/sharded_dir.cpp"

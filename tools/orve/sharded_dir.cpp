@@ -226,7 +226,7 @@ uint32_t crc32_of(const uint8_t* p, size_t n) {
     return ~c;
 }
 
-uint32_t le32(const uint8_t* p) {
+uint32_t u32_le(const uint8_t* p) {
     return uint32_t{p[0]} | uint32_t{p[1]} << 8 | uint32_t{p[2]} << 16 | uint32_t{p[3]} << 24;
 }
 
@@ -312,7 +312,7 @@ std::vector<uint32_t> read_shard_ids(const std::string& shard_dir) {
     const std::string bytes = read_text(path, uint64_t{ORVE_MAX_CAPACITY} * 4 + 4);
     std::vector<uint32_t> ids(bytes.size() / 4);
     for (size_t i = 0; i < ids.size(); ++i) {
-        ids[i] = le32(reinterpret_cast<const uint8_t*>(bytes.data()) + 4 * i);
+        ids[i] = u32_le(reinterpret_cast<const uint8_t*>(bytes.data()) + 4 * i);
     }
     return ids;
 }
@@ -327,8 +327,8 @@ std::set<uint32_t> read_tombstones(const std::string& shard_dir) {
     size_t bad = std::string::npos;
     for (size_t off = 0; off + 16 <= bytes.size(); off += 16) {
         const auto* rec = reinterpret_cast<const uint8_t*>(bytes.data()) + off;
-        const uint32_t key = le32(rec + 4);
-        if (std::memcmp(rec, "OTMB", 4) != 0 || le32(rec + 12) != crc32_of(rec, 12) || key == 0) {
+        const uint32_t key = u32_le(rec + 4);
+        if (std::memcmp(rec, "OTMB", 4) != 0 || u32_le(rec + 12) != crc32_of(rec, 12) || key == 0) {
             if (bad == std::string::npos) bad = off;
             continue;
         }

@@ -1,7 +1,7 @@
-// libFuzzer target of the tool's vector readers: the input is written to a file once as ".npy"
-// and once as ".fvecs" and opened as vectors (every row read back), as node ids and as a bare
-// NPY preamble. Refusals are tool_error; anything else (a crash, a sanitizer report, another
-// exception escaping) is a finding.
+// libFuzzer target of the tool's readers: the input is written to a file once as ".npy" and
+// once as ".fvecs" and opened as vectors (every row read back), as node ids and as a bare NPY
+// preamble, and parsed as a sharded directory's manifest. Refusals are tool_error; anything else (a
+// crash, a sanitizer report, another exception escaping) is a finding.
 #include <unistd.h>
 
 #include <cstdint>
@@ -10,6 +10,7 @@
 #include <string>
 #include <vector>
 
+#include "../../../tools/orve/sharded_dir.h"
 #include "../../../tools/orve/tool_error.h"
 #include "../../../tools/orve/vector_file.h"
 
@@ -46,6 +47,10 @@ void open_vectors(const std::string& path) {
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     try {
         parse_npy_header(data, size, "input");
+    } catch (const tool_error&) {
+    }
+    try {
+        parse_manifest(std::string(reinterpret_cast<const char*>(data), size), "input");
     } catch (const tool_error&) {
     }
     static const std::string npy = input_path(".npy"), fvecs = input_path(".fvecs");
