@@ -11,6 +11,7 @@ from __future__ import annotations
 
 import os
 import threading
+from concurrent.futures import ThreadPoolExecutor
 
 import numpy as np
 
@@ -24,7 +25,14 @@ __all__ = ["Index", "Error", "DIM", "PAGED_MAX_BRANCHING", "quantize", "dot512",
 
 DIM = int(_core.vec_dim())
 PAGED_MAX_BRANCHING = int(_core.PAGED_MAX_BRANCHING)   # largest b1, b2 write_paged accepts
-_MAX_ROWS = 1_100_000
+_MAX_ROWS = int(_core.MAX_CAPACITY)          # most rows one object holds
+_MIN_INDEX_ROWS = int(_core.MIN_INDEX_ROWS)   # fewest rows an IVF or H-IVF trains on
+# Bytes the library allocates per row and per centroid in the layouts it documents: 512 int8
+# codes, a float scale and a float norm; a flat-store row adds its validity byte, an index row
+# the u32 that maps it back to its row.
+_CODE_ROW = 512 + 4 + 4
+_FLAT_ROW = _CODE_ROW + 1
+_INDEX_ROW = _CODE_ROW + 4
 _PATHS = ("auto", "brute", "ivf", "hivf", "paged")
 _U32_MAX = 2**32 - 1
 
@@ -125,6 +133,10 @@ class Index:
         self._paged = None          # (b1, b2) of the attached paged file
         self._paged_gen = None      # ingestion generation it is current at; None: stale
         self._paged_rows = 0
+        self._paged_bytes = 0       # size of the attached paged file: what is mapped
+        self._ivf_rows = 0          # rows the IVF / H-IVF were trained on
+        self._hivf_rows = 0
+        self._flat_dropped = False
         self._capacity = _files.effective_capacity(capacity)
         self._tuned = {}            # path -> probe setting chosen by tune(); cleared at builds
         if sidecar is not None:
@@ -254,13 +266,35 @@ class Index:
 
     @property
     def stats(self):
-        """Row count, legacy-clustering figures and the ingestion / IVF generations."""
+        """Row count, legacy-clustering figures, the ingestion / IVF generations, and
+        "memory": bytes per part ("flat_store", "ivf", "hivf", "paged_mapping").
+
+        The library reports no allocation sizes, so "memory" is computed from what is known
+        here: the flat store is sized for the whole capacity once the first row arrives (512
+        codes, scale, norm and a validity byte a row) and is 0 after drop_flat; an IVF or
+        H-IVF holds its rows at training (codes, scale, norm, row id) plus its centroids
+        (codes, scale, norm), and an H-IVF keeps only its centroids once write_paged moved
+        its rows to the file; "paged_mapping" is the size of the attached paged file, which
+        is mapped whole (how much of it is resident depends on the searches)."""
         nodes, clusters, avg, silhouette, gen, built = self._sys.stats()
         return {"rows": nodes, "capacity": self._capacity, "clusters": clusters, "avg_similarity": avg,
                 "silhouette": silhouette, "ingest_generation": gen,
                 "ivf_built_generation": built, "nlist": self._nlist,
                 "hivf": None if self._hivf is None else self._hivf[:2],
-                "paged": self._paged}
+                "paged": self._paged, "memory": self._memory(nodes)}
+
+    def _memory(self, rows):
+        flat = 0 if self._flat_dropped or rows == 0 else self._capacity * _FLAT_ROW
+        ivf = 0
+        if self._nlist is not None:
+            ivf = self._ivf_rows * _INDEX_ROW + self._nlist * _CODE_ROW
+        hivf = 0
+        if self._hivf is not None:
+            b1, b2 = self._hivf[:2]
+            leaf_rows = 0 if self._hivf_moved is not None else self._hivf_rows
+            hivf = leaf_rows * _INDEX_ROW + (b1 + b1 * b2) * _CODE_ROW
+        paged = self._paged_bytes if self._paged is not None else 0
+        return {"flat_store": flat, "ivf": ivf, "hivf": hivf, "paged_mapping": paged}
 
     def _check_open(self):
         if self._sys.closed:
@@ -348,8 +382,10 @@ class Index:
     def build_ivf(self, nlist, seed=1):
         """Trains and publishes an IVF of ``nlist`` buckets (needs 1000 rows or more)."""
         nlist = _u32(nlist, "nlist", 1)
+        rows = len(self)
         self._sys.build_ivf(nlist, _u32(seed, "seed"))
         self._nlist = nlist
+        self._ivf_rows = rows
         self._tuned.pop("ivf", None)
 
     def build_hivf(self, b1, b2, seed=1):
@@ -357,7 +393,9 @@ class Index:
         PAGED_MAX_BRANCHING (64) can later be written with write_paged."""
         b1 = _u32(b1, "b1", 1)
         b2 = _u32(b2, "b2", 1)
+        rows = len(self)
         self._sys.build_hivf(b1, b2, _u32(seed, "seed"))
+        self._hivf_rows = rows
         self._hivf = (b1, b2, self._sys.stats()[4])
         self._hivf_moved = None
         self._tuned.pop("hivf", None)
@@ -405,6 +443,7 @@ class Index:
         self._paged = (b1, b2)
         self._paged_gen = built
         self._paged_rows = len(self)
+        self._paged_bytes = os.path.getsize(path)
 
     def open_paged(self, path):
         """Attaches an existing .ivfp file written from this index's rows (by write_paged,
@@ -426,10 +465,12 @@ class Index:
             self._paged = (b1, b2)
             self._paged_gen = gen if n_rows == self._nids else None
             self._paged_rows = n_rows
+            self._paged_bytes = os.path.getsize(path)
 
     def drop_flat(self):
         """Frees the flat int8 rows for good: no more ingestion, builds or brute force."""
         self._sys.drop_flat()
+        self._flat_dropped = True
 
     # -- search ---------------------------------------------------------------------------
     def _options(self, k, path, nprobe, nprobe_l1, nprobe_l2, rerank, rerank_factor,
@@ -517,15 +558,28 @@ class Index:
         return self._sys.search(q, o)
 
     def search_batch(self, queries, k=10, *, path="auto", nprobe=None, nprobe_l1=None,
-                     nprobe_l2=None, rerank=False, rerank_factor=0, min_similarity=-1.0):
+                     nprobe_l2=None, rerank=False, rerank_factor=0, min_similarity=-1.0,
+                     threads=1):
         """search() for each row of ``queries`` (nq, 512): ``(ids[nq, k], scores[nq, k])``,
-        padded with -1 and NaN where a query has fewer than k results."""
+        padded with -1 and NaN where a query has fewer than k results. ``threads`` > 1 splits
+        the batch into that many contiguous parts searched at once on threads of the package
+        (the library is called with the interpreter lock released); the answers are the same
+        as with one thread."""
         q = _float_rows(queries, "queries")
         o = self._options(k, path, nprobe, nprobe_l1, nprobe_l2, rerank, rerank_factor,
                           min_similarity, "search_batch")
+        threads = min(_u32(threads, "threads", 1, 1024), len(q))
         if path == "ivf":
-            return self._sys.search_batch_ivf(q, o)
-        return self._sys.search_batch_loop(q, o)
+            run = lambda part, first: self._sys.search_batch_ivf(part, o)  # noqa: E731
+        else:
+            run = lambda part, first: self._sys.search_batch_loop(part, o, first)  # noqa: E731
+        if threads == 1:
+            return run(q, 0)
+        bounds = np.linspace(0, len(q), threads + 1).astype(int)
+        with ThreadPoolExecutor(threads) as pool:
+            parts = list(pool.map(lambda i: run(q[bounds[i]:bounds[i + 1]], int(bounds[i])),
+                                  range(threads)))
+        return (np.concatenate([p[0] for p in parts]), np.concatenate([p[1] for p in parts]))
 
     def tune(self, queries, target_recall=0.95, k=10, path="auto", *, verbose=False):
         """Chooses the cheapest probe setting of ``path`` ("ivf", "hivf", "paged"; "auto" is

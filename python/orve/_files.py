@@ -17,6 +17,7 @@ import tempfile
 
 import numpy as np
 
+from . import _core
 from ._errors import Error
 
 # Sidecar: a 32-byte header ("ORVEVECA", version 1, dimension 512, row size 2056), then rows
@@ -34,7 +35,7 @@ PAGED_MAGIC = b"\x00ORVEVFP"
 _PAGED_HEADER_BYTES = 72
 _PAGED_DIR = np.dtype([("codes", "<u8"), ("meta", "<u8"), ("count", "<u4"), ("reserved", "<u4")])
 
-_MAX_ROWS = 1_100_000
+_MAX_ROWS = int(_core.MAX_CAPACITY)
 
 
 def _align(x, a):

@@ -37,13 +37,13 @@ from concurrent.futures import ThreadPoolExecutor
 
 import numpy as np
 
-from . import Error, Index, _MAX_ROWS, _PATHS, _U32_MAX, _float_rows, _u32
+from . import Error, Index, _MAX_ROWS, _MIN_INDEX_ROWS, _PATHS, _U32_MAX, _float_rows, _u32
 
 __all__ = ["ShardedIndex", "merge_topk"]
 
 MANIFEST = "manifest.json"
 _FORMAT = "orve-sharded"
-_MIN_BUILD_ROWS = 1000           # the library refuses to build an index from fewer rows
+_MIN_BUILD_ROWS = _MIN_INDEX_ROWS   # the library refuses to build an index from fewer rows
 _SIDECAR_HEADER = 32
 _SIDECAR_ROW = np.dtype([("id", "<u4"), ("live", "u1"), ("pad", "V3"), ("v", "<f4", (512,))])
 _TOMB = struct.Struct("<4sIII")  # magic, row key, reserved, crc32 of the first 12 bytes

@@ -20,6 +20,7 @@
 #include <shared_mutex>
 #include <stdexcept>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "semantic_vector_indexing.h"
@@ -27,8 +28,6 @@
 namespace py = pybind11;
 
 namespace {
-
-constexpr uint64_t kMaxCapacity = 1100000;  // the library's documented upper bound
 
 // A failure reported by the library: its return code and the call that gave it.
 struct library_error : std::runtime_error {
@@ -142,9 +141,9 @@ void copy_results(const vector_similarity_result* res, uint32_t count, uint32_t 
 class System {
   public:
     System(std::optional<uint64_t> capacity, std::optional<std::string> sidecar) {
-        if (capacity && (*capacity < 1 || *capacity > kMaxCapacity)) {
-            throw py::value_error("capacity: expected 1 to 1100000 rows, got " +
-                                  std::to_string(*capacity));
+        if (capacity && (*capacity < 1 || *capacity > ORVE_MAX_CAPACITY)) {
+            throw py::value_error("capacity: expected 1 to " + std::to_string(ORVE_MAX_CAPACITY) +
+                                  " rows, got " + std::to_string(*capacity));
         }
         std::string side = sidecar ? c_string(*sidecar, "sidecar") : std::string();
         // calloc: create wants a zeroed block, and malloc alignment is all it needs.
@@ -173,14 +172,11 @@ class System {
     // the Python layer, which can look at the file and the file system.
     void open_sidecar(const std::string& path_in) {
         const std::string path = c_string(path_in, "sidecar");
-        int rc;
-        {
-            py::gil_scoped_release nogil;
-            std::unique_lock lk(mu_);
-            check_open();
-            rc = semantic_vector_indexing_system_open_sidecar(sys_, path.c_str());
-        }
-        if (rc != 0) fail(rc, "semantic_vector_indexing_system_open_sidecar", "'" + path + "'");
+        call_or_raise<exclusive>(
+            [&](auto* sys) {
+                return semantic_vector_indexing_system_open_sidecar(sys, path.c_str());
+            },
+            "semantic_vector_indexing_system_open_sidecar", "'" + path + "'");
     }
 
     ~System() { release_object(); }
@@ -203,33 +199,26 @@ class System {
         uint32_t nodes = 0, clusters = 0;
         float avg = 0.0f, silhouette = 0.0f;
         uint64_t gen = 0, built = 0;
-        int rc;
-        {
-            py::gil_scoped_release nogil;
-            std::shared_lock lk(mu_);
-            check_open();
-            rc = semantic_vector_indexing_system_get_stats(sys_, &nodes, &clusters, &avg,
-                                                           &silhouette);
-            gen = semantic_vector_indexing_system_get_ivf_generation(sys_);
-            built = semantic_vector_indexing_system_get_ivf_built_generation(sys_);
-        }
-        if (rc != 0) fail(rc, "semantic_vector_indexing_system_get_stats");
+        call_or_raise<shared>(
+            [&](auto* sys) {
+                gen = semantic_vector_indexing_system_get_ivf_generation(sys);
+                built = semantic_vector_indexing_system_get_ivf_built_generation(sys);
+                return semantic_vector_indexing_system_get_stats(sys, &nodes, &clusters, &avg,
+                                                                 &silhouette);
+            },
+            "semantic_vector_indexing_system_get_stats");
         return py::make_tuple(nodes, clusters, avg, silhouette, gen, built);
     }
 
     uint32_t node_count() {
         uint32_t nodes = 0, clusters = 0;
         float avg = 0.0f, silhouette = 0.0f;
-        int rc;
-        {
-            // get_stats may wait for the object's lock behind a brute-force scan.
-            py::gil_scoped_release nogil;
-            std::shared_lock lk(mu_);
-            check_open();
-            rc = semantic_vector_indexing_system_get_stats(sys_, &nodes, &clusters, &avg,
-                                                           &silhouette);
-        }
-        if (rc != 0) fail(rc, "semantic_vector_indexing_system_get_stats");
+        call_or_raise<shared>(
+            [&](auto* sys) {
+                return semantic_vector_indexing_system_get_stats(sys, &nodes, &clusters, &avg,
+                                                                 &silhouette);
+            },
+            "semantic_vector_indexing_system_get_stats");
         return nodes;
     }
 
@@ -237,15 +226,11 @@ class System {
     int load(const py::array& vectors) {
         size_t n = 0;
         const float* data = float_rows(vectors, "vectors", &n);
-        if (n > kMaxCapacity) throw py::value_error("vectors: more rows than any capacity");
-        int rc;
-        {
-            py::gil_scoped_release nogil;
-            std::shared_lock lk(mu_);
-            check_open();
-            rc = semantic_vector_indexing_system_load_vectors_f32(sys_, data,
-                                                                  static_cast<uint32_t>(n));
-        }
+        if (n > ORVE_MAX_CAPACITY) throw py::value_error("vectors: more rows than any capacity");
+        const int rc = with_object<shared>([&](auto* sys) {
+            return semantic_vector_indexing_system_load_vectors_f32(sys, data,
+                                                                    static_cast<uint32_t>(n));
+        });
         if (rc < 0)
             fail(rc, "semantic_vector_indexing_system_load_vectors_f32",
                  "no row committed (object full, flat store dropped, or out of memory)");
@@ -266,17 +251,14 @@ class System {
         }
         const uint32_t* id = static_cast<const uint32_t*>(ids.data());
         size_t done = 0;
-        int rc = 0;
-        {
-            py::gil_scoped_release nogil;
-            std::shared_lock lk(mu_);
-            check_open();
+        const int rc = with_object<shared>([&](auto* sys) {
             for (; done < n; ++done) {
-                rc = semantic_vector_indexing_system_add_embedding_orve512(
-                    sys_, id[done], data + done * ORVE512_DIM);
-                if (rc != 0) break;
+                const int r = semantic_vector_indexing_system_add_embedding_orve512(
+                    sys, id[done], data + done * ORVE512_DIM);
+                if (r != 0) return r;
             }
-        }
+            return 0;
+        });
         if (rc != 0) {
             fail(rc, "semantic_vector_indexing_system_add_embedding_orve512",
                  "row " + std::to_string(done) + " (id " + std::to_string(id[done]) +
@@ -286,74 +268,48 @@ class System {
     }
 
     void build_ivf(uint32_t nlist, uint32_t seed) {
-        int rc;
-        {
-            py::gil_scoped_release nogil;
-            std::shared_lock lk(mu_);
-            check_open();
-            rc = semantic_vector_indexing_system_build_ivf(sys_, nlist, seed);
-        }
-        if (rc != 0) {
-            fail(rc, "semantic_vector_indexing_system_build_ivf",
-                 "needs at least 1000 rows, 1 <= nlist <= rows, the flat store in place and no "
-                 "ingestion during the build");
-        }
+        call_or_raise<shared>(
+            [&](auto* sys) { return semantic_vector_indexing_system_build_ivf(sys, nlist, seed); },
+            "semantic_vector_indexing_system_build_ivf",
+            "needs at least " + std::to_string(ORVE_MIN_INDEX_ROWS) +
+                " rows, 1 <= nlist <= rows, the flat store in place and no ingestion during the "
+                "build");
     }
 
     void build_hivf(uint32_t b1, uint32_t b2, uint32_t seed) {
-        int rc;
-        {
-            py::gil_scoped_release nogil;
-            std::shared_lock lk(mu_);
-            check_open();
-            rc = semantic_vector_indexing_system_build_ivf_level2(sys_, b1, b2, seed);
-        }
-        if (rc != 0) {
-            fail(rc, "semantic_vector_indexing_system_build_ivf_level2",
-                 "needs at least 1000 rows, b1 * b2 <= rows, the flat store in place and no "
-                 "ingestion during the build");
-        }
+        call_or_raise<shared>(
+            [&](auto* sys) {
+                return semantic_vector_indexing_system_build_ivf_level2(sys, b1, b2, seed);
+            },
+            "semantic_vector_indexing_system_build_ivf_level2",
+            "needs at least " + std::to_string(ORVE_MIN_INDEX_ROWS) +
+                " rows, b1 * b2 <= rows, the flat store in place and no ingestion during the "
+                "build");
     }
 
     void write_paged(const std::string& path_in) {
         const std::string path = c_string(path_in, "path");
-        int rc;
-        {
-            py::gil_scoped_release nogil;
-            std::unique_lock lk(mu_);
-            check_open();
-            rc = semantic_vector_indexing_system_build_ivf_paged(sys_, path.c_str());
-        }
-        if (rc != 0) {
-            fail(rc, "semantic_vector_indexing_system_build_ivf_paged",
-                 "could not write and attach '" + path + "'");
-        }
+        call_or_raise<exclusive>(
+            [&](auto* sys) {
+                return semantic_vector_indexing_system_build_ivf_paged(sys, path.c_str());
+            },
+            "semantic_vector_indexing_system_build_ivf_paged",
+            "could not write and attach '" + path + "'");
     }
 
     void open_paged(const std::string& path_in) {
         const std::string path = c_string(path_in, "path");
-        int rc;
-        {
-            py::gil_scoped_release nogil;
-            std::unique_lock lk(mu_);
-            check_open();
-            rc = semantic_vector_indexing_system_open_ivf_paged(sys_, path.c_str());
-        }
-        if (rc != 0) {
-            fail(rc, "semantic_vector_indexing_system_open_ivf_paged",
-                 "could not open '" + path + "' as a paged index");
-        }
+        call_or_raise<exclusive>(
+            [&](auto* sys) {
+                return semantic_vector_indexing_system_open_ivf_paged(sys, path.c_str());
+            },
+            "semantic_vector_indexing_system_open_ivf_paged",
+            "could not open '" + path + "' as a paged index");
     }
 
     void drop_flat() {
-        int rc;
-        {
-            py::gil_scoped_release nogil;
-            std::unique_lock lk(mu_);
-            check_open();
-            rc = orve512_drop_flat_slabs(sys_, true);
-        }
-        if (rc != 0) fail(rc, "orve512_drop_flat_slabs");
+        call_or_raise<exclusive>([](auto* sys) { return orve512_drop_flat_slabs(sys, true); },
+                                 "orve512_drop_flat_slabs");
     }
 
     py::tuple search(const py::array& query, const search_options& o) {
@@ -363,13 +319,9 @@ class System {
         fill_query(rec, o);
         rec.query_vector = q;
         uint32_t count = 0;
-        int rc;
-        {
-            py::gil_scoped_release nogil;
-            std::shared_lock lk(mu_);
-            check_open();
-            rc = semantic_vector_indexing_system_search_similar(sys_, &rec, res.data(), &count);
-        }
+        const int rc = with_object<shared>([&](auto* sys) {
+            return semantic_vector_indexing_system_search_similar(sys, &rec, res.data(), &count);
+        });
         if (rc != 0) search_failed(rc, "semantic_vector_indexing_system_search_similar");
         py::array_t<int64_t> ids(count);
         py::array_t<float> scores(count);
@@ -393,11 +345,7 @@ class System {
         py::array_t<float> scores({static_cast<py::ssize_t>(nq), static_cast<py::ssize_t>(o.k)});
         int64_t* id = ids.mutable_data();
         float* sc = scores.mutable_data();
-        int rc;
-        {
-            py::gil_scoped_release nogil;
-            std::shared_lock lk(mu_);
-            check_open();
+        const int rc = with_object<shared>([&](auto* sys) {
             orve512_batch_query b;
             std::memset(&b, 0, sizeof b);
             b.n_queries = static_cast<uint32_t>(nq);
@@ -410,13 +358,14 @@ class System {
             b.counts = counts.data();
             b.rerank = o.rerank ? 1 : 0;
             b.rerank_factor = o.rerank_factor;
-            rc = semantic_vector_indexing_system_search_similar_orve512_batch(sys_, &b);
-            if (rc == 0) {
+            const int r = semantic_vector_indexing_system_search_similar_orve512_batch(sys, &b);
+            if (r == 0) {
                 for (size_t i = 0; i < nq; ++i) {
                     copy_results(&res[i * o.k], counts[i], o.k, id + i * o.k, sc + i * o.k);
                 }
             }
-        }
+            return r;
+        });
         if (rc != 0) {
             fail(rc, "semantic_vector_indexing_system_search_similar_orve512_batch",
                  "a query could not be answered (flat store dropped and no current IVF?)");
@@ -425,7 +374,9 @@ class System {
     }
 
     // The other paths have no batch entry point: loop over search_similar here.
-    py::tuple search_batch_loop(const py::array& queries, const search_options& o) {
+    // first: the position of queries[0] in the caller's whole batch, for the error message
+    // when the batch was split over threads.
+    py::tuple search_batch_loop(const py::array& queries, const search_options& o, size_t first) {
         size_t nq = 0;
         const float* q = float_rows(queries, "queries", &nq);
         check_batch_size(nq, o.k);
@@ -436,31 +387,50 @@ class System {
         float* sc = scores.mutable_data();
         vector_similarity_query rec;
         fill_query(rec, o);
-        int rc = 0;
         size_t failed_at = 0;
-        {
-            py::gil_scoped_release nogil;
-            std::shared_lock lk(mu_);
-            check_open();
+        const int rc = with_object<shared>([&](auto* sys) {
             for (size_t i = 0; i < nq; ++i) {
                 rec.query_vector = q + i * ORVE512_DIM;
                 uint32_t count = 0;
-                rc = semantic_vector_indexing_system_search_similar(sys_, &rec, res.data(), &count);
-                if (rc != 0) {
+                const int r =
+                    semantic_vector_indexing_system_search_similar(sys, &rec, res.data(), &count);
+                if (r != 0) {
                     failed_at = i;
-                    break;
+                    return r;
                 }
                 copy_results(res.data(), count, o.k, id + i * o.k, sc + i * o.k);
             }
-        }
+            return 0;
+        });
         if (rc != 0) {
             search_failed(rc, "semantic_vector_indexing_system_search_similar (query " +
-                                  std::to_string(failed_at) + ")");
+                                  std::to_string(first + failed_at) + ")");
         }
         return py::make_tuple(ids, scores);
     }
 
   private:
+    using shared = std::shared_lock<std::shared_mutex>;
+    using exclusive = std::unique_lock<std::shared_mutex>;
+
+    // Runs call(sys) on the open object with the interpreter lock released, holding the
+    // object's lock as Lock (shared for the calls the library lets overlap, exclusive for those
+    // it forbids to overlap with anything), and returns the library's code.
+    template <class Lock, class F>
+    int with_object(F&& call) {
+        py::gil_scoped_release nogil;
+        Lock lk(mu_);
+        check_open();
+        return call(sys_);
+    }
+
+    // with_object, raising orve.Error naming `name` (and `detail`) when the code is not 0.
+    template <class Lock, class F>
+    void call_or_raise(F&& call, const char* name, const std::string& detail = {}) {
+        const int rc = with_object<Lock>(std::forward<F>(call));
+        if (rc != 0) fail(rc, name, detail);
+    }
+
     int create_with_capacity(std::optional<uint64_t> capacity) {
         std::lock_guard env(g_env_mutex);
         if (!capacity) return semantic_vector_indexing_system_create(sys_);
@@ -594,11 +564,14 @@ PYBIND11_MODULE(_core, m) {
         .def("drop_flat", &System::drop_flat)
         .def("search", &System::search)
         .def("search_batch_ivf", &System::search_batch_ivf)
-        .def("search_batch_loop", &System::search_batch_loop);
+        .def("search_batch_loop", &System::search_batch_loop, py::arg("queries"),
+             py::arg("options"), py::arg("first") = 0);
 
     // The largest b1 and b2 the paged search handles: an H-IVF beyond it cannot be paged.
     m.attr("PAGED_MAX_BRANCHING") = py::int_(ORVE_IVF_PAGED_MAX_B);
     m.attr("VERSION") = py::str(ORVE_VERSION_STRING);
+    m.attr("MAX_CAPACITY") = py::int_(ORVE_MAX_CAPACITY);
+    m.attr("MIN_INDEX_ROWS") = py::int_(ORVE_MIN_INDEX_ROWS);
     m.def("vec_dim", &semantic_vector_indexing_system_get_vec_dim);
     m.def("quantize", &quantize);
     m.def("dot512", &dot512);
