@@ -48,10 +48,15 @@ def test_paged_file_opened_alone_after_drop(rows, queries, tmp_path):
         ix.build_hivf(4, 4)
         ix.write_paged(paged)
         want = ix.search_batch(queries, 5, path="paged")
+        memory = ix.stats["memory"]
+        # The H-IVF's rows went to the file: only its 4 + 16 centroids stay in memory.
+        assert memory["hivf"] == 20 * (512 + 8) and memory["flat_store"] > 0
+        assert memory["paged_mapping"] == os.path.getsize(paged)
     with orve.Index(capacity=2000) as ix:
         ix.add(rows)  # same rows, same ids
         ix.drop_flat()
         ix.open_paged(paged)
+        assert ix.stats["memory"]["flat_store"] == 0
         got = ix.search_batch(queries, 5, path="paged")
         np.testing.assert_array_equal(got[0], want[0])
         np.testing.assert_array_equal(got[1], want[1])

@@ -1,8 +1,10 @@
-"""Searches from several Python threads while another ingests, rebuilds or closes."""
+"""Searches from several Python threads while another ingests, rebuilds or closes, and one
+batch split over the package's own threads."""
 
 import threading
 
 import numpy as np
+import pytest
 
 import orve
 
@@ -90,3 +92,15 @@ def test_close_while_searching(rows, queries):
         t.join()
     assert len(outcomes) == 3
     assert all(o[0] == "closed" and o[2] is None for o in outcomes)
+
+
+@pytest.mark.parametrize("threads, nq", [(1, 5), (2, 7), (3, 11), (3, 2)])
+def test_batch_split_over_threads_answers_like_one_query_at_a_time(index, queries, threads, nq):
+    index.build_ivf(16)
+    q = np.concatenate([queries, queries])[:nq]
+    for path in ("brute", "ivf"):
+        ids, scores = index.search_batch(q, 6, path=path, nprobe=3, threads=threads)
+        for i in range(nq):
+            want_ids, want_scores = index.search(q[i], 6, path=path, nprobe=3)
+            np.testing.assert_array_equal(ids[i], want_ids)
+            np.testing.assert_array_equal(scores[i].view(np.uint32), want_scores.view(np.uint32))
