@@ -55,15 +55,16 @@ index_file_kind sniff_index_file(const std::string& path) {
     return index_file_kind::unknown;
 }
 
-ivfp_report read_ivfp_report(const std::string& path) {
-    const mapped_file file(path);
-    const uint8_t* d = file.data();
-    ivfp_report r;
-    r.file_size = file.size();
+namespace {
+
+using u128 = unsigned __int128;
+
+// The 72-byte header's fields and their problems; false when no section can be placed.
+bool read_ivfp_header(const uint8_t* d, ivfp_report& r) {
     if (r.file_size < kPagedHeaderBytes) {
         r.magic_ok = r.file_size >= 8 && std::memcmp(d, kPagedMagic, 8) == 0;
         r.problems.push_back("shorter than the 72-byte header");
-        return r;
+        return false;
     }
     r.magic_ok = std::memcmp(d, kPagedMagic, 8) == 0;
     r.version = le32(d + 8);
@@ -80,11 +81,15 @@ ivfp_report read_ivfp_report(const std::string& path) {
     if (!r.reserved_zero) r.problems.push_back("reserved header bytes are not zero");
     if (r.b1 == 0 || r.b2 == 0) {
         r.problems.push_back("b1 or b2 is 0");
-        return r;
+        return false;
     }
-    // b1 and b2 are 32-bit, so every offset below fits in 128 bits; anything past the file
-    // length is reported instead of being used.
-    using u128 = unsigned __int128;
+    return true;
+}
+
+// Section offsets from b1 and b2; false when the index part does not fit the file. b1 and b2
+// are 32-bit, so every offset fits in 128 bits; anything past the file length is reported
+// instead of being used.
+bool place_ivfp_sections(ivfp_report& r) {
     const u128 slots = u128{r.b1} * r.b2;
     const u128 lc = align_up(kPagedHeaderBytes + 520 * uint64_t{r.b1}, 64);
     const u128 lt = lc + slots * kCodeBytes;
@@ -93,7 +98,7 @@ ivfp_report read_ivfp_report(const std::string& path) {
     if (index_end > r.file_size) {
         r.problems.push_back("the index part (b1=" + std::to_string(r.b1) +
                              ", b2=" + std::to_string(r.b2) + ") extends past the end of the file");
-        return r;
+        return false;
     }
     r.slots = static_cast<uint64_t>(slots);
     r.leaf_centroids = static_cast<uint64_t>(lc);
@@ -105,7 +110,11 @@ ivfp_report read_ivfp_report(const std::string& path) {
                              std::to_string(r.leaf_data));
     }
     r.tables_read = true;
+    return true;
+}
 
+// Every leaf slot: its rows, where its data sits, and the size distributions.
+void scan_ivfp_leaves(const uint8_t* d, ivfp_report& r) {
     const uint64_t meta_per_row = r.version == 1 ? 12 : 16;
     std::vector<uint32_t> leaf_sizes;
     std::vector<uint32_t> l1_rows(r.b1, 0);
@@ -162,6 +171,16 @@ ivfp_report read_ivfp_report(const std::string& path) {
         r.problems.push_back("the leaves end at byte " + std::to_string(r.data_end) +
                              " but the file has " + std::to_string(r.file_size));
     }
+}
+
+}  // namespace
+
+ivfp_report read_ivfp_report(const std::string& path) {
+    const mapped_file file(path);
+    ivfp_report r;
+    r.file_size = file.size();
+    if (read_ivfp_header(file.data(), r) && place_ivfp_sections(r))
+        scan_ivfp_leaves(file.data(), r);
     return r;
 }
 
