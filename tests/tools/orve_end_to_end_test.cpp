@@ -167,58 +167,55 @@ void expect_same_answers(const std::vector<answer>& tool, const std::vector<answ
 constexpr size_t kRows = 1500;
 constexpr size_t kQueries = 9;
 
+// Host ids from an .fvecs build survive into the answers of every path.
 TEST(OrveEndToEnd, BuildThenQueryMatchesTheLibraryCalledDirectly) {
     scratch_dir dir;
     const std::vector<float> v = mixture(kRows, 1);
     const std::vector<float> q = mixture(kQueries, 2);
-    write_file(dir.file("v.npy"), npy_f32(v, kRows));
+    std::vector<uint32_t> ids(kRows);
+    for (size_t r = 0; r < kRows; ++r) ids[r] = static_cast<uint32_t>(7000000 + 13 * r);
+    write_file(dir.file("v.fvecs"), fvecs(v, kRows));
+    write_file(dir.file("ids.npy"), npy_u32(ids));
     write_file(dir.file("q.npy"), npy_f32(q, kQueries));
 
-    run_result b =
-        run_orve(dir, "build --quiet --vectors " + dir.file("v.npy") + " --sidecar " +
-                          dir.file("s.sc") + " --ivfp " + dir.file("i.ivfp") + " --b1 4 --b2 5");
+    run_result b = run_orve(dir, "build --quiet --vectors " + dir.file("v.fvecs") + " --ids " +
+                                     dir.file("ids.npy") + " --sidecar " + dir.file("s.sc") +
+                                     " --ivfp " + dir.file("i.ivfp") + " --b1 4 --b2 5");
     ASSERT_EQ(b.exit_code, 0) << b.err;
-    EXPECT_TRUE(exists(dir.file("s.sc")));
-    EXPECT_TRUE(exists(dir.file("i.ivfp")));
     EXPECT_EQ(b.err, "");  // --quiet
 
-    direct_library lib(v, kRows, {});
-    run_result brute = run_orve(dir, "query --quiet --sidecar " + dir.file("s.sc") + " --queries " +
-                                         dir.file("q.npy") + " -k 6 --format csv");
+    direct_library lib(v, kRows, ids);
+    const std::string sidecar_and_queries =
+        " --sidecar " + dir.file("s.sc") + " --queries " + dir.file("q.npy");
+    run_result brute = run_orve(dir, "query --quiet" + sidecar_and_queries + " -k 6 --format csv");
     ASSERT_EQ(brute.exit_code, 0) << brute.err;
     const std::vector<answer> tool_brute = parse_csv(brute.out);
     EXPECT_EQ(tool_brute.size(), kQueries * 6);
     expect_same_answers(tool_brute, lib.search(q, kQueries, 6));
     // Answers that never reached standard output are a failure, not a success.
-    run_result full = run_orve(
-        dir,
-        "query --quiet --sidecar " + dir.file("s.sc") + " --queries " + dir.file("q.npy") + " -k 6",
-        "", "/dev/full");
+    run_result full =
+        run_orve(dir, "query --quiet" + sidecar_and_queries + " -k 6", "", "/dev/full");
     EXPECT_EQ(full.exit_code, 1);
     EXPECT_EQ(full.err, "orve: standard output: No space left on device\n");
 
     // The paged path: the library given the tool's .ivfp file answers the same.
     ASSERT_EQ(semantic_vector_indexing_system_open_ivf_paged(lib.sys(), dir.file("i.ivfp").c_str()),
               0);
-    run_result paged = run_orve(dir, "query --quiet --sidecar " + dir.file("s.sc") + " --ivfp " +
-                                         dir.file("i.ivfp") + " --queries " + dir.file("q.npy") +
-                                         " -k 4 --nprobe-l1 2 --nprobe-l2 3 --format csv");
+    const std::string with_paged = sidecar_and_queries + " --ivfp " + dir.file("i.ivfp");
+    run_result paged = run_orve(
+        dir, "query --quiet" + with_paged + " -k 4 --nprobe-l1 2 --nprobe-l2 3 --format csv");
     ASSERT_EQ(paged.exit_code, 0) << paged.err;
     expect_same_answers(parse_csv(paged.out), lib.search(q, kQueries, 4, 2, 3));
 
     // tune: the setting it chooses reaches the target against exact float neighbours
     // computed here, and the library searched with that setting answers as tune measured.
-    run_result tune = run_orve(dir, "tune --quiet --sidecar " + dir.file("s.sc") + " --ivfp " +
-                                        dir.file("i.ivfp") + " --queries " + dir.file("q.npy") +
-                                        " --target-recall 0.9");
+    run_result tune = run_orve(dir, "tune --quiet" + with_paged + " --target-recall 0.9");
     ASSERT_EQ(tune.exit_code, 0) << tune.err;
     unsigned l1 = 0, l2 = 0;
     const size_t at = tune.out.find("chosen for --path paged: ");
     ASSERT_NE(at, std::string::npos) << tune.out;
     ASSERT_EQ(std::sscanf(tune.out.c_str() + at,
-                          "chosen for --path paged: --nprobe-l1 %u "
-                          "--nprobe-l2 %u",
-                          &l1, &l2),
+                          "chosen for --path paged: --nprobe-l1 %u --nprobe-l2 %u", &l1, &l2),
               2)
         << tune.out;
     const std::vector<answer> tuned = lib.search(q, kQueries, 10, l1, l2);
@@ -232,7 +229,7 @@ TEST(OrveEndToEnd, BuildThenQueryMatchesTheLibraryCalledDirectly) {
                 nq += double(q[qi * 512 + j]) * q[qi * 512 + j];
                 nr += double(v[r * 512 + j]) * v[r * 512 + j];
             }
-            exact.push_back({-dot / std::sqrt(nq * nr), uint32_t(r + 1)});
+            exact.push_back({-dot / std::sqrt(nq * nr), ids[r]});
         }
         std::partial_sort(exact.begin(), exact.begin() + 10, exact.end());
         for (const answer& a : tuned) {
@@ -243,96 +240,36 @@ TEST(OrveEndToEnd, BuildThenQueryMatchesTheLibraryCalledDirectly) {
     }
     EXPECT_GE(double(found) / (10.0 * kQueries), 0.9) << tune.out;
 
-    run_result inspect = run_orve(dir, "inspect " + dir.file("i.ivfp"));
-    EXPECT_EQ(inspect.exit_code, 0) << inspect.err;
-    EXPECT_NE(inspect.out.find("b1 4, b2 5, rows 1500"), std::string::npos) << inspect.out;
-    EXPECT_NE(inspect.out.find("validates        yes"), std::string::npos) << inspect.out;
-    inspect = run_orve(dir, "inspect " + dir.file("s.sc"));
-    EXPECT_EQ(inspect.exit_code, 0) << inspect.err;
-    EXPECT_NE(inspect.out.find("1500 (1500 live, 0 dead)"), std::string::npos) << inspect.out;
-    inspect = run_orve(dir, "inspect --format json " + dir.file("s.sc"));
-    EXPECT_EQ(inspect.exit_code, 0) << inspect.err;
-    EXPECT_NE(inspect.out.find("\"live_rows\": 1500, \"dead_rows\": 0, \"min_id\": 1, "
-                               "\"max_id\": 1500"),
-              std::string::npos)
-        << inspect.out;
-    inspect = run_orve(dir, "inspect --format json " + dir.file("i.ivfp"));
+    // The inspector and the library agree that both files are whole.
+    run_result inspect = run_orve(dir, "inspect --format json " + dir.file("i.ivfp"));
     EXPECT_NE(inspect.out.find("\"b1\": 4, \"b2\": 5, \"rows\": 1500, \"validates\": true"),
               std::string::npos)
         << inspect.out;
+    inspect = run_orve(dir, "inspect " + dir.file("s.sc"));
+    EXPECT_EQ(inspect.exit_code, 0) << inspect.err;
+    EXPECT_NE(inspect.out.find("1500 (1500 live, 0 dead)"), std::string::npos) << inspect.out;
 }
 
-TEST(OrveEndToEnd, HostIdsFromFvecsSurviveIntoTheAnswers) {
+TEST(OrveEndToEnd, AFailedWriteGetsOneLineAndLeavesNoFiles) {
     scratch_dir dir;
-    const std::vector<float> v = mixture(kRows, 3);
-    const std::vector<float> q = mixture(kQueries, 4);
-    std::vector<uint32_t> ids(kRows);
-    for (size_t r = 0; r < kRows; ++r) ids[r] = static_cast<uint32_t>(7000000 + 13 * r);
-    write_file(dir.file("v.fvecs"), fvecs(v, kRows));
-    write_file(dir.file("ids.npy"), npy_u32(ids));
-    write_file(dir.file("q.fvecs"), fvecs(q, kQueries));
-
-    run_result b = run_orve(dir, "build --quiet --vectors " + dir.file("v.fvecs") + " --ids " +
-                                     dir.file("ids.npy") + " --sidecar " + dir.file("s.sc") +
-                                     " --ivfp " + dir.file("i.ivfp"));
-    ASSERT_EQ(b.exit_code, 0) << b.err;
-    run_result r = run_orve(dir, "query --quiet --sidecar " + dir.file("s.sc") + " --queries " +
-                                     dir.file("q.fvecs") + " -k 5 --path brute --format csv");
-    ASSERT_EQ(r.exit_code, 0) << r.err;
-    direct_library lib(v, kRows, ids);
-    expect_same_answers(parse_csv(r.out), lib.search(q, kQueries, 5));
-}
-
-TEST(OrveEndToEnd, BadInputGetsOneLineAndLeavesNoFiles) {
-    scratch_dir dir;
-    const std::vector<float> v = mixture(kRows, 5);
-    bytes f2 = npy_preamble(npy_dict("<f2", "(1500, 512)"));
-    f2.resize(f2.size() + kRows * 512 * 2);
-    write_file(dir.file("v2.npy"), f2);
-    const std::string outputs = " --sidecar " + dir.file("s.sc") + " --ivfp " + dir.file("i.ivfp");
-
-    run_result r = run_orve(dir, "build --vectors " + dir.file("v2.npy") + outputs);
-    EXPECT_EQ(r.exit_code, 1);
-    EXPECT_EQ(r.err, "orve: " + dir.file("v2.npy") +
-                         ": expected float32 '<f4' or float64 '<f8', found '<f2'\n");
-    EXPECT_EQ(r.out, "");
-
-    // Bad index sizes and unwritable outputs are refused before any work is done.
-    write_file(dir.file("v.npy"), npy_f32(v, kRows));
-    r = run_orve(dir, "build --quiet --vectors " + dir.file("v.npy") + " --sidecar " +
-                          dir.file("s.sc") + " --ivfp " + dir.file("i.ivfp") + " --b1 64 --b2 64");
-    EXPECT_EQ(r.exit_code, 2);  // 64 x 64 > 1500 rows: refused before any work
-    r = run_orve(dir, "build --quiet --vectors " + dir.file("v.npy") + " --sidecar " +
-                          dir.file("s.sc") + " --ivfp " + dir.file("no/such/dir/i.ivfp"));
-    EXPECT_EQ(r.exit_code, 1);
-    EXPECT_NE(r.err.find("no/such/dir/i.ivfp: cannot write in"), std::string::npos) << r.err;
-    EXPECT_EQ(std::count(r.err.begin(), r.err.end(), '\n'), 1) << r.err;
-
+    write_file(dir.file("v.npy"), npy_f32(mixture(kRows, 5), kRows));
     // A write that fails during the build (a file size limit stands in for a full disk): one
     // line naming the sidecar and the cause, and neither output nor a temporary survives.
-    r = run_orve(dir, "build --quiet --vectors " + dir.file("v.npy") + outputs,
-                 "ulimit -f 1024; trap '' XFSZ; ");
+    const run_result r = run_orve(dir,
+                                  "build --quiet --vectors " + dir.file("v.npy") + " --sidecar " +
+                                      dir.file("s.sc") + " --ivfp " + dir.file("i.ivfp"),
+                                  "ulimit -f 1024; trap '' XFSZ; ");
     EXPECT_EQ(r.exit_code, 1);
     EXPECT_EQ(r.err.rfind("orve: " + dir.file("s.sc") + ": writing the sidecar failed after ", 0),
               0u)
         << r.err;
     EXPECT_NE(r.err.find(" of 1500 rows: File too large\n"), std::string::npos) << r.err;
     EXPECT_EQ(std::count(r.err.begin(), r.err.end(), '\n'), 1) << r.err;
-    EXPECT_FALSE(exists(dir.file("s.sc")));
-
-    bytes q_trunc = npy_f32(mixture(2, 6), 2);
-    q_trunc.resize(q_trunc.size() - 4);
-    write_file(dir.file("q.npy"), q_trunc);
-    r = run_orve(dir, "query --sidecar " + dir.file("v.npy") + " --queries " + dir.file("q.npy"));
-    EXPECT_EQ(r.exit_code, 1);
-    EXPECT_EQ(r.err, "orve: " + dir.file("v.npy") + ": not a sidecar file (bad magic)\n");
-
-    // Nothing of any attempt is left in the directory but the inputs and captured output.
     const std::string listing_cmd = "ls -A '" + dir.path() + "' > '" + dir.file("ls.txt") + "'";
     ASSERT_EQ(std::system(listing_cmd.c_str()), 0);
     const bytes listing = read_file(dir.file("ls.txt"));
     EXPECT_EQ(std::string(listing.begin(), listing.end()),
-              "ls.txt\nq.npy\nstderr.txt\nstdout.txt\nv.npy\nv2.npy\n");
+              "ls.txt\nstderr.txt\nstdout.txt\nv.npy\n");
 }
 
 TEST(OrveEndToEnd, RefusesToOverwriteASidecarWithoutForce) {
@@ -403,6 +340,14 @@ TEST(OrveEndToEnd, PathsOfTheWrongKindAndBadOptionsAreRefusedFirst) {
          d + "sub: is a directory, not a regular file"},
         {"query --sidecar " + d + "s.sc --queries " + d + "v2.npy -k 0", 2,
          "-k expects a whole number from 1 to 100000, got '0'"},
+        {"build" + v + " --sidecar " + d + "n.sc --ivfp " + d + "no/dir/i.ivfp", 1,
+         d + "no/dir/i.ivfp: cannot write in"},
+        {"query --sidecar " + d + "v2.npy --queries " + d + "v2.npy", 1,
+         d + "v2.npy: not a sidecar file (bad magic)"},
+        {"query --dir " + d + "sub --queries " + d + "v2.npy", 1,
+         d + "sub: not a sharded directory (no manifest)"},
+        {"build" + v + " --shard-rows 999 --dir " + d + "sharded", 2,
+         "--shard-rows expects a whole number from 1000 to 1100000"},
     };
     for (const refusal& c : cases) {
         const run_result r = run_orve(dir, c.args);
