@@ -3,7 +3,7 @@
 # tests/sidecar/fuzz with clang (libFuzzer with AddressSanitizer and UndefinedBehaviorSanitizer),
 # writes fresh seed corpora of real files from the library's writers, and fuzzes paged open +
 # search for two thirds of the given number of seconds (default 60) and sidecar replay + open
-# for the rest, then the tool's .npy/.fvecs readers for five seconds. Exits non-zero when a fuzzer finds a crash; the input is kept under
+# for the rest, then the tool's .npy/.fvecs and manifest readers for five seconds. Exits non-zero when a fuzzer finds a crash; the input is kept under
 # build/fuzz/artifacts/.
 #   usage: scripts/run-fuzz.sh [SECONDS]
 source "$(dirname "$0")/common.sh"
@@ -41,7 +41,7 @@ ASAN_OPTIONS=detect_leaks=1:abort_on_error=1 UBSAN_OPTIONS=print_stacktrace=1:ha
     -max_len=8192 -timeout=20 -rss_limit_mb=2048 -print_final_stats=1 \
     -artifact_prefix=build/fuzz/artifacts/ "$sidecar_corpus"
 
-# The tool's .npy/.fvecs readers, a few seconds from the seed files kept with the target.
+# The tool's .npy/.fvecs and manifest readers, a few seconds from the seed files kept with the target.
 rm -rf build/fuzz/corpus-tool && mkdir -p build/fuzz/corpus-tool
 ASAN_OPTIONS=detect_leaks=1:abort_on_error=1 UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1 \
     build/fuzz/tools/fuzz/orve_vector_file_fuzz -max_total_time=5 -timeout=20 -rss_limit_mb=2048 \

@@ -84,38 +84,16 @@ def test_float64_and_strided_input_equal_float32(rows, queries):
             np.testing.assert_array_equal(ix_scores, ref_scores)
 
 
-def test_ivf_probing_every_bucket_equals_brute(index, queries):
-    index.build_ivf(24, seed=3)
-    for q in queries:
-        b = index.search(q, 10, path="brute")
-        i = index.search(q, 10, path="ivf", nprobe=24)
-        np.testing.assert_array_equal(i[0], b[0])
-        np.testing.assert_array_equal(i[1], b[1])
-
-
-def test_hivf_and_paged_probing_everything_equal_brute(index, queries, tmp_path):
-    index.build_hivf(6, 5, seed=2)
+@pytest.mark.parametrize("path", ["ivf", "hivf", "paged"])
+def test_probing_everything_equals_brute(index, queries, tmp_path, path):
+    index.build_ivf(24, seed=3) if path == "ivf" else index.build_hivf(6, 5, seed=2)
     brute = [index.search(q, 10, path="brute") for q in queries]
+    if path == "paged":
+        index.write_paged(tmp_path / "x.ivfp")
     for q, b in zip(queries, brute):
-        h = index.search(q, 10, path="hivf", nprobe_l1=6, nprobe_l2=5)
-        np.testing.assert_array_equal(h[0], b[0])
-        np.testing.assert_array_equal(h[1], b[1])
-    index.write_paged(tmp_path / "x.ivfp")
-    for q, b in zip(queries, brute):
-        p = index.search(q, 10, path="paged", nprobe_l1=6, nprobe_l2=5)
-        np.testing.assert_array_equal(p[0], b[0])
-        np.testing.assert_array_equal(p[1], b[1])
-
-
-def test_batch_equals_single_searches(index, queries):
-    index.build_ivf(24)
-    for path, extra in (("brute", {}), ("ivf", {"nprobe": 3}), ("auto", {})):
-        ids, scores = index.search_batch(queries, 6, path=path, **extra)
-        assert ids.shape == (len(queries), 6) and scores.shape == (len(queries), 6)
-        for row, q in enumerate(queries):
-            one = index.search(q, 6, path=path, **extra)
-            np.testing.assert_array_equal(ids[row], one[0])
-            np.testing.assert_array_equal(scores[row], one[1])
+        got = index.search(q, 10, path=path, nprobe=24, nprobe_l1=6, nprobe_l2=5)
+        np.testing.assert_array_equal(got[0], b[0])
+        np.testing.assert_array_equal(got[1], b[1])
 
 
 def test_batch_pads_short_answers(rows, queries):

@@ -148,6 +148,10 @@ def test_tool_built_directory_answers_like_the_package(data, tmp_path):
                     str(directory), "--quiet"], check=True)
     tool_says = {p: tool_query(tool, directory, tmp_path / "q.npy", 10, p)
                  for p in ("brute", "paged")}
+    shown = json.loads(subprocess.run([tool, "inspect", "--format", "json", str(directory)],
+                                      capture_output=True, text=True, check=True).stdout)
+    assert [s["rows"] for s in shown["shards"]] == [1000, 1000, 600] and shown["rows"] == 2600
+    assert shown["file_bytes"] == sum(f.stat().st_size for f in directory.glob("shard-*/*"))
     # The library holds a sidecar for one object at a time: each side queries while the other
     # has the directory closed.
     with orve.ShardedIndex(directory) as s:

@@ -98,7 +98,7 @@ def test_close_while_searching(rows, queries):
 def test_batch_split_over_threads_answers_like_one_query_at_a_time(index, queries, threads, nq):
     index.build_ivf(16)
     q = np.concatenate([queries, queries])[:nq]
-    for path in ("brute", "ivf"):
+    for path in ("brute", "ivf", "auto"):
         ids, scores = index.search_batch(q, 6, path=path, nprobe=3, threads=threads)
         for i in range(nq):
             want_ids, want_scores = index.search(q[i], 6, path=path, nprobe=3)
