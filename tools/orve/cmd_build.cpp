@@ -90,10 +90,12 @@ struct build_request {
 // A sharded build writes into a directory that is new or empty: shards already there would be
 // mixed with the new ones.
 void check_shard_directory(const std::string& dir) {
-    if (::mkdir(dir.c_str(), 0755) == 0) return;
-    if (errno != EEXIST) throw tool_error(dir + ": cannot create directory: " + errno_text(errno));
     struct stat st {};
-    if (::stat(dir.c_str(), &st) != 0 || !S_ISDIR(st.st_mode)) {
+    if (::stat(dir.c_str(), &st) != 0) {
+        if (errno == ENOENT) return;
+        throw tool_error(dir + ": cannot stat: " + errno_text(errno));
+    }
+    if (!S_ISDIR(st.st_mode)) {
         throw tool_error(dir + ": exists and is not a directory");
     }
     std::unique_ptr<DIR, int (*)(DIR*)> d(::opendir(dir.c_str()), &::closedir);
@@ -251,6 +253,22 @@ shard_entry build_shard(const parsed_args& args, const build_request& req,
     return entry;
 }
 
+// After a failed build: the shard directories made so far (numbers below `next`, the one that
+// failed included) and, when this run made it, the directory itself, so a second run starts
+// from an empty directory. Unfinished files were removed as their pending_file went away.
+void remove_shards(const std::string& dir, uint64_t next, bool made_dir) {
+    for (uint64_t number = 1; number <= next; ++number) {
+        char name[32];
+        std::snprintf(name, sizeof name, "/shard-%06llu", static_cast<unsigned long long>(number));
+        for (const char* f : {"/rows.vec", "/ids.u32", "/index.ivfp"}) {
+            ::unlink((dir + name + f).c_str());
+        }
+        ::rmdir((dir + name).c_str());
+    }
+    ::unlink((dir + "/" + kManifestName + ".tmp").c_str());
+    if (made_dir) ::rmdir(dir.c_str());
+}
+
 int build_sharded(const parsed_args& args, const build_request& req, const reporter& rep) {
     const vector_file vectors(req.vectors);
     const uint64_t rows = vectors.rows();
@@ -269,14 +287,23 @@ int build_sharded(const parsed_args& args, const build_request& req, const repor
         std::tie(m.hivf_b1, m.hivf_b2) = choose_branching(args, req.shard_rows);
     }
     m.seed = req.seed;
-    for (uint64_t first = 0; first < rows; first += req.shard_rows) {
-        const uint64_t count = std::min(req.shard_rows, rows - first);
-        m.shards.push_back(
-            build_shard(args, req, vectors, first, count, ids.data() + first, m.next_shard, rep));
-        ++m.next_shard;
+    const bool made_dir = ::mkdir(req.dir.c_str(), 0755) == 0;
+    if (!made_dir && errno != EEXIST) {
+        throw tool_error(req.dir + ": cannot create directory: " + errno_text(errno));
     }
-    // Named last: until the manifest exists the directory is not an index to any reader.
-    write_manifest(req.dir, m);
+    try {
+        for (uint64_t first = 0; first < rows; first += req.shard_rows) {
+            const uint64_t count = std::min(req.shard_rows, rows - first);
+            m.shards.push_back(build_shard(args, req, vectors, first, count, ids.data() + first,
+                                           m.next_shard, rep));
+            ++m.next_shard;
+        }
+        // Named last: until the manifest exists the directory is not an index to any reader.
+        write_manifest(req.dir, m);
+    } catch (...) {
+        remove_shards(req.dir, m.next_shard, made_dir);
+        throw;
+    }
     uint64_t bytes = 0;
     for (const shard_entry& s : m.shards) {
         for (const char* f : {"/rows.vec", "/ids.u32", "/index.ivfp"}) {
