@@ -107,7 +107,6 @@ TEST(VectorFile, RefusesMalformedFilesNamingTheFileAndTheProblem) {
         std::string message;
     } cases[] = {
         {"zip.npy", {'P', 'K', 3, 4, 0, 0, 0, 0, 0, 0}, "not an NPY file (bad magic)"},
-        {"stub.npy", {0x93, 'N', 'U', 'M', 'P', 'Y', 1}, "truncated NPY header"},
         {"v4.npy", v4, "unsupported NPY version 4.0"},
         {"short.npy", short_header, "truncated NPY header"},
         {"noshape.npy", npy_preamble(f4 + "}"), "no 'shape' entry"},
@@ -123,8 +122,6 @@ TEST(VectorFile, RefusesMalformedFilesNamingTheFileAndTheProblem) {
         {"huge.npy", huge, "NPY header of 65537 bytes (at most 65536 accepted)"},
         {"be.npy", with_data(npy_preamble(npy_dict(">f4", "(2, 512)")), 1024),
          "expected float32 '<f4' or float64 '<f8', found '>f4'"},
-        {"f2.npy", with_data(npy_preamble(npy_dict("<f2", "(1, 512)")), 256),
-         "expected float32 '<f4' or float64 '<f8', found '<f2'"},
         {"rec.npy",
          with_data(npy_preamble("{'descr': [('a', '<f4')], 'fortran_order': False, "
                                 "'shape': (2,), }"),
@@ -136,8 +133,6 @@ TEST(VectorFile, RefusesMalformedFilesNamingTheFileAndTheProblem) {
          "expected shape (n, 512), found (8, 128)"},
         {"flat.npy", with_data(npy_preamble(npy_dict("<f4", "(512,)")), 512),
          "expected shape (n, 512), found (512,)"},
-        {"cube.npy", with_data(npy_preamble(npy_dict("<f4", "(1, 2, 512)")), 1024),
-         "expected shape (n, 512), found (1, 2, 512)"},
         {"cut.npy", cut, "truncated: shape (2, 512) needs 4096 bytes of data, found 4086"},
         {"extra.npy", extra, "1 unexpected bytes after the array data"},
         {"empty.npy", npy_preamble(npy_dict("<f4", "(0, 512)")), "holds no vectors"},
