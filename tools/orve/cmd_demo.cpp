@@ -301,6 +301,79 @@ void print_report(const demo_options& o, const std::string& describe, const demo
     }
 }
 
+search_params base_params(const demo_options& o) {
+    search_params base;
+    base.k = o.k;
+    base.nprobe = o.nprobe;
+    base.nprobe_l1 = o.nprobe_l1;
+    base.nprobe_l2 = o.nprobe_l2;
+    return base;
+}
+
+// Every row into the object with the sidecar attached, and the exact k best rows of each query
+// as node ids (load_vectors_f32 numbers rows from 1).
+std::vector<std::vector<uint32_t>> ingest_with_truth(system_object& sys, const demo_options& o,
+                                                     const demo_files& files, dataset& data,
+                                                     const std::vector<float>& queries,
+                                                     demo_timings& times, const reporter& rep) {
+    check(semantic_vector_indexing_system_open_sidecar(sys.get(), files.sidecar.c_str()),
+          files.sidecar + ": attaching the sidecar");
+    exact_topk exact(queries.data(), o.n_queries, o.k);
+    times.ingest_s = ingest_generated(sys, data, exact, o.rows, files.sidecar, rep);
+    std::vector<std::vector<uint32_t>> truth(o.n_queries);
+    for (uint32_t q = 0; q < o.n_queries; ++q) {
+        for (uint64_t row : exact.best_rows(q)) truth[q].push_back(static_cast<uint32_t>(row + 1));
+    }
+    return truth;
+}
+
+void train_indexes(system_object& sys, const demo_options& o, demo_timings& times,
+                   const reporter& rep) {
+    const uint32_t seed = static_cast<uint32_t>(o.seed);
+    step_timer ivf_step(rep, "training IVF (nlist=" + std::to_string(o.nlist) + ")");
+    check(semantic_vector_indexing_system_build_ivf(sys.get(), o.nlist, seed), "IVF build");
+    times.ivf_s = ivf_step.done();
+    step_timer hivf_step(
+        rep, "training H-IVF (b1=" + std::to_string(o.b1) + ", b2=" + std::to_string(o.b2) + ")");
+    check(semantic_vector_indexing_system_build_ivf_level2(sys.get(), o.b1, o.b2, seed),
+          "H-IVF build");
+    times.hivf_s = hivf_step.done();
+}
+
+// Every path with and without re-ranking. The in-memory H-IVF is measured before the paged file
+// is written: writing it frees the H-IVF's rows, and from then on the same flag searches the
+// file.
+std::vector<measured_path> measure_paths(system_object& sys, const demo_options& o,
+                                         const demo_files& files, const std::vector<float>& queries,
+                                         const std::vector<std::vector<uint32_t>>& truth,
+                                         demo_timings& times, const reporter& rep) {
+    const std::string ivf_settings =
+        "nprobe " + std::to_string(o.nprobe) + "/" + std::to_string(o.nlist);
+    const std::string hivf_settings = "nprobe " + std::to_string(o.nprobe_l1) + "x" +
+                                      std::to_string(o.nprobe_l2) + " of " + std::to_string(o.b1) +
+                                      "x" + std::to_string(o.b2);
+    std::vector<measured_path> table;
+    auto run_both = [&](search_path p, const std::string& settings) {
+        for (bool rerank : {false, true}) {
+            search_params params = base_params(o);
+            params.path = p;
+            params.rerank = rerank;
+            step_timer t(rep,
+                         std::string("querying ") + path_name(p) + (rerank ? " + rerank" : ""));
+            table.push_back(measure(sys.get(), params, settings, queries, o.n_queries, truth));
+            t.done();
+        }
+    };
+    run_both(search_path::brute, "exact int8 scan");
+    run_both(search_path::ivf, ivf_settings);
+    run_both(search_path::hivf, hivf_settings);
+    step_timer paged_step(rep, "writing paged index");
+    write_paged_index(sys.get(), files.ivfp, files.ivfp, rep);
+    times.paged_s = paged_step.done();
+    run_both(search_path::paged, hivf_settings);
+    return table;
+}
+
 }  // namespace
 
 int run_demo(const parsed_args& args) {
@@ -316,61 +389,13 @@ int run_demo(const parsed_args& args) {
     gen_step.done();
 
     system_object sys(o.rows);
-    check(semantic_vector_indexing_system_open_sidecar(sys.get(), files.sidecar.c_str()),
-          files.sidecar + ": attaching the sidecar");
-    exact_topk exact(queries.data(), o.n_queries, o.k);
     demo_timings times;
-    times.ingest_s = ingest_generated(sys, *data, exact, o.rows, files.sidecar, rep);
-    std::vector<std::vector<uint32_t>> truth(o.n_queries);
-    for (uint32_t q = 0; q < o.n_queries; ++q) {
-        // load_vectors_f32 numbers rows from 1.
-        for (uint64_t row : exact.best_rows(q)) truth[q].push_back(static_cast<uint32_t>(row + 1));
-    }
-
-    const uint32_t seed = static_cast<uint32_t>(o.seed);
-    step_timer ivf_step(rep, "training IVF (nlist=" + std::to_string(o.nlist) + ")");
-    check(semantic_vector_indexing_system_build_ivf(sys.get(), o.nlist, seed), "IVF build");
-    times.ivf_s = ivf_step.done();
-    step_timer hivf_step(
-        rep, "training H-IVF (b1=" + std::to_string(o.b1) + ", b2=" + std::to_string(o.b2) + ")");
-    check(semantic_vector_indexing_system_build_ivf_level2(sys.get(), o.b1, o.b2, seed),
-          "H-IVF build");
-    times.hivf_s = hivf_step.done();
-
-    search_params base;
-    base.k = o.k;
-    base.nprobe = o.nprobe;
-    base.nprobe_l1 = o.nprobe_l1;
-    base.nprobe_l2 = o.nprobe_l2;
-    const std::string ivf_settings =
-        "nprobe " + std::to_string(o.nprobe) + "/" + std::to_string(o.nlist);
-    const std::string hivf_settings = "nprobe " + std::to_string(o.nprobe_l1) + "x" +
-                                      std::to_string(o.nprobe_l2) + " of " + std::to_string(o.b1) +
-                                      "x" + std::to_string(o.b2);
-    std::vector<measured_path> table;
-    auto run_both = [&](search_path p, const std::string& settings) {
-        for (bool rerank : {false, true}) {
-            search_params params = base;
-            params.path = p;
-            params.rerank = rerank;
-            step_timer t(rep,
-                         std::string("querying ") + path_name(p) + (rerank ? " + rerank" : ""));
-            table.push_back(measure(sys.get(), params, settings, queries, o.n_queries, truth));
-            t.done();
-        }
-    };
-    // The in-memory H-IVF is measured before the paged file is written: writing it frees the
-    // H-IVF's rows, and from then on the same flag searches the file.
-    run_both(search_path::brute, "exact int8 scan");
-    run_both(search_path::ivf, ivf_settings);
-    run_both(search_path::hivf, hivf_settings);
-    step_timer paged_step(rep, "writing paged index");
-    write_paged_index(sys.get(), files.ivfp, files.ivfp, rep);
-    times.paged_s = paged_step.done();
-    run_both(search_path::paged, hivf_settings);
-
+    const auto truth = ingest_with_truth(sys, o, files, *data, queries, times, rep);
+    train_indexes(sys, o, times, rep);
+    const std::vector<measured_path> table =
+        measure_paths(sys, o, files, queries, truth, times, rep);
     const auto [same_brute, same_paged] =
-        restart_and_compare(sys, o, files, base, queries, table, rep);
+        restart_and_compare(sys, o, files, base_params(o), queries, table, rep);
     print_report(o, data->describe(), times, file_size(files.ivfp), table);
     const uint32_t n = o.n_queries;
     std::printf("\nrestart: %u/%u queries gave identical answers on brute, %u/%u on paged\n",
