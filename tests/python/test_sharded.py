@@ -134,7 +134,7 @@ def tool_query(tool, directory, queries_file, k, path):
             table[:, 3].astype(np.float32).reshape(-1, k))
 
 
-def test_tool_built_directory_answers_like_the_package(data, tmp_path):
+def test_tool_and_package_read_each_others_directories(data, sharded_dir, tmp_path):
     tool = os.environ.get("ORVE_TOOL") or os.path.join(
         os.path.dirname(orve.__file__), "..", "..", "tools", "orve", "orve")
     if not os.path.exists(tool):
@@ -162,6 +162,8 @@ def test_tool_built_directory_answers_like_the_package(data, tmp_path):
         want["deleted"] = s.search_batch(queries, 10, path="brute")
     assert_same(want["brute"], reference(rows, ids, queries, 10))
     assert_same(tool_says["brute"], want["brute"])
+    # The package's own directory (an IVF in the manifest, an open tail) read by the tool.
+    assert_same(tool_query(tool, sharded_dir, tmp_path / "q.npy", 10, "brute"), want["brute"])
     assert_same(tool_says["paged"], want["paged"])
     assert_same(tool_query(tool, directory, tmp_path / "q.npy", 10, "brute"), want["deleted"])
 

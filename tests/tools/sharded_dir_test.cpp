@@ -1,6 +1,6 @@
-// The sharded directory's manifest as the tool reads it: the text the Python package writes
-// parses to its shards, and every malformed or hostile manifest is refused by a tool_error,
-// never a crash or a path outside the directory.
+// The sharded directory's manifest as the tool reads it: every malformed or hostile manifest is
+// refused by a tool_error, never a crash or a path outside the directory. (Reading what the
+// Python package writes is checked end to end from its tests.)
 #include <gtest/gtest.h>
 
 #include <string>
@@ -13,7 +13,8 @@ namespace {
 using orve::tool::parse_manifest;
 using orve::tool::tool_error;
 
-// As json.dump(indent=1, sort_keys=True) writes it for two shards, one of them sealed.
+// As json.dump(indent=1, sort_keys=True) writes it for two shards, one of them sealed; each
+// case below breaks it in one way.
 const std::string kPython = R"({
  "format": "orve-sharded",
  "next_shard": 3,
@@ -29,18 +30,6 @@ const std::string kPython = R"({
  ],
  "version": 1
 })";
-
-TEST(ShardedManifest, ReadsWhatThePackageWritesAndWhatTheToolWrites) {
-    const auto m = parse_manifest(kPython, "m");
-    ASSERT_EQ(m.shards.size(), 2u);
-    EXPECT_EQ(m.shards[0].name, "shard-000001");
-    EXPECT_TRUE(m.shards[0].sealed);
-    EXPECT_EQ(m.shards[0].b1 * 10 + m.shards[0].b2, 65u);
-    EXPECT_FALSE(m.shards[1].sealed);
-    EXPECT_EQ(m.shard_rows, 1000u);
-    const auto again = parse_manifest(orve::tool::manifest_text(m), "m");
-    EXPECT_EQ(orve::tool::manifest_text(again), orve::tool::manifest_text(m));
-}
 
 TEST(ShardedManifest, MalformedOrHostileManifestsAreRefused) {
     auto with = [](const std::string& from, const std::string& to) {
