@@ -8,33 +8,18 @@ import orve
 from conftest import DIM, np_int8_cosines, np_quantize, np_topk
 
 
-def test_quantize_matches_numpy(rng):
+def test_quantize_and_dot512_match_numpy(rng):
+    # The kernels themselves are tested against their reference in C++; here the bindings must
+    # hand over and return the very values (ties round to even, zero vectors stay zero).
     x = rng.standard_normal(DIM).astype(np.float32) * 3
+    x[:5] = [127.0, 0.5, 1.5, 2.5, -2.5]
     codes, scale, norm = orve.quantize(x)
     rc, rs, rn = np_quantize(x)
-    assert codes.dtype == np.int8 and codes.shape == (DIM,)
     np.testing.assert_array_equal(codes, rc[0])
-    assert np.float32(scale) == rs[0]
-    assert np.float32(norm) == rn[0]
-    zero_codes, zero_scale, zero_norm = orve.quantize(np.zeros(DIM))
-    assert not zero_codes.any() and zero_scale == 0.0 and zero_norm == 0.0
-
-
-def test_quantize_rounds_ties_to_even():
-    x = np.zeros(DIM, dtype=np.float32)
-    x[0] = 127.0
-    x[1:5] = [0.5, 1.5, 2.5, -2.5]
-    codes, scale, _ = orve.quantize(x)
-    assert scale == 1.0
-    assert codes[:5].tolist() == [127, 0, 2, 2, -2]
-
-
-def test_dot512_is_exact_integer_dot(rng):
+    assert (np.float32(scale), np.float32(norm)) == (rs[0], rn[0])
+    assert not orve.quantize(np.zeros(DIM))[0].any()
     a = rng.integers(-127, 128, DIM).astype(np.int8)
-    b = rng.integers(-127, 128, DIM).astype(np.int8)
-    assert orve.dot512(a, b) == int(a.astype(np.int64) @ b.astype(np.int64))
-    full = np.full(DIM, -127, dtype=np.int8)
-    assert orve.dot512(full, full) == DIM * 127 * 127
+    assert orve.dot512(a, codes) == int(a.astype(np.int64) @ codes.astype(np.int64))
 
 
 def test_brute_force_equals_numpy_model(index, rows, queries):
@@ -120,26 +105,14 @@ def test_rerank_gives_exact_float_cosines(rows, queries, tmp_path):
             np.testing.assert_allclose(scores, exact[want], rtol=0, atol=2e-6)
 
 
-def test_text_embedding_is_unit_and_deterministic():
+def test_text_embedding_and_hrr_encode(rng):
     a = orve.text_embedding("knowledge graph node")
-    b = orve.text_embedding("knowledge graph node")
-    c = orve.text_embedding("another node")
-    assert a.shape == (128,) and a.dtype == np.float32
-    np.testing.assert_array_equal(a, b)
-    assert abs(np.linalg.norm(a.astype(np.float64)) - 1) < 1e-5
-    assert not np.array_equal(a, c)
-
-
-def test_hrr_encode_is_the_documented_binding():
-    s, r, o = orve.hrr_atom(7, "entity", "paris"), orve.hrr_atom(7, "relation", "capital_of"), \
-        orve.hrr_atom(7, "entity", "france")
-    for atom in (s, r, o):
-        assert atom.shape == (512,) and abs(np.linalg.norm(atom.astype(np.float64)) - 1) < 1e-5
+    assert a.shape == (128,) and abs(np.linalg.norm(a.astype(np.float64)) - 1) < 1e-5
+    assert not np.array_equal(a, orve.text_embedding("another node"))
+    # A fact is its subject atom plus the relation and object atoms rolled by 1 and 2.
+    s, r, o = (orve.hrr_atom(7, role, name) for role, name in
+               (("entity", "paris"), ("relation", "capital_of"), ("entity", "france")))
     want = s.astype(np.float64) + np.roll(r, 1) + np.roll(o, 2)
-    want /= np.linalg.norm(want)
     got = orve.hrr_encode(7, "paris", "capital_of", "france")
-    np.testing.assert_allclose(got, want, atol=1e-6)
-    np.testing.assert_array_equal(orve.hrr_atom(7, "entity", "paris"), s)
+    np.testing.assert_allclose(got, want / np.linalg.norm(want), atol=1e-6)
     assert not np.array_equal(orve.hrr_atom(8, "entity", "paris"), s)
-    swapped = orve.hrr_encode(7, "france", "capital_of", "paris")
-    assert not np.allclose(swapped, got)
