@@ -106,16 +106,10 @@ class direct_library {
         : block_(semantic_vector_indexing_system_sizeof(), 0) {
         setenv("ORVE_VECTOR_CAPACITY", std::to_string(rows).c_str(), 1);
         EXPECT_EQ(semantic_vector_indexing_system_create(sys()), 0);
-        if (ids.empty()) {
-            EXPECT_EQ(semantic_vector_indexing_system_load_vectors_f32(sys(), v.data(),
-                                                                       static_cast<uint32_t>(rows)),
-                      static_cast<int>(rows));
-        } else {
-            for (size_t r = 0; r < rows; ++r) {
-                EXPECT_EQ(semantic_vector_indexing_system_add_embedding_orve512(sys(), ids[r],
-                                                                                v.data() + r * 512),
-                          0);
-            }
+        for (size_t r = 0; r < rows; ++r) {
+            EXPECT_EQ(semantic_vector_indexing_system_add_embedding_orve512(sys(), ids[r],
+                                                                            v.data() + r * 512),
+                      0);
         }
     }
     ~direct_library() { semantic_vector_indexing_system_destroy(sys()); }
