@@ -132,47 +132,32 @@ TEST(IvfpReport, NoticesDamage) {
     scratch_dir dir;
     const std::string path = write_paged(dir, 1200, 2, 3);
     const bytes good = read_file(path);
-
-    // Leaf table count of slot 0 no longer matches the directory or the header.
-    bytes miscounted = good;
-    miscounted[4224 + 8] ^= 1;
-    write_file(path, miscounted);
-    auto r = read_ivfp_report(path);
-    EXPECT_TRUE(mentions(r.problems, "disagree on their row count"));
-    EXPECT_TRUE(mentions(r.problems, "the header says 1200 rows"));
-
-    bytes cut = good;
-    cut.resize(good.size() - 64);
-    write_file(path, cut);
-    r = read_ivfp_report(path);
-    EXPECT_FALSE(r.problems.empty());
-
-    bytes index_only = good;
-    index_only.resize(5000);
-    write_file(path, index_only);
-    r = read_ivfp_report(path);
-    EXPECT_TRUE(mentions(r.problems, "file ends before the leaf data section at 8192"));
-
-    bytes huge = good;
-    huge[17] = 0xff;  // b1 = 2 + 0xff00: its tables cannot fit
-    write_file(path, huge);
-    r = read_ivfp_report(path);
-    EXPECT_FALSE(r.tables_read);
-    EXPECT_TRUE(mentions(r.problems, "extends past the end of the file"));
-
-    bytes foreign = good;
-    foreign[0] = 'X';
-    foreign[13] = 1;  // little-endian dim 0x200 becomes 0x100
-    write_file(path, foreign);
-    r = read_ivfp_report(path);
-    EXPECT_FALSE(r.magic_ok);
-    EXPECT_TRUE(mentions(r.problems, "bad magic"));
-    EXPECT_TRUE(mentions(r.problems, "dim 256"));
-    EXPECT_EQ(sniff_index_file(path), index_file_kind::unknown);
-
-    write_file(path, bytes(40, 0));
-    r = read_ivfp_report(path);
-    EXPECT_TRUE(mentions(r.problems, "shorter than the 72-byte header"));
+    auto changed = [&](std::initializer_list<std::pair<size_t, uint8_t>> edits, size_t size) {
+        bytes b = good;
+        for (const auto& [at, value] : edits) b[at] = value;
+        b.resize(size);
+        return b;
+    };
+    const struct {
+        bytes file;
+        std::vector<std::string> problems;
+    } cases[] = {
+        // Leaf table count of slot 0 no longer matches the directory or the header.
+        {changed({{4224 + 8, uint8_t(good[4224 + 8] ^ 1)}}, good.size()),
+         {"disagree on their row count", "the header says 1200 rows"}},
+        {changed({}, good.size() - 64), {"leaves are not where the layout puts them"}},
+        {changed({}, 5000), {"file ends before the leaf data section at 8192"}},
+        // b1 = 2 + 0xff00: its tables cannot fit.
+        {changed({{17, 0xff}}, good.size()), {"extends past the end of the file"}},
+        // Little-endian dim 0x200 becomes 0x100.
+        {changed({{0, 'X'}, {13, 1}}, good.size()), {"bad magic", "dim 256"}},
+        {bytes(40, 0), {"shorter than the 72-byte header"}},
+    };
+    for (const auto& c : cases) {
+        write_file(path, c.file);
+        const auto r = read_ivfp_report(path);
+        for (const std::string& p : c.problems) EXPECT_TRUE(mentions(r.problems, p)) << p;
+    }
 }
 
 }  // namespace
