@@ -17,8 +17,7 @@ class parsed_args;
 // Largest b1 and b2 an H-IVF may have to be written as a paged index: the paged search keeps its
 // per-level scratch in fixed tables of this many entries. Checked by the tool before any work,
 // so a user learns it from the command line rather than from a failed write after training.
-inline constexpr uint32_t kPagedMaxBranching = 64;
-static_assert(kPagedMaxBranching == ORVE_IVF_PAGED_MAX_B);
+inline constexpr uint32_t kPagedMaxBranching = ORVE_IVF_PAGED_MAX_B;
 
 // --b1 / --b2 of an H-IVF that will be paged: 1 to kPagedMaxBranching, with a message that says
 // why the upper limit exists.
