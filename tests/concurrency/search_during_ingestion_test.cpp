@@ -64,12 +64,16 @@ TEST(Concurrency, BruteForceDuringIngestionAndDropSeesAPrefix) {
     ASSERT_EQ(orve_test::create_with_capacity(sys, "2000"), 0);
     std::atomic<bool> failed{false}, dropping{false}, dropped{false};
     testing::internal::CaptureStderr();
+    std::atomic<uint32_t> searches{0};
     std::thread writer([&] {
         for (uint32_t r = 0; r < kRows; r += kChunk) {
             if (semantic_vector_indexing_system_load_vectors_f32(sys, &vecs[r * 512], kChunk) !=
                 static_cast<int>(kChunk)) {
                 failed = true;
             }
+            // Some search ends between every two chunks, so the searches span the ingestion.
+            const uint32_t seen = searches.load();
+            while (searches.load() == seen && !failed.load()) std::this_thread::yield();
         }
         dropping = true;
         if (semantic_vector_indexing_system_evict_flat_slab(sys) != 0) failed = true;
@@ -80,7 +84,6 @@ TEST(Concurrency, BruteForceDuringIngestionAndDropSeesAPrefix) {
         searchers.emplace_back([&, t] {
             for (int round = 0; !failed.load(); ++round) {
                 const bool last = dropped.load();
-                const bool may_refuse = dropping.load();
                 const int qi = (t * 3 + round) % kQueries;
                 const uint32_t before = row_count(sys);
                 auto q = orve_test::int8_query(&queries[qi * 512], kK);
@@ -88,8 +91,9 @@ TEST(Concurrency, BruteForceDuringIngestionAndDropSeesAPrefix) {
                 uint32_t n = 0;
                 const int rc = semantic_vector_indexing_system_search_similar(sys, &q, res, &n);
                 const uint32_t after = row_count(sys);
+                searches.fetch_add(1);
                 // Refused only once the drop has begun; after it, always refused.
-                bool ok = rc == -7 ? may_refuse : rc == 0 && !last;
+                bool ok = rc == -7 ? dropping.load() : rc == 0 && !last;
                 if (rc == 0) {
                     bool some_prefix = false;
                     for (uint32_t p = before; p <= after && !some_prefix; ++p) {
