@@ -21,7 +21,7 @@ namespace orve {
 paged_attachment* paged_attachment_wrap(orve_ivf_paged_index* handle);
 
 // Takes a reference to the attached paged index; null when none. Takes no object lock: the
-// paged search must stay responsive while brute force, bulk loads and snapshots hold it.
+// paged search must stay responsive while bulk loads and snapshots hold it.
 paged_attachment* paged_attachment_pin(semantic_vector_indexing_system* sys);
 
 // Puts `fresh` (or null) in the object's slot and returns what was there, whose reference

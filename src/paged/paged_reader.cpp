@@ -41,6 +41,31 @@ int32_t corrupt_or_missing(const char* path) {
 //     refused with -7 and the "corrupt or missing" line. 64 is kept rather than raised: it
 //     bounds the per-query stack scratch and the p x B selection cost, and 64 x 64 leaves
 //     already give a million-row index leaves of a few hundred rows.
+namespace {
+
+// Every leaf's code block is read front to back whenever it is probed. Sequential-read advice
+// is a property of the mapping, not of one read, so it is given here once for every leaf
+// rather than again on every probe: a search then makes no system call at all (low-memory mode
+// aside), and what it reads is the same. Neighbouring blocks are advised in one call.
+void advise_leaf_codes_sequential(const orve_ivf_paged_index* h) {
+    const uint64_t slots = static_cast<uint64_t>(h->b1) * h->b2;
+    uint64_t start = 0, end = 0;
+    for (uint64_t s = 0; s < slots; ++s) {
+        const uint8_t* d = h->leaf_dir + kLeafDirBytes * s;
+        const uint32_t m = load_u32(d + kLeafDirCount);
+        if (m == 0) continue;
+        const uint64_t offset = load_u64(d + kLeafDirCodes);
+        if (offset != end) {
+            advise_range(h->base, h->length, start, end - start, MADV_SEQUENTIAL);
+            start = offset;
+        }
+        end = offset + kCodeBytes * m;
+    }
+    advise_range(h->base, h->length, start, end - start, MADV_SEQUENTIAL);
+}
+
+}  // namespace
+
 extern "C" ORVE_API int32_t orve_ivf_paged_open(const char* path,
                                                 orve_ivf_paged_index** out_handle) {
     if (path == nullptr || out_handle == nullptr) return -1;
@@ -110,6 +135,7 @@ extern "C" ORVE_API int32_t orve_ivf_paged_open(const char* path,
 
     // Routing reads the whole index part on every probe: have it fetched now.
     advise_range(h->base, length, 0, lay.data_start, MADV_WILLNEED);
+    advise_leaf_codes_sequential(h);
 
     *out_handle = h;
     std::fprintf(stdout, "[IVF_PAGED] opened %s  B1=%u B2=%u n=%u  (%.1f MB)\n", path, b1, b2,

@@ -4,7 +4,8 @@
 // many-rows kernel straight from the mapping; the chosen leaves' rows are scored the same way a
 // block at a time into a stack buffer. Scratch is a few fixed tables on the stack (b1 and b2
 // are at most ORVE_IVF_PAGED_MAX_B, which open enforces), candidates go into the caller's heap,
-// and the only system calls are one or two madvise per probed leaf. No lock is taken: the
+// and no system call is made, except in low-memory mode two madvise per probed leaf (the
+// leaves' sequential-read advice is given once, at open). No lock is taken: the
 // handle is immutable apart from the low-memory flag, read here with a relaxed atomic load.
 //
 // Every offset used here was checked against the file length by open, so nothing outside the
@@ -156,11 +157,9 @@ int32_t search_mapped(const orve_ivf_paged_index* handle, uint32_t n_probe_l1, u
             if (m == 0) continue;
             const uint64_t codes_offset = load_u64(d + kLeafDirCodes);
             const uint64_t meta_offset = load_u64(d + kLeafDirMeta);
-            const uint64_t code_bytes = kCodeBytes * m;
-            advise_range(handle->base, handle->length, codes_offset, code_bytes, MADV_SEQUENTIAL);
             scan_leaf(pr, many, codes_offset, meta_offset, m);
             if (__atomic_load_n(&handle->low_memory, __ATOMIC_RELAXED) != 0) {
-                advise_range(handle->base, handle->length, codes_offset, code_bytes, MADV_COLD);
+                advise_range(handle->base, handle->length, codes_offset, kCodeBytes * m, MADV_COLD);
                 advise_range(handle->base, handle->length, meta_offset,
                              meta_bytes_per_row(handle->version) * m, MADV_COLD);
             }

@@ -4,6 +4,7 @@
 
 #include "core/publication.h"
 #include "core/system.h"
+#include "search/brute_force.h"
 #include "search/ivf_pinned_search.h"
 
 namespace {
@@ -42,6 +43,27 @@ bool answer_pinned(semantic_vector_indexing_system* sys, const orve512_batch_que
     return true;
 }
 
+// Brute force a block of queries at a time, each block in one pass over the store; every
+// answer is the one the front end's brute force gives. False when the store's slabs were
+// dropped (the front end refuses those queries and reports it) or a query could not start;
+// the caller then answers one query at a time, so failures look exactly as they always have.
+bool answer_brute_force(semantic_vector_indexing_system* sys, const orve512_batch_query* b) {
+    if (orve::load_slabs_dropped(sys)) return false;
+    vector_similarity_query qs[orve::kBruteForceBlock];
+    uint32_t counts[orve::kBruteForceBlock];
+    for (uint32_t i0 = 0; i0 < b->n_queries; i0 += orve::kBruteForceBlock) {
+        const uint32_t left = b->n_queries - i0;
+        const uint32_t m = left < orve::kBruteForceBlock ? left : orve::kBruteForceBlock;
+        for (uint32_t j = 0; j < m; ++j) qs[j] = query_for(b, i0 + j, false);
+        if (orve::brute_force_search_block(
+                sys, qs, m, b->results + static_cast<std::size_t>(b->k) * i0, b->k, counts) != 0) {
+            return false;
+        }
+        if (b->counts != nullptr) std::memcpy(b->counts + i0, counts, m * sizeof(uint32_t));
+    }
+    return true;
+}
+
 }  // namespace
 
 extern "C" ORVE_API int semantic_vector_indexing_system_search_similar_orve512_batch(
@@ -57,7 +79,11 @@ extern "C" ORVE_API int semantic_vector_indexing_system_search_similar_orve512_b
             if (answer_pinned(sys, b, pinned)) return 0;
             // A query failed on the pinned index: answer the whole batch again, one query at a
             // time through the front end.
+        } else if (answer_brute_force(sys, b)) {
+            return 0;  // no index to pin: the front end would have brute-forced every query
         }
+    } else if (answer_brute_force(sys, b)) {
+        return 0;
     }
     for (uint32_t i = 0; i < b->n_queries; ++i) {
         const vector_similarity_query q = query_for(b, i, b->use_ivf != 0);

@@ -1,10 +1,16 @@
-// Brute force: every stored vector scored against the query, under the object's lock.
+// Brute force: every stored vector scored against the query.
 //
-// The scan walks runs of consecutive valid rows and scores each run with the many-rows kernel,
-// a block at a time into a stack buffer; per row it then does only the cosine, the threshold
-// and a comparison with the heap's current minimum. Nothing is allocated per row.
+// A scan pins the flat store and reads the row count once, under the lock, and then runs
+// without it: rows below that count are complete and never rewritten, so the answer is the
+// one a scan holding the lock from its start would give, while other scans and ingestion go
+// on. The scan walks runs of consecutive valid rows and scores each run with the many-rows
+// kernel, a block at a time into a stack buffer; per row it then does only the cosine, the
+// threshold and a comparison with the heap's current minimum. Nothing is allocated per row.
 #include "search/brute_force.h"
 
+#include <cstring>
+
+#include "core/flat_pin.h"
 #include "core/system.h"
 #include "quant/cosine.h"
 #include "quant/dot512_kernels.h"
@@ -13,6 +19,41 @@
 namespace {
 
 constexpr uint32_t kBlockRows = 128;
+// Rows a batch scores against each query of its block before moving on: 64 KB of codes,
+// which stay in cache across the block's queries, so the store is read once per block.
+constexpr uint32_t kTileRows = 128;
+
+// Offers rows [begin, end) to the query's sink, in row order. The sink's heap depends only on
+// the sequence of offers, so any split of the rows into ranges gives the same answer.
+void scan_rows(const semantic_vector_indexing_system* sys, const flat_rows* store, uint32_t begin,
+               uint32_t end, orve::query_context& ctx) {
+    orve::candidate_sink& sink = ctx.sink;
+    if (sink.capacity == 0) return;
+    const orve::dot512_many_fn many = orve::dot512_best().many;
+    const uint8_t* valid = store != nullptr ? store->valid : nullptr;
+    int32_t dots[kBlockRows];
+    for (uint32_t s = begin; s < end;) {
+        if (valid != nullptr && valid[s]) {
+            uint32_t stop = s + 1;
+            while (stop < end && stop - s < kBlockRows && valid[stop]) ++stop;
+            many(ctx.codes, store->codes + static_cast<std::size_t>(s) * orve::kRowBytes, stop - s,
+                 dots);
+            for (uint32_t r = s; r < stop; ++r) {
+                sink.offer(r, orve::cosine_from_dot(dots[r - s], ctx.scale, store->scale[r],
+                                                    ctx.norm, store->norm[r]));
+            }
+            s = stop;
+            continue;
+        }
+        // A row without a slab vector may still carry its own quantised record.
+        const orve_quantized_vector_record* rec = sys->nodes[s].quantized;
+        if (rec != nullptr && rec->codes != nullptr) {
+            sink.offer(s, orve::cosine_from_dot(orve_dotprod512_i8(ctx.codes, rec->codes),
+                                                ctx.scale, rec->scale, ctx.norm, rec->norm));
+        }
+        ++s;
+    }
+}
 
 }  // namespace
 
@@ -20,38 +61,38 @@ namespace orve {
 
 int brute_force_search(semantic_vector_indexing_system* sys, const vector_similarity_query* q,
                        vector_similarity_result* results, uint32_t* count) {
-    object_lock guard(sys);
     if (q->query_vector == nullptr || q->max_results == 0) return -1;
-
-    const uint32_t n = sys->node_count;
+    const flat_view view = flat_pin(sys);
+    const flat_pin_guard pin(view.store);
     query_context ctx;
-    if (!begin_query(sys, q, n, n, false, ctx)) return -1;
-    candidate_sink& sink = ctx.sink;
+    if (!begin_query(sys, q, view.rows, view.rows, false, ctx)) return -1;
+    scan_rows(sys, view.store, 0, view.rows, ctx);
+    finish_results(ctx.sink.heap, ctx.sink.count, q, sys, results, count);
+    return 0;
+}
 
-    const dot512_many_fn many = dot512_best().many;
-    const uint8_t* valid = sys->slab_i8 != nullptr ? sys->row_valid : nullptr;
-    int32_t dots[kBlockRows];
-    for (uint32_t s = 0; s < n && sink.capacity != 0;) {
-        if (valid != nullptr && valid[s]) {
-            uint32_t end = s + 1;
-            while (end < n && end - s < kBlockRows && valid[end]) ++end;
-            many(ctx.codes, sys->slab_i8 + static_cast<std::size_t>(s) * kRowBytes, end - s, dots);
-            for (uint32_t r = s; r < end; ++r) {
-                sink.offer(r, cosine_from_dot(dots[r - s], ctx.scale, sys->row_scale[r], ctx.norm,
-                                              sys->row_norm[r]));
-            }
-            s = end;
-            continue;
-        }
-        // A row without a slab vector may still carry its own quantised record.
-        const orve_quantized_vector_record* rec = sys->nodes[s].quantized;
-        if (rec != nullptr && rec->codes != nullptr) {
-            sink.offer(s, cosine_from_dot(orve_dotprod512_i8(ctx.codes, rec->codes), ctx.scale,
-                                          rec->scale, ctx.norm, rec->norm));
-        }
-        ++s;
+int brute_force_search_block(semantic_vector_indexing_system* sys,
+                             const vector_similarity_query* qs, uint32_t nq,
+                             vector_similarity_result* results, uint32_t stride, uint32_t* counts) {
+    if (nq == 0 || nq > kBruteForceBlock) return -1;
+    for (uint32_t i = 0; i < nq; ++i) {
+        if (qs[i].query_vector == nullptr || qs[i].max_results == 0) return -1;
     }
-    finish_results(sink.heap, sink.count, q, sys, results, count);
+    const flat_view view = flat_pin(sys);
+    const flat_pin_guard pin(view.store);
+    query_context ctxs[kBruteForceBlock];
+    for (uint32_t i = 0; i < nq; ++i) {
+        if (!begin_query(sys, &qs[i], view.rows, view.rows, false, ctxs[i])) return -1;
+    }
+    for (uint32_t t = 0; t < view.rows; t += kTileRows) {
+        const uint32_t end = view.rows - t < kTileRows ? view.rows : t + kTileRows;
+        for (uint32_t i = 0; i < nq; ++i) scan_rows(sys, view.store, t, end, ctxs[i]);
+    }
+    for (uint32_t i = 0; i < nq; ++i) {
+        vector_similarity_result* block = results + static_cast<std::size_t>(stride) * i;
+        std::memset(block, 0, sizeof(vector_similarity_result) * stride);
+        finish_results(ctxs[i].sink.heap, ctxs[i].sink.count, &qs[i], sys, block, &counts[i]);
+    }
     return 0;
 }
 

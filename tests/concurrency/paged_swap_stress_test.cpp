@@ -17,34 +17,52 @@
 
 namespace {
 
-TEST(Concurrency, PagedSearchesWhileFilesAreSwapped) {
-    char t[] = "/tmp/orve_paged_stress_XXXXXX";
-    ASSERT_NE(mkdtemp(t), nullptr);
-    const std::string a = std::string(t) + "/a.ivfp", b2 = std::string(t) + "/b.ivfp";
-    orve_test::system_block b;
-    auto* sys = b.get();
-    ASSERT_EQ(orve_test::create_with_capacity(sys, "2000"), 0);
-    const auto vecs = orve_test::gaussian_vectors(1000, 120);
-    ASSERT_EQ(semantic_vector_indexing_system_load_vectors_f32(sys, vecs.data(), 1000), 1000);
-    ASSERT_EQ(semantic_vector_indexing_system_build_ivf_level2(sys, 2, 4, 1), 0);
-    testing::internal::CaptureStdout();
-    testing::internal::CaptureStderr();
+class PagedStress : public ::testing::Test {
+  protected:
+    void SetUp() override {
+        char t[] = "/tmp/orve_paged_stress_XXXXXX";
+        ASSERT_NE(mkdtemp(t), nullptr);
+        dir = t;
+        ASSERT_EQ(orve_test::create_with_capacity(sys(), "2000"), 0);
+        ASSERT_EQ(semantic_vector_indexing_system_load_vectors_f32(sys(), vecs.data(), 1000), 1000);
+        ASSERT_EQ(semantic_vector_indexing_system_build_ivf_level2(sys(), 2, 4, 1), 0);
+        testing::internal::CaptureStdout();
+        testing::internal::CaptureStderr();
+    }
+    void TearDown() override {
+        testing::internal::GetCapturedStdout();
+        testing::internal::GetCapturedStderr();
+        semantic_vector_indexing_system_destroy(sys());
+        for (const char* f : {"/a.ivfp", "/b.ivfp"}) unlink((dir + f).c_str());
+        rmdir(dir.c_str());
+    }
+    semantic_vector_indexing_system* sys() { return b.get(); }
+    vector_similarity_query query(int row, uint32_t k) const {
+        auto q = orve_test::int8_query(&vecs[row * 512], k);
+        q.use_hivf = 1;
+        q.n_probe_l1 = 2;
+        q.n_probe_l2 = 2;
+        return q;
+    }
 
+    orve_test::system_block b;
+    std::string dir;
+    const std::vector<float> vecs = orve_test::gaussian_vectors(1000, 120);
+};
+
+TEST_F(PagedStress, PagedSearchesWhileFilesAreSwapped) {
     std::atomic<bool> done{false}, bad{false};
     auto searcher = [&](int t) {
         for (int round = 0; !done.load() || round < 5; ++round) {
-            auto q = orve_test::int8_query(&vecs[((round * 7 + t) % 1000) * 512], 4);
-            q.use_hivf = 1;
-            q.n_probe_l1 = 2;
-            q.n_probe_l2 = 2;
+            const auto q = query((round * 7 + t) % 1000, 4);
             vector_similarity_result r[4];
             uint32_t n = 0;
-            if (semantic_vector_indexing_system_search_similar(sys, &q, r, &n) != 0) bad = true;
+            if (semantic_vector_indexing_system_search_similar(sys(), &q, r, &n) != 0) bad = true;
             for (uint32_t i = 0; i < n; ++i) {
                 if (r[i].rank != i + 1 || r[i].node_id == 0 || r[i].node_id > 1000) bad = true;
             }
             // Also scan the in-memory H-IVF directly while its rows may be moved to a file.
-            if (search_similar_orve512_hivf_pinned(sys, &q, r, &n) == 0) {
+            if (search_similar_orve512_hivf_pinned(sys(), &q, r, &n) == 0) {
                 for (uint32_t i = 0; i < n; ++i) {
                     if (r[i].node_id == 0 || r[i].node_id > 1000) bad = true;
                 }
@@ -54,62 +72,37 @@ TEST(Concurrency, PagedSearchesWhileFilesAreSwapped) {
     std::thread s1(searcher, 0), s2(searcher, 1);
     for (int i = 0; i < 6; ++i) {
         // A fresh H-IVF with rows, written to a file that replaces the attached one.
-        if (semantic_vector_indexing_system_build_ivf_level2(sys, 2, 4, i + 2) != 0) bad = true;
-        const std::string& path = (i % 2) ? a : b2;
-        if (semantic_vector_indexing_system_build_ivf_paged(sys, path.c_str()) != 0) bad = true;
-        if (semantic_vector_indexing_system_open_ivf_paged(sys, path.c_str()) != 0) bad = true;
+        if (semantic_vector_indexing_system_build_ivf_level2(sys(), 2, 4, i + 2) != 0) bad = true;
+        const std::string path = dir + (i % 2 ? "/a.ivfp" : "/b.ivfp");
+        if (semantic_vector_indexing_system_build_ivf_paged(sys(), path.c_str()) != 0) bad = true;
+        if (semantic_vector_indexing_system_open_ivf_paged(sys(), path.c_str()) != 0) bad = true;
     }
     done = true;
     s1.join();
     s2.join();
-    testing::internal::GetCapturedStdout();
-    testing::internal::GetCapturedStderr();
     EXPECT_FALSE(bad.load());
-    semantic_vector_indexing_system_destroy(sys);
-    unlink(a.c_str());
-    unlink(b2.c_str());
-    rmdir(t);
 }
 
-TEST(Concurrency, PagedSearchRunsWhileTheObjectLockIsHeld) {
-    // Brute force, bulk loads and snapshots hold the object's lock for long stretches; the
-    // paged path, the memory controls included, must not wait for it.
-    char t[] = "/tmp/orve_paged_nolock_XXXXXX";
-    ASSERT_NE(mkdtemp(t), nullptr);
-    const std::string path = std::string(t) + "/a.ivfp";
-    orve_test::system_block b;
-    auto* sys = b.get();
-    ASSERT_EQ(orve_test::create_with_capacity(sys, "2000"), 0);
-    const auto vecs = orve_test::gaussian_vectors(1000, 121);
-    ASSERT_EQ(semantic_vector_indexing_system_load_vectors_f32(sys, vecs.data(), 1000), 1000);
-    ASSERT_EQ(semantic_vector_indexing_system_build_ivf_level2(sys, 2, 4, 1), 0);
-    testing::internal::CaptureStdout();
-    testing::internal::CaptureStderr();
-    ASSERT_EQ(semantic_vector_indexing_system_build_ivf_paged(sys, path.c_str()), 0);
-    testing::internal::GetCapturedStdout();
-    testing::internal::GetCapturedStderr();
-
-    pthread_mutex_lock(&sys->lock);
+TEST_F(PagedStress, PagedSearchRunsWhileTheObjectLockIsHeld) {
+    // Bulk loads and snapshots hold the object's lock for long stretches; the paged path, the
+    // memory controls included, must not wait for it.
+    ASSERT_EQ(semantic_vector_indexing_system_build_ivf_paged(sys(), (dir + "/a.ivfp").c_str()), 0);
+    pthread_mutex_lock(&sys()->lock);
     auto searched = std::async(std::launch::async, [&] {
-        auto q = orve_test::int8_query(&vecs[5 * 512], 3);
-        q.use_hivf = 1;
-        q.n_probe_l1 = 2;
+        auto q = query(5, 3);
         q.n_probe_l2 = 4;
         vector_similarity_result r[3];
         uint32_t n = 0;
-        semantic_vector_indexing_system_set_paged_low_memory(sys, 1);
-        semantic_vector_indexing_system_drop_ivf_paged_cache(sys);
-        const int rc = semantic_vector_indexing_system_search_similar(sys, &q, r, &n);
+        semantic_vector_indexing_system_set_paged_low_memory(sys(), 1);
+        semantic_vector_indexing_system_drop_ivf_paged_cache(sys());
+        const int rc = semantic_vector_indexing_system_search_similar(sys(), &q, r, &n);
         return rc == 0 && n == 3 && r[0].node_id == 6;
     });
     // Generous bound only to turn a deadlock into a failure instead of a hung test.
     const bool finished = searched.wait_for(std::chrono::seconds(60)) == std::future_status::ready;
-    pthread_mutex_unlock(&sys->lock);
+    pthread_mutex_unlock(&sys()->lock);
     EXPECT_TRUE(finished) << "the paged search waited for the object's lock";
     EXPECT_TRUE(searched.get());
-    semantic_vector_indexing_system_destroy(sys);
-    unlink(path.c_str());
-    rmdir(t);
 }
 
 }  // namespace

@@ -8,54 +8,43 @@
 
 namespace {
 
-std::vector<float> ramp(float step) {
-    std::vector<float> v(128);
-    for (int i = 0; i < 128; ++i) v[i] = (i % 7 - 3) * step;
+// 128-component vectors with the given nonzero components.
+std::vector<float> vec(std::initializer_list<std::pair<int, float>> comps) {
+    std::vector<float> v(128, 0.0f);
+    for (auto [i, x] : comps) v[i] = x;
     return v;
 }
 
-TEST(FloatMath, CosineSelfNegationZeroAndNull) {
-    auto a = ramp(0.5f);
-    auto neg = a;
-    for (float& x : neg) x = -x;
-    std::vector<float> zero(128, 0.0f);
-    EXPECT_NEAR(calculate_cosine_similarity(a.data(), a.data()), 1.0f, 1e-6f);
-    EXPECT_NEAR(calculate_cosine_similarity(a.data(), neg.data()), -1.0f, 1e-6f);
-    EXPECT_EQ(calculate_cosine_similarity(a.data(), zero.data()), 0.0f);
-    EXPECT_EQ(calculate_cosine_similarity(nullptr, a.data()), 0.0f);
-}
-
-TEST(FloatMath, CosineOfOrthogonalAndKnownPair) {
-    std::vector<float> a(128, 0.0f), b(128, 0.0f);
-    a[0] = 1.0f;
-    b[1] = 2.0f;
-    EXPECT_EQ(calculate_cosine_similarity(a.data(), b.data()), 0.0f);
-    a[1] = 1.0f;  // (1,1) against (0,2): cos 45 degrees
-    EXPECT_NEAR(calculate_cosine_similarity(a.data(), b.data()), std::sqrt(0.5f), 1e-6f);
-}
-
-TEST(FloatMath, EuclideanDistanceAndMagnitude) {
-    std::vector<float> a(128, 0.0f), b(128, 0.0f);
-    a[5] = 3.0f;
-    b[9] = 4.0f;
-    EXPECT_EQ(calculate_euclidean_distance(a.data(), b.data()), 5.0f);
-    EXPECT_EQ(calculate_euclidean_distance(a.data(), a.data()), 0.0f);
-    EXPECT_EQ(calculate_euclidean_distance(nullptr, a.data()),
-              std::numeric_limits<float>::infinity());
-    EXPECT_EQ(calculate_vector_magnitude(b.data()), 4.0f);
-    EXPECT_EQ(calculate_vector_magnitude(nullptr), 0.0f);
+TEST(FloatMath, KnownValuesAndNullArguments) {
+    const auto a = vec({{0, 1.0f}, {1, 1.0f}}), b = vec({{1, 2.0f}}), neg = vec({{1, -2.0f}});
+    const auto zero = vec({});
+    const struct {
+        float got, want;
+    } table[] = {
+        {calculate_cosine_similarity(a.data(), b.data()), std::sqrt(0.5f)},  // 45 degrees
+        {calculate_cosine_similarity(b.data(), neg.data()), -1.0f},
+        {calculate_cosine_similarity(vec({{0, 1.0f}}).data(), b.data()), 0.0f},
+        {calculate_cosine_similarity(a.data(), zero.data()), 0.0f},
+        {calculate_cosine_similarity(nullptr, a.data()), 0.0f},
+        {calculate_euclidean_distance(vec({{5, 3.0f}}).data(), vec({{9, 4.0f}}).data()), 5.0f},
+        {calculate_euclidean_distance(a.data(), a.data()), 0.0f},
+        {calculate_euclidean_distance(nullptr, a.data()), std::numeric_limits<float>::infinity()},
+        {calculate_vector_magnitude(vec({{9, 4.0f}}).data()), 4.0f},
+        {calculate_vector_magnitude(nullptr), 0.0f},
+    };
+    for (std::size_t i = 0; i < std::size(table); ++i) {
+        const float got = table[i].got, want = table[i].want;
+        EXPECT_TRUE(got == want || std::fabs(got - want) <= 1e-6f) << i << ": " << got;
+    }
 }
 
 TEST(FloatMath, NormalizeDividesByMagnitude) {
-    std::vector<float> v(128, 0.0f);
-    v[0] = 3.0f;
-    v[127] = -4.0f;
+    auto v = vec({{0, 3.0f}, {127, -4.0f}});
     normalize_vector(v.data());
-    EXPECT_EQ(v[0], 3.0f / 5.0f);
-    EXPECT_EQ(v[127], -4.0f / 5.0f);
-    std::vector<float> zero(128, 0.0f);
+    EXPECT_EQ(v, vec({{0, 3.0f / 5.0f}, {127, -4.0f / 5.0f}}));
+    auto zero = vec({});
     normalize_vector(zero.data());
-    for (float x : zero) EXPECT_EQ(x, 0.0f);
+    EXPECT_EQ(zero, vec({}));
     normalize_vector(nullptr);
 }
 

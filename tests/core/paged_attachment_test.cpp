@@ -4,6 +4,8 @@
 #include <unistd.h>
 
 #include <cstdio>
+#include <filesystem>
+#include <fstream>
 #include <string>
 #include <vector>
 
@@ -57,6 +59,24 @@ class PagedAttachment : public ::testing::Test {
         q.rerank = rerank ? 1 : 0;
         return q;
     }
+    // The four queries' answers, re-ranked on odd queries.
+    std::vector<std::vector<vector_similarity_result>> answers() {
+        std::vector<std::vector<vector_similarity_result>> all;
+        for (int qi = 0; qi < 4; ++qi)
+            all.push_back(search(hivf_query(&queries[qi * 512], qi % 2)));
+        return all;
+    }
+    static void expect_same(const std::vector<std::vector<vector_similarity_result>>& a,
+                            const std::vector<std::vector<vector_similarity_result>>& b) {
+        ASSERT_EQ(a.size(), b.size());
+        for (std::size_t qi = 0; qi < a.size(); ++qi) {
+            ASSERT_EQ(a[qi].size(), b[qi].size());
+            for (std::size_t i = 0; i < a[qi].size(); ++i) {
+                EXPECT_EQ(a[qi][i].node_id, b[qi][i].node_id) << qi << " " << i;
+                EXPECT_EQ(a[qi][i].similarity, b[qi][i].similarity) << qi << " " << i;
+            }
+        }
+    }
     std::vector<vector_similarity_result> search(const vector_similarity_query& q) {
         std::vector<vector_similarity_result> r(q.max_results);
         uint32_t n = 0;
@@ -87,9 +107,7 @@ TEST_F(PagedAttachment, NoHivfMeansNoFile) {
 
 TEST_F(PagedAttachment, FileAnswersAsTheHivfDidAndFreesItsRows) {
     ASSERT_EQ(semantic_vector_indexing_system_build_ivf_level2(sys(), 4, 6, 2), 0);
-    std::vector<std::vector<vector_similarity_result>> before;
-    for (int qi = 0; qi < 4; ++qi) before.push_back(search(hivf_query(&queries[qi * 512], qi % 2)));
-
+    const auto before = answers();
     testing::internal::CaptureStdout();
     testing::internal::CaptureStderr();
     ASSERT_EQ(semantic_vector_indexing_system_build_ivf_paged(sys(), ivfp.c_str()), 0);
@@ -110,16 +128,9 @@ TEST_F(PagedAttachment, FileAnswersAsTheHivfDidAndFreesItsRows) {
     uint32_t got = 0;
     const auto hq = hivf_query(queries.data(), false);
     EXPECT_EQ(search_similar_orve512_hivf_pinned(sys(), &hq, r, &got), -1);
-    for (int qi = 0; qi < 4; ++qi) {
-        const auto after = search(hivf_query(&queries[qi * 512], qi % 2));
-        ASSERT_EQ(after.size(), before[qi].size());
-        for (std::size_t i = 0; i < after.size(); ++i) {
-            EXPECT_EQ(after[i].node_id, before[qi][i].node_id) << qi << " " << i;
-            EXPECT_EQ(after[i].similarity, before[qi][i].similarity) << qi << " " << i;
-            EXPECT_EQ(after[i].cluster_id, 0u);
-            EXPECT_EQ(after[i].node_score, 0.0f);
-        }
-    }
+    const auto after = answers();
+    expect_same(after, before);
+    for (const auto& r : after[0]) EXPECT_EQ(r.cluster_id + r.node_score, 0.0f);
     // The cluster filter does not apply on the paged path.
     auto q = hivf_query(queries.data(), false);
     q.cluster_filter = 7;
@@ -160,8 +171,7 @@ TEST_F(PagedAttachment, RestartFromSidecarAndFileGivesTheSameAnswers) {
     testing::internal::CaptureStdout();
     testing::internal::CaptureStderr();
     ASSERT_EQ(semantic_vector_indexing_system_build_ivf_paged(sys(), ivfp.c_str()), 0);
-    std::vector<std::vector<vector_similarity_result>> before;
-    for (int qi = 0; qi < 4; ++qi) before.push_back(search(hivf_query(&queries[qi * 512], qi % 2)));
+    const auto before = answers();
     semantic_vector_indexing_system_destroy(sys());
 
     ASSERT_EQ(create_with_capacity(sys(), "3000"), 0);
@@ -170,14 +180,7 @@ TEST_F(PagedAttachment, RestartFromSidecarAndFileGivesTheSameAnswers) {
     testing::internal::GetCapturedStdout();
     testing::internal::GetCapturedStderr();
     EXPECT_EQ(sys()->node_count, kRows);
-    for (int qi = 0; qi < 4; ++qi) {
-        const auto after = search(hivf_query(&queries[qi * 512], qi % 2));
-        ASSERT_EQ(after.size(), before[qi].size());
-        for (std::size_t i = 0; i < after.size(); ++i) {
-            EXPECT_EQ(after[i].node_id, before[qi][i].node_id);
-            EXPECT_EQ(after[i].similarity, before[qi][i].similarity);
-        }
-    }
+    expect_same(answers(), before);
 }
 
 TEST_F(PagedAttachment, FirstVersionRowsPastTheNodeTableAreSkipped) {
@@ -189,20 +192,13 @@ TEST_F(PagedAttachment, FirstVersionRowsPastTheNodeTableAreSkipped) {
     testing::internal::CaptureStderr();
     ASSERT_EQ(semantic_vector_indexing_system_build_ivf_paged(sys(), ivfp.c_str()), 0);
     // Same sections and offsets; as version 1 the node identifiers are simply not read.
-    std::vector<unsigned char> bytes;
-    {
-        FILE* in = std::fopen(ivfp.c_str(), "rb");
-        ASSERT_NE(in, nullptr);
-        int c;
-        while ((c = std::fgetc(in)) != EOF) bytes.push_back(static_cast<unsigned char>(c));
-        std::fclose(in);
-    }
-    bytes[8] = 1;
     const std::string v1 = dir + "/v1.ivfp";
-    FILE* out = std::fopen(v1.c_str(), "wb");
-    ASSERT_NE(out, nullptr);
-    ASSERT_EQ(std::fwrite(bytes.data(), 1, bytes.size(), out), bytes.size());
-    std::fclose(out);
+    std::filesystem::copy_file(ivfp, v1);
+    {
+        std::fstream f(v1, std::ios::in | std::ios::out | std::ios::binary);
+        f.seekp(8);
+        f.put(1);
+    }
 
     constexpr uint32_t kFewer = 600;
     system_block small;

@@ -2,6 +2,7 @@
 // the int8 scoring written here from the rules: codes = round-half-even(clamp(x * 127 / max)),
 // cosine = dot / (((scale_q * scale_r) * norm_q) * norm_r), all single precision.
 #include <gtest/gtest.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <cmath>
@@ -170,6 +171,67 @@ TEST(BruteForceEdges, DroppedSlabsGiveMinus7AndTheMessage) {
     testing::internal::CaptureStderr();
     EXPECT_EQ(semantic_vector_indexing_system_search_similar(sys, &q, res, &n), -7);
     testing::internal::GetCapturedStderr();
+}
+
+// A batch answers each query exactly as a lone search does: same count, same result bytes
+// (ids, order, score bits, zeroed tail), across blocks of the batch, partial row tiles, a row
+// without a vector in the middle of the store, thresholds and re-ranking from the sidecar.
+TEST(BruteForceBatch, EqualsOneQueryAtATime) {
+    char dir[] = "/tmp/orve_batch_XXXXXX";
+    ASSERT_NE(mkdtemp(dir), nullptr);
+    const std::string path = std::string(dir) + "/v.sidecar";
+    {
+        system_block b;
+        auto* sys = b.get();
+        ASSERT_EQ(create_with_capacity(sys, "1000"), 0);
+        ASSERT_EQ(semantic_vector_indexing_system_open_sidecar(sys, path.c_str()), 0);
+        const auto vecs = orve_test::gaussian_vectors(700, 50);
+        ASSERT_EQ(semantic_vector_indexing_system_load_vectors_f32(sys, vecs.data(), 300), 300);
+        unsigned char host[632] = {};
+        host[0] = 201;  // a row with no vector
+        ASSERT_EQ(semantic_vector_indexing_system_add_node(sys, host), 0);
+        ASSERT_EQ(semantic_vector_indexing_system_load_vectors_f32(sys, &vecs[300 * 512], 400),
+                  400);
+        auto queries = orve_test::gaussian_vectors(64, 51);
+        std::copy(vecs.begin(), vecs.begin() + 512, queries.begin() + 3 * 512);  // a stored row
+
+        struct {
+            uint32_t n, k;
+            float min_similarity;
+            uint32_t rerank, factor;
+        } const cases[] = {{1, 10, -2.0f, 0, 0},   {7, 1, -2.0f, 1, 0},  {16, 10, 0.05f, 0, 0},
+                           {17, 701, -2.0f, 1, 3}, {64, 5, -2.0f, 0, 0}, {64, 3, 0.1f, 1, 2}};
+        for (const auto& c : cases) {
+            std::vector<vector_similarity_result> batch(c.n * c.k);
+            std::vector<uint32_t> counts(c.n, 99);
+            orve512_batch_query bq;
+            std::memset(&bq, 0, sizeof bq);
+            bq.n_queries = c.n;
+            bq.k = c.k;
+            bq.min_similarity = c.min_similarity;
+            bq.queries = queries.data();
+            bq.results = batch.data();
+            bq.counts = counts.data();
+            bq.rerank = c.rerank;
+            bq.rerank_factor = c.factor;
+            ASSERT_EQ(semantic_vector_indexing_system_search_similar_orve512_batch(sys, &bq), 0);
+            for (uint32_t i = 0; i < c.n; ++i) {
+                auto q = orve_test::int8_query(&queries[i * 512], c.k);
+                q.min_similarity = c.min_similarity;
+                q.rerank = c.rerank;
+                q.rerank_factor = c.factor;
+                std::vector<vector_similarity_result> one(c.k);
+                uint32_t n = 0;
+                ASSERT_EQ(semantic_vector_indexing_system_search_similar(sys, &q, one.data(), &n),
+                          0);
+                EXPECT_EQ(counts[i], n) << c.n << " " << i;
+                EXPECT_EQ(std::memcmp(one.data(), &batch[i * c.k], c.k * sizeof one[0]), 0)
+                    << "batch " << c.n << " k " << c.k << " query " << i;
+            }
+        }
+    }
+    unlink(path.c_str());
+    rmdir(dir);
 }
 
 TEST(LegacyFamily, ListingInTableOrderWithThresholdAndFilter) {
