@@ -96,8 +96,9 @@ TEST(PagedCrash, KilledWriterLeavesTheOldOrTheNewFile) {
     std::printf("kills: %d left the old file, %d the new one, %d a temporary file\n", saw_old,
                 saw_new, saw_temp);
 
-    // Whatever the last kill left behind (possibly a partial "<path>.tmp"), the next build
-    // goes through and cleans up.
+    // Whatever a killed build left behind under "<path>.tmp", the next build goes through and
+    // cleans up.
+    write_file(path + ".tmp", bytes(100000, 0xEE));
     ASSERT_EQ(build_quietly(new_index, new_ids, path), 0);
     EXPECT_EQ(read_file(path), want_new);
     EXPECT_FALSE(file_exists(path + ".tmp"));
