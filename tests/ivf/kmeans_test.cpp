@@ -14,7 +14,6 @@
 namespace {
 
 using ivf_test::dataset;
-using ivf_test::zero_ivf;
 
 uint64_t digest(const orve_ivf_index& x) {
     return ivf_test::digest_ivf(ivf_test::kFnvOffset, x);
@@ -93,7 +92,7 @@ TEST(IvfBuilders, SeedZeroActsAsOneFlagsAreIgnoredAndRejectionsWriteNothing) {
         uint64_t h[3];
         const uint32_t seeds[3] = {0, 1, 7};
         for (int i = 0; i < 3; ++i) {
-            orve_ivf_index idx = zero_ivf();
+            orve_ivf_index idx{};
             ASSERT_EQ(build(r, d.n, 12, seeds[i], c, s, m, i == 1 ? flags.data() : nullptr, &idx),
                       0);
             h[i] = digest(idx);
@@ -116,7 +115,7 @@ TEST(IvfBuilders, SeedZeroActsAsOneFlagsAreIgnoredAndRejectionsWriteNothing) {
 
 TEST(IvfKmeans, OneBucketHoldsEveryRowAroundTheMeanDirection) {
     const dataset d = ivf_test::clustered_rows(200, 1, 0.8f, 53);
-    orve_ivf_index idx = zero_ivf();
+    orve_ivf_index idx{};
     ASSERT_EQ(orve_ivf_build_kmeans_centroids(d.rows.data(), d.n, 1, 4, d.codes.data(),
                                               d.scales.data(), d.norms.data(), nullptr, &idx),
               0);
@@ -142,7 +141,7 @@ TEST(IvfKmeans, OneBucketHoldsEveryRowAroundTheMeanDirection) {
 
 TEST(IvfRandomCentroids, EveryRowIsItsOwnCentroidWhenBucketsEqualRows) {
     const dataset d = ivf_test::random_rows(25, 56);
-    orve_ivf_index idx = zero_ivf();
+    orve_ivf_index idx{};
     ASSERT_EQ(orve_ivf_build_random_centroids(d.rows.data(), d.n, d.n, 3, d.codes.data(),
                                               d.scales.data(), d.norms.data(), nullptr, &idx),
               0);
@@ -192,7 +191,7 @@ TEST(IvfFromCodes, EqualsTheFloatBuildOnDequantisedRows) {
         const float w = d.scales[r] > 0.0f ? 1.0f / d.scales[r] : 0.0f;
         for (int l = 0; l < 512; ++l) rows[512 * r + l] = static_cast<float>(d.code(r)[l]) * w;
     }
-    orve_ivf_index a = zero_ivf(), b = zero_ivf();
+    orve_ivf_index a{}, b{};
     ASSERT_EQ(orve_ivf_build_kmeans_centroids(rows.data(), d.n, 40, 5, d.codes.data(),
                                               d.scales.data(), d.norms.data(), nullptr, &a),
               0);

@@ -55,7 +55,7 @@ std::vector<uint32_t> route(const orve_ivf_index& idx, const std::vector<float>&
 
 TEST(BucketRouting, ScoreOrderTiesAndProbeClamping) {
     centroid_set cs{0.5f, 0.9f, 0.5f, -0.1f};
-    orve_ivf_index idx = ivf_test::zero_ivf();
+    orve_ivf_index idx{};
     cs.point(&idx);
     const auto q = e0_query();
     EXPECT_EQ(route(idx, q, 3), (std::vector<uint32_t>{1, 0, 2}));
@@ -70,7 +70,7 @@ TEST(BucketRouting, ScoreOrderTiesAndProbeClamping) {
     uint32_t out[1] = {77};
     EXPECT_EQ(orve_ivf_route_top_buckets(nullptr, q.data(), 1, out), -1);
     EXPECT_EQ(orve_ivf_route_top_buckets(&idx, q.data(), 0, out), -1);
-    const orve_ivf_index empty = ivf_test::zero_ivf();
+    const orve_ivf_index empty{};
     EXPECT_EQ(orve_ivf_route_top_buckets(&empty, q.data(), 1, out), -1);
     EXPECT_EQ(out[0], 77u);
 }
@@ -88,10 +88,10 @@ struct hand_hivf {
     centroid_set level1;
     std::vector<centroid_set> leaves;
     std::vector<orve_ivf_index> entries;
-    orve_hivf_index h = ivf_test::zero_hivf();
+    orve_hivf_index h{};
 
     hand_hivf(std::initializer_list<float> l1, std::vector<centroid_set> l2, uint32_t b2)
-        : level1(l1), leaves(std::move(l2)), entries(leaves.size(), ivf_test::zero_ivf()) {
+        : level1(l1), leaves(std::move(l2)), entries(leaves.size(), orve_ivf_index{}) {
         for (size_t i = 0; i < leaves.size(); ++i) {
             if (leaves[i].size() > 0) leaves[i].point(&entries[i]);
         }
