@@ -1,7 +1,7 @@
 // Crash safety of the writer: a child process rewrites an index over an existing good file and
 // is killed outright at many different moments. Whatever the moment, the final path must hold
-// the complete old file or the complete new one, and a temporary file left behind must not
-// stop the next build.
+// the complete old file or the complete new one (byte for byte: the reader is tested on both
+// elsewhere), and a temporary file left behind must not stop the next build.
 #include <gtest/gtest.h>
 
 #include <fcntl.h>
@@ -12,7 +12,6 @@
 #include <chrono>
 
 #include "paged_fixture.h"
-#include "search/topk.h"
 
 using namespace paged_test;
 
@@ -24,22 +23,6 @@ int32_t build_quietly(const hand_hivf& h, const std::vector<uint32_t>& ids,
     const int32_t rc = orve_ivf_paged_build(h.get(), ids.data(), path.c_str());
     testing::internal::GetCapturedStdout();
     return rc;
-}
-
-// Opens the file and probes every leaf; returns the number of rows found, or -1.
-int64_t rows_found(const std::string& path) {
-    orve_ivf_paged_index* h = nullptr;
-    testing::internal::CaptureStdout();
-    const int32_t rc = orve_ivf_paged_open(path.c_str(), &h);
-    testing::internal::GetCapturedStdout();
-    if (rc != 0) return -1;
-    std::vector<bf_topk_entry> heap(h->n_rows + 1);
-    uint32_t found = 0;
-    const std::vector<int8_t> q(512, 1);
-    orve_ivf_paged_search(h, nullptr, 64, 64, q.data(), heap.data(), &found, h->n_rows + 1, nullptr,
-                          1.0f, 1.0f, -1e30f);
-    orve_ivf_paged_close(h);
-    return found;
 }
 
 }  // namespace
@@ -91,7 +74,6 @@ TEST(PagedCrash, KilledWriterLeavesTheOldOrTheNewFile) {
         saw_old += is_old;
         saw_new += is_new;
         saw_temp += file_exists(path + ".tmp");
-        EXPECT_EQ(rows_found(path), is_old ? old_index.total_rows() : new_index.total_rows());
     }
     std::printf("kills: %d left the old file, %d the new one, %d a temporary file\n", saw_old,
                 saw_new, saw_temp);
