@@ -19,20 +19,12 @@ uint64_t digest(const orve_ivf_index& x) {
     return ivf_test::digest_ivf(ivf_test::kFnvOffset, x);
 }
 
-// Three rows at squared distances 0, 1 and 3 from row 0.
-struct three_rows {
-    std::vector<int8_t> codes = std::vector<int8_t>(512 * 3, 0);
-    std::vector<float> rows = std::vector<float>(512 * 3, 0.0f);
-    three_rows() {
-        for (int l : {512, 1024, 1025, 1026}) {  // row 1: one lane at 1; row 2: three lanes
-            codes[l] = 1;
-            rows[l] = 1.0f;
-        }
-    }
-};
-
 TEST(KmeansPlusPlus, WeightedPickFollowsTheRunningSum) {
-    three_rows t;
+    // Three rows at squared distances 0, 1 and 3 from row 0: row 1 has one lane at 1, row 2
+    // three.
+    std::vector<int8_t> codes(512 * 3, 0);
+    std::vector<float> rows(512 * 3, 0.0f);
+    for (int l : {512, 1024, 1025, 1026}) codes[l] = 1, rows[l] = 1.0f;
     int to_row1 = 0, to_row2 = 0;
     for (unsigned seed = 1; seed < 400; ++seed) {
         unsigned int probe = seed;
@@ -42,8 +34,8 @@ TEST(KmeansPlusPlus, WeightedPickFollowsTheRunningSum) {
         const uint32_t want = target <= 0.0 ? 0 : (target <= 1.0 ? 1 : 2);
         uint32_t out_i8[2], out_f[2];
         unsigned int si = seed, sf = seed;
-        ASSERT_EQ(pick_kmeans_pp_indices_i8(t.codes.data(), 3, 2, &si, out_i8), 0);
-        ASSERT_EQ(pick_kmeans_pp_indices(t.rows.data(), 3, 2, &sf, out_f), 0);
+        ASSERT_EQ(pick_kmeans_pp_indices_i8(codes.data(), 3, 2, &si, out_i8), 0);
+        ASSERT_EQ(pick_kmeans_pp_indices(rows.data(), 3, 2, &sf, out_f), 0);
         EXPECT_EQ(out_i8[0], 0u);
         EXPECT_EQ(out_i8[1], want) << "seed " << seed;
         EXPECT_EQ(out_f[1], want) << "seed " << seed;
