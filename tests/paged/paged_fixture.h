@@ -1,5 +1,5 @@
-// Shared by the paged tests: hand-built H-IVFs, an encoder of the file format written from the
-// format's tables (independent of the library's writer), plain scoring, and scratch files.
+// Shared by the paged tests: hand-built H-IVFs, an encoder of the file format that shares no
+// code with the library's writer, plain scoring, and scratch files.
 #pragma once
 
 #include <stdlib.h>
@@ -190,7 +190,7 @@ inline void put_f32(bytes& b, uint64_t at, float f) {
     put<uint32_t>(b, at, u);
 }
 
-// The file bytes for version 1 or 2, encoded from the format's tables alone.
+// The file bytes for version 1 or 2, laid out field by field.
 inline bytes encode_ivfp(const hand_hivf& h, const std::vector<uint32_t>& node_ids,
                          uint32_t version) {
     auto up = [](uint64_t x, uint64_t a) { return (x + a - 1) / a * a; };

@@ -1,6 +1,6 @@
-// The writer's output is compared byte for byte with the fixture's encoder, which is written
-// from the format's tables and shares no code with the library; sizes and offsets of known
-// shapes are checked as numbers, so that the encoder itself is held to them.
+// The writer's output is compared byte for byte with the fixture's encoder, which shares no
+// code with the library; sizes of known shapes are checked as numbers, so that the encoder
+// itself is held to them.
 #include <gtest/gtest.h>
 
 #include <fcntl.h>
