@@ -7,12 +7,12 @@
 
 static int failures = 0;
 
-#define CHECK(cond)                                                     \
-    do {                                                                \
-        if (!(cond)) {                                                  \
+#define CHECK(cond)                                                                  \
+    do {                                                                             \
+        if (!(cond)) {                                                               \
             fprintf(stderr, "%s:%d: check failed: %s\n", __FILE__, __LINE__, #cond); \
-            ++failures;                                                 \
-        }                                                               \
+            ++failures;                                                              \
+        }                                                                            \
     } while (0)
 
 int main(void) {
@@ -28,8 +28,10 @@ int main(void) {
              ORVE_VERSION_PATCH);
     CHECK(strcmp(version, ORVE_VERSION_STRING) == 0);
     switch (orve_ivf_paged_open(NULL, NULL)) {
-        case ORVE_PAGED_OPEN_BAD_ARG: break;
-        default: CHECK(!"null arguments must give ORVE_PAGED_OPEN_BAD_ARG");
+        case ORVE_PAGED_OPEN_BAD_ARG:
+            break;
+        default:
+            CHECK(!"null arguments must give ORVE_PAGED_OPEN_BAD_ARG");
     }
     CHECK(ORVE_OK == 0 && ORVE_FAILED == -1 && ORVE_SEARCH_FLAT_DROPPED == -7);
     CHECK(ORVE_MAX_CAPACITY == 1100000 && ORVE_MIN_INDEX_ROWS == 1000);
@@ -56,6 +58,6 @@ int main(void) {
     sort_similarity_results(results, 3);
     CHECK(results[0].node_id == 2 && results[1].node_id == 3 && results[2].node_id == 1);
 
-    printf("%d passed, %d failed\n", failures == 0 ? 1 : 0, failures == 0 ? 0 : 1);
+    printf("%s\n", failures == 0 ? "passed" : "failed");
     return failures == 0 ? 0 : 1;
 }

@@ -10,7 +10,6 @@
 namespace {
 
 using ivf_test::dataset;
-using ivf_test::zero_hivf;
 
 using hivf_builder = int (*)(const dataset&, uint32_t, uint32_t, uint32_t, orve_hivf_index*);
 
@@ -84,7 +83,7 @@ dataset three_against_97() {
     return d;
 }
 
-TEST(HivfBuild, InvariantsLevelSizesAndTeardownForBothBuilders) {
+TEST(HivfBuild, InvariantsLevelSizesTeardownAndRejectionsForBothBuilders) {
     struct Case {
         dataset d;
         uint32_t b1, b2;
@@ -95,7 +94,7 @@ TEST(HivfBuild, InvariantsLevelSizesAndTeardownForBothBuilders) {
                  {ivf_test::random_rows(4, 66), 4, 4, {}}};  // n = b1 = b2
     for (const auto& c : cases) {
         for (hivf_builder build : kBuilders) {
-            orve_hivf_index h = zero_hivf();
+            orve_hivf_index h{};
             ASSERT_EQ(build(c.d, c.b1, c.b2, 11, &h), 0);
             expect_invariants(h, c.d, c.b1, c.b2);
             std::vector<uint32_t> rows;
@@ -110,48 +109,41 @@ TEST(HivfBuild, InvariantsLevelSizesAndTeardownForBothBuilders) {
         }
     }
     orve_hivf_index_destroy(nullptr);
-}
-
-TEST(HivfBuild, RejectionLeavesTheOutputUntouched) {
-    const dataset d = ivf_test::random_rows(4, 66);
+    // Rejections (more buckets than rows, a zero count) leave the output untouched.
     for (hivf_builder build : kBuilders) {
         orve_hivf_index h;
         std::memset(&h, 0xCD, sizeof h);
         const orve_hivf_index before = h;
-        EXPECT_EQ(build(d, 5, 1, 1, &h), -1);
-        EXPECT_EQ(build(d, 1, 5, 1, &h), -1);
-        EXPECT_EQ(build(d, 0, 1, 1, &h), -1);
-        EXPECT_EQ(build(d, 1, 0, 1, &h), -1);
+        for (auto b : {std::pair{5u, 1u}, {1u, 5u}, {0u, 1u}, {1u, 0u}})
+            EXPECT_EQ(build(cases[3].d, b.first, b.second, 1, &h), -1);
         EXPECT_EQ(std::memcmp(&h, &before, sizeof h), 0);
     }
 }
 
-uint64_t level1_digest(const orve_hivf_index& h) {
-    uint64_t x = ivf_test::fnv1a(ivf_test::kFnvOffset, h.l1_centroid_codes, 512 * h.b1);
-    x = ivf_test::fnv1a(x, h.l1_centroid_scales, 4 * h.b1);
-    return ivf_test::fnv1a(x, h.l1_centroid_norms, 4 * h.b1);
-}
-uint64_t leaves_digest(const orve_hivf_index& h) {
-    uint64_t x = ivf_test::kFnvOffset;
+// Digests of level 1 and of the leaves apart.
+std::pair<uint64_t, uint64_t> digests(const orve_hivf_index& h) {
+    uint64_t l1 = ivf_test::fnv1a(ivf_test::kFnvOffset, h.l1_centroid_codes, 512 * h.b1);
+    l1 = ivf_test::fnv1a(ivf_test::fnv1a(l1, h.l1_centroid_scales, 4 * h.b1), h.l1_centroid_norms,
+                         4 * h.b1);
+    uint64_t l2 = ivf_test::kFnvOffset;
     for (uint32_t i = 0; i < h.b1; ++i) {
-        if (h.l2_indexes[i].n_rows > 0) x = ivf_test::digest_ivf(x, h.l2_indexes[i]);
+        if (h.l2_indexes[i].n_rows > 0) l2 = ivf_test::digest_ivf(l2, h.l2_indexes[i]);
     }
-    return x;
+    return {l1, l2};
 }
 
 TEST(HivfBuild, SeedZeroSharesLevelOneWithSeedOneButNotTheLeaves) {
     const dataset d = ivf_test::clustered_rows(400, 5, 0.7f, 67);
     for (hivf_builder build : kBuilders) {
-        uint64_t l1[2], l2[2];
+        std::pair<uint64_t, uint64_t> x[2];
         for (uint32_t seed : {0u, 1u}) {
-            orve_hivf_index h = zero_hivf();
+            orve_hivf_index h{};
             ASSERT_EQ(build(d, 4, 6, seed, &h), 0);
-            l1[seed] = level1_digest(h);
-            l2[seed] = leaves_digest(h);
+            x[seed] = digests(h);
             orve_hivf_index_destroy(&h);
         }
-        EXPECT_EQ(l1[0], l1[1]);  // level 1 starts from 1 either way
-        EXPECT_NE(l2[0], l2[1]);  // leaves start from 1 + i and 2 + i
+        EXPECT_EQ(x[0].first, x[1].first);    // level 1 starts from 1 either way
+        EXPECT_NE(x[0].second, x[1].second);  // leaves start from 1 + i and 2 + i
     }
 }
 

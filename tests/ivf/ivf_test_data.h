@@ -92,18 +92,6 @@ inline uint64_t digest_ivf(uint64_t h, const orve_ivf_index& x) {
     return h;
 }
 
-inline orve_ivf_index zero_ivf() {
-    orve_ivf_index x;
-    std::memset(&x, 0, sizeof x);
-    return x;
-}
-
-inline orve_hivf_index zero_hivf() {
-    orve_hivf_index x;
-    std::memset(&x, 0, sizeof x);
-    return x;
-}
-
 inline bool all_zero(const void* p, size_t bytes) {
     const auto* b = static_cast<const unsigned char*>(p);
     for (size_t i = 0; i < bytes; ++i) {

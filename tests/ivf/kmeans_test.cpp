@@ -14,26 +14,17 @@
 namespace {
 
 using ivf_test::dataset;
-using ivf_test::zero_ivf;
 
 uint64_t digest(const orve_ivf_index& x) {
     return ivf_test::digest_ivf(ivf_test::kFnvOffset, x);
 }
 
-// Three rows at squared distances 0, 1 and 3 from row 0.
-struct three_rows {
-    std::vector<int8_t> codes = std::vector<int8_t>(512 * 3, 0);
-    std::vector<float> rows = std::vector<float>(512 * 3, 0.0f);
-    three_rows() {
-        for (int l : {512, 1024, 1025, 1026}) {  // row 1: one lane at 1; row 2: three lanes
-            codes[l] = 1;
-            rows[l] = 1.0f;
-        }
-    }
-};
-
 TEST(KmeansPlusPlus, WeightedPickFollowsTheRunningSum) {
-    three_rows t;
+    // Three rows at squared distances 0, 1 and 3 from row 0: row 1 has one lane at 1, row 2
+    // three.
+    std::vector<int8_t> codes(512 * 3, 0);
+    std::vector<float> rows(512 * 3, 0.0f);
+    for (int l : {512, 1024, 1025, 1026}) codes[l] = 1, rows[l] = 1.0f;
     int to_row1 = 0, to_row2 = 0;
     for (unsigned seed = 1; seed < 400; ++seed) {
         unsigned int probe = seed;
@@ -43,8 +34,8 @@ TEST(KmeansPlusPlus, WeightedPickFollowsTheRunningSum) {
         const uint32_t want = target <= 0.0 ? 0 : (target <= 1.0 ? 1 : 2);
         uint32_t out_i8[2], out_f[2];
         unsigned int si = seed, sf = seed;
-        ASSERT_EQ(pick_kmeans_pp_indices_i8(t.codes.data(), 3, 2, &si, out_i8), 0);
-        ASSERT_EQ(pick_kmeans_pp_indices(t.rows.data(), 3, 2, &sf, out_f), 0);
+        ASSERT_EQ(pick_kmeans_pp_indices_i8(codes.data(), 3, 2, &si, out_i8), 0);
+        ASSERT_EQ(pick_kmeans_pp_indices(rows.data(), 3, 2, &sf, out_f), 0);
         EXPECT_EQ(out_i8[0], 0u);
         EXPECT_EQ(out_i8[1], want) << "seed " << seed;
         EXPECT_EQ(out_f[1], want) << "seed " << seed;
@@ -67,19 +58,6 @@ TEST(KmeansPlusPlus, IdenticalRowsMakeEveryFurtherPickUniform) {
     EXPECT_EQ(got_f, want);
 }
 
-TEST(KmeansPlusPlus, RejectsBadArguments) {
-    three_rows t;
-    uint32_t out[4];
-    unsigned int s = 1;
-    for (uint32_t k : {0u, 4u}) {
-        EXPECT_EQ(pick_kmeans_pp_indices(t.rows.data(), 3, k, &s, out), -1);
-        EXPECT_EQ(pick_kmeans_pp_indices_i8(t.codes.data(), 3, k, &s, out), -1);
-    }
-    EXPECT_EQ(pick_kmeans_pp_indices(nullptr, 3, 1, &s, out), -1);
-    EXPECT_EQ(pick_kmeans_pp_indices_i8(t.codes.data(), 3, 1, &s, nullptr), -1);
-    EXPECT_EQ(s, 1u);  // no draw on a rejected call
-}
-
 using builder = int (*)(const float*, uint32_t, uint32_t, uint32_t, const int8_t*, const float*,
                         const float*, const uint8_t*, orve_ivf_index*);
 const builder kBuilders[] = {orve_ivf_build_kmeans_centroids, orve_ivf_build_random_centroids};
@@ -93,7 +71,7 @@ TEST(IvfBuilders, SeedZeroActsAsOneFlagsAreIgnoredAndRejectionsWriteNothing) {
         uint64_t h[3];
         const uint32_t seeds[3] = {0, 1, 7};
         for (int i = 0; i < 3; ++i) {
-            orve_ivf_index idx = zero_ivf();
+            orve_ivf_index idx{};
             ASSERT_EQ(build(r, d.n, 12, seeds[i], c, s, m, i == 1 ? flags.data() : nullptr, &idx),
                       0);
             h[i] = digest(idx);
@@ -105,18 +83,19 @@ TEST(IvfBuilders, SeedZeroActsAsOneFlagsAreIgnoredAndRejectionsWriteNothing) {
         orve_ivf_index out;
         std::memset(&out, 0xAB, sizeof out);
         const orve_ivf_index before = out;
-        EXPECT_EQ(build(nullptr, 10, 2, 1, c, s, m, nullptr, &out), -1);
-        EXPECT_EQ(build(r, 10, 2, 1, nullptr, s, m, nullptr, &out), -1);
+        const float* no_rows = nullptr;
+        const int8_t* no_codes = nullptr;
+        EXPECT_EQ(build(no_rows, 10, 2, 1, c, s, m, nullptr, &out), -1);
+        EXPECT_EQ(build(r, 10, 2, 1, no_codes, s, m, nullptr, &out), -1);
         EXPECT_EQ(build(r, 10, 2, 1, c, s, m, nullptr, nullptr), -1);
-        EXPECT_EQ(build(r, 10, 0, 1, c, s, m, nullptr, &out), -1);
-        EXPECT_EQ(build(r, 10, 11, 1, c, s, m, nullptr, &out), -1);
+        for (uint32_t k : {0u, 11u}) EXPECT_EQ(build(r, 10, k, 1, c, s, m, nullptr, &out), -1);
         EXPECT_EQ(std::memcmp(&out, &before, sizeof out), 0);
     }
 }
 
 TEST(IvfKmeans, OneBucketHoldsEveryRowAroundTheMeanDirection) {
     const dataset d = ivf_test::clustered_rows(200, 1, 0.8f, 53);
-    orve_ivf_index idx = zero_ivf();
+    orve_ivf_index idx{};
     ASSERT_EQ(orve_ivf_build_kmeans_centroids(d.rows.data(), d.n, 1, 4, d.codes.data(),
                                               d.scales.data(), d.norms.data(), nullptr, &idx),
               0);
@@ -142,7 +121,7 @@ TEST(IvfKmeans, OneBucketHoldsEveryRowAroundTheMeanDirection) {
 
 TEST(IvfRandomCentroids, EveryRowIsItsOwnCentroidWhenBucketsEqualRows) {
     const dataset d = ivf_test::random_rows(25, 56);
-    orve_ivf_index idx = zero_ivf();
+    orve_ivf_index idx{};
     ASSERT_EQ(orve_ivf_build_random_centroids(d.rows.data(), d.n, d.n, 3, d.codes.data(),
                                               d.scales.data(), d.norms.data(), nullptr, &idx),
               0);
@@ -192,7 +171,7 @@ TEST(IvfFromCodes, EqualsTheFloatBuildOnDequantisedRows) {
         const float w = d.scales[r] > 0.0f ? 1.0f / d.scales[r] : 0.0f;
         for (int l = 0; l < 512; ++l) rows[512 * r + l] = static_cast<float>(d.code(r)[l]) * w;
     }
-    orve_ivf_index a = zero_ivf(), b = zero_ivf();
+    orve_ivf_index a{}, b{};
     ASSERT_EQ(orve_ivf_build_kmeans_centroids(rows.data(), d.n, 40, 5, d.codes.data(),
                                               d.scales.data(), d.norms.data(), nullptr, &a),
               0);

@@ -53,28 +53,6 @@ std::vector<uint32_t> route(const orve_ivf_index& idx, const std::vector<float>&
     return out;
 }
 
-TEST(BucketRouting, ScoreOrderTiesAndProbeClamping) {
-    centroid_set cs{0.5f, 0.9f, 0.5f, -0.1f};
-    orve_ivf_index idx = ivf_test::zero_ivf();
-    cs.point(&idx);
-    const auto q = e0_query();
-    EXPECT_EQ(route(idx, q, 3), (std::vector<uint32_t>{1, 0, 2}));
-    EXPECT_EQ(route(idx, q, 100), (std::vector<uint32_t>{1, 0, 2, 3}));
-    // A query below the quantiser's zero threshold scores 0 everywhere: ascending order.
-    const std::vector<float> tiny(512, 1e-13f);
-    EXPECT_EQ(route(idx, tiny, 4), (std::vector<uint32_t>{0, 1, 2, 3}));
-    // A centroid stored with scale 0 scores 0: after positive scores, before negative ones.
-    cs.scales[1] = 0.0f;
-    EXPECT_EQ(route(idx, q, 4), (std::vector<uint32_t>{0, 2, 1, 3}));
-    // Rejections write nothing.
-    uint32_t out[1] = {77};
-    EXPECT_EQ(orve_ivf_route_top_buckets(nullptr, q.data(), 1, out), -1);
-    EXPECT_EQ(orve_ivf_route_top_buckets(&idx, q.data(), 0, out), -1);
-    const orve_ivf_index empty = ivf_test::zero_ivf();
-    EXPECT_EQ(orve_ivf_route_top_buckets(&empty, q.data(), 1, out), -1);
-    EXPECT_EQ(out[0], 77u);
-}
-
 TEST(ScoredPairOrder, NaNOnEitherSideLetsTheIndexDecide) {
     const ivf_scored_pair nan5{NAN, 5}, d2{0.7f, 2}, e9{-0.3f, 9};
     EXPECT_EQ(cmp_scored_desc(&nan5, &d2), 1);
@@ -88,10 +66,10 @@ struct hand_hivf {
     centroid_set level1;
     std::vector<centroid_set> leaves;
     std::vector<orve_ivf_index> entries;
-    orve_hivf_index h = ivf_test::zero_hivf();
+    orve_hivf_index h{};
 
     hand_hivf(std::initializer_list<float> l1, std::vector<centroid_set> l2, uint32_t b2)
-        : level1(l1), leaves(std::move(l2)), entries(leaves.size(), ivf_test::zero_ivf()) {
+        : level1(l1), leaves(std::move(l2)), entries(leaves.size(), orve_ivf_index{}) {
         for (size_t i = 0; i < leaves.size(); ++i) {
             if (leaves[i].size() > 0) leaves[i].point(&entries[i]);
         }
@@ -151,32 +129,49 @@ TEST(LeafRouting, RejectsBadArgumentsAndMalformedRecords) {
 }
 
 // Many centroids with few distinct scores (so many ties), routed for every probe count: the
-// chosen buckets must be the first entries of an independent stable sort by score descending.
-TEST(BucketRouting, PartialSelectionMatchesAFullStableSort) {
+// chosen buckets must be the first entries of an independent stable sort by score descending,
+// clamped to the bucket count. A centroid stored with scale 0 scores 0, as does every centroid
+// for a query below the quantiser's zero threshold.
+TEST(BucketRouting, ChoosesTheFirstOfAStableSortByScore) {
     std::vector<float> cosines;
     for (int i = 0; i < 300; ++i) cosines.push_back(((i * 37) % 11) / 10.0f - 0.5f);
     centroid_set set(cosines);
+    set.scales[5] = 0.0f;
     orve_ivf_index idx{};
     set.point(&idx);
-    const auto q = e0_query();
-    // The scores the routing sees, computed here from the codes with plain loops.
-    int8_t qc[512];
-    float qs = 0.0f, qn = 0.0f;
-    ASSERT_EQ(orve_quantize_float_vector_symmetric(q.data(), 512, qc, &qs, &qn), 0);
-    std::vector<std::pair<float, uint32_t>> want;
-    for (uint32_t c = 0; c < set.size(); ++c) {
-        int32_t dot = 0;
-        for (int i = 0; i < 512; ++i) dot += qc[i] * set.codes[c * 512 + i];
-        want.push_back(
-            {orve_cosine_from_quantized_dot(dot, qs, set.scales[c], qn, set.norms[c]), c});
+    for (const std::vector<float>& q : {e0_query(), std::vector<float>(512, 1e-13f)}) {
+        // The scores the routing sees, computed here from the codes with plain loops.
+        int8_t qc[512];
+        float qs = 0.0f, qn = 0.0f;
+        ASSERT_EQ(orve_quantize_float_vector_symmetric(q.data(), 512, qc, &qs, &qn), 0);
+        std::vector<std::pair<float, uint32_t>> want;
+        for (uint32_t c = 0; c < set.size(); ++c) {
+            int32_t dot = 0;
+            for (int i = 0; i < 512; ++i) dot += qc[i] * set.codes[c * 512 + i];
+            const bool zero = qs <= 0.0f || set.scales[c] <= 0.0f;
+            want.push_back(
+                {zero ? 0.0f
+                      : orve_cosine_from_quantized_dot(dot, qs, set.scales[c], qn, set.norms[c]),
+                 c});
+        }
+        std::stable_sort(want.begin(), want.end(),
+                         [](const auto& a, const auto& b) { return a.first > b.first; });
+        for (uint32_t p : {1u, 2u, 7u, 40u, 299u, 300u, 1000u}) {
+            const auto got = route(idx, q, p);
+            for (uint32_t t = 0; t < got.size(); ++t)
+                ASSERT_EQ(got[t], want[t].second) << p << " " << t;
+        }
     }
-    std::stable_sort(want.begin(), want.end(),
-                     [](const auto& a, const auto& b) { return a.first > b.first; });
-    for (uint32_t p : {1u, 2u, 7u, 40u, 299u, 300u, 1000u}) {
-        const auto got = route(idx, q, p);
-        for (uint32_t t = 0; t < got.size(); ++t)
-            ASSERT_EQ(got[t], want[t].second) << p << " " << t;
-    }
+    centroid_set small{0.5f, 0.9f, 0.5f, -0.1f};
+    small.point(&idx);
+    EXPECT_EQ(route(idx, e0_query(), 3), (std::vector<uint32_t>{1, 0, 2}));
+    // Rejections write nothing.
+    uint32_t out[1] = {77};
+    EXPECT_EQ(orve_ivf_route_top_buckets(nullptr, e0_query().data(), 1, out), -1);
+    EXPECT_EQ(orve_ivf_route_top_buckets(&idx, e0_query().data(), 0, out), -1);
+    const orve_ivf_index empty{};
+    EXPECT_EQ(orve_ivf_route_top_buckets(&empty, e0_query().data(), 1, out), -1);
+    EXPECT_EQ(out[0], 77u);
 }
 
 }  // namespace

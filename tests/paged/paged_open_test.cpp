@@ -1,6 +1,6 @@
-// Opening: each check of the header with its code and line, in the stated order; the refusal
-// of files whose sections, counts or leaf blocks do not fit; and what a successful open
-// exposes. Files are encoded by the fixture and damaged by hand.
+// Opening: each check of the header with its code and line, in order; the refusal of files
+// whose sections, counts or leaf blocks do not fit; and what a successful open exposes.
+// Files are encoded by the fixture and damaged by hand.
 #include <gtest/gtest.h>
 
 #include <dirent.h>
@@ -11,7 +11,6 @@
 #include <string>
 
 #include "paged_fixture.h"
-#include "search/topk.h"
 
 using namespace paged_test;
 
@@ -47,8 +46,8 @@ constexpr uint64_t kLT = 4224, kLD = 4320;
 struct damage {
     const char* what;
     std::function<void(bytes&)> apply;
-    int32_t code;
-    std::string line;  // "%s" stands for the path
+    int32_t code = -7;
+    std::string line = "[IVF_PAGED] corrupt or missing: %s\n";  // "%s" stands for the path
 };
 
 }  // namespace
@@ -61,104 +60,71 @@ TEST(PagedOpen, EachCheckHasItsCodeAndLineInOrder) {
     // Bucket 0 has three leaves, the first empty; bucket 1 has none. So slot 1 is the first
     // leaf with rows and slot 2 the last.
     const uint64_t slot1 = kLD + 24, slot2 = kLD + 48;
-    const std::string corrupt = "[IVF_PAGED] corrupt or missing: %s\n";
-    const std::vector<damage> cases = {
-        {"71 bytes", [](bytes& f) { f.resize(71); }, -7, corrupt},
-        {"72 bytes, bad magic",
-         [](bytes& f) {
-             f.resize(72);
-             f[0] = 'X';
-         },
-         -4, "[IVF_PAGED] bad magic in %s (not an .ivfp file)\n"},
-        {"letters at offset 0", [](bytes& f) { std::memcpy(f.data(), "ORVEVFP", 8); }, -4,
-         "[IVF_PAGED] bad magic in %s (not an .ivfp file)\n"},
-        {"version 3", [](bytes& f) { set_u32(f, 8, 3); }, -5,
-         "[IVF_PAGED] unsupported version 3 in %s (expected 1 or 2)\n"},
-        {"dim 256", [](bytes& f) { set_u32(f, 12, 256); }, -6,
-         "[IVF_PAGED] dim mismatch: file=256 runtime=512 in %s\n"},
-        {"b1 0", [](bytes& f) { set_u32(f, 16, 0); }, -7, "[IVF_PAGED] corrupt B1/B2 (0) in %s\n"},
+    const uint64_t m2 = get<uint32_t>(good, slot2 + 16);
+    auto u32 = [](uint64_t at, uint32_t v) { return [=](bytes& f) { put(f, at, v); }; };
+    auto leaf = [](uint64_t slot, uint64_t codes, uint64_t meta) {
+        return [=](bytes& f) {
+            put(f, slot, codes);
+            put(f, slot + 8, meta);
+        };
+    };
+    const std::string magic = "[IVF_PAGED] bad magic in %s (not an .ivfp file)\n";
+    const std::string version9 = "[IVF_PAGED] unsupported version 9 in %s (expected 1 or 2)\n";
+    const damage cases[] = {
+        {"71 bytes", [](bytes& f) { f.resize(71); }},
+        {"72 bytes, bad magic", [](bytes& f) { f.resize(72), f[0] = 'X'; }, -4, magic},
+        {"letters at offset 0", [](bytes& f) { std::memcpy(f.data(), "ORVEVFP", 8); }, -4, magic},
+        {"version 9", u32(8, 9), -5, version9},
+        {"dim 256", u32(12, 256), -6, "[IVF_PAGED] dim mismatch: file=256 runtime=512 in %s\n"},
+        {"b1 0", u32(16, 0), -7, "[IVF_PAGED] corrupt B1/B2 (0) in %s\n"},
         // Order: the first failing check decides.
-        {"magic and version",
-         [](bytes& f) {
-             f[1] = 'o';
-             set_u32(f, 8, 9);
-         },
-         -4, "[IVF_PAGED] bad magic in %s (not an .ivfp file)\n"},
-        {"version and dim",
-         [](bytes& f) {
-             set_u32(f, 8, 9);
-             set_u32(f, 12, 1);
-         },
-         -5, "[IVF_PAGED] unsupported version 9 in %s (expected 1 or 2)\n"},
-        {"dim and b1",
-         [](bytes& f) {
-             set_u32(f, 12, 1);
-             set_u32(f, 16, 0);
-         },
-         -6, "[IVF_PAGED] dim mismatch: file=1 runtime=512 in %s\n"},
+        {"magic and version", [](bytes& f) { f[1] = 'o', put<uint32_t>(f, 8, 9); }, -4, magic},
+        {"version and dim", [](bytes& f) { put<uint32_t>(f, 8, 9), put<uint32_t>(f, 12, 1); }, -5,
+         version9},
+        {"dim and b1", [](bytes& f) { put<uint32_t>(f, 12, 1), put<uint32_t>(f, 16, 0); }, -6,
+         "[IVF_PAGED] dim mismatch: file=1 runtime=512 in %s\n"},
         // Structure.
-        {"index part cut", [](bytes& f) { f.resize(8191); }, -7, corrupt},
+        {"index part cut", [](bytes& f) { f.resize(8191); }},
         {"no rows, cut after the directory",
          [](bytes& f) {
-             for (uint64_t s = 0; s < 6; ++s) set_u32(f, kLT + 16 * s + 8, 0);
-             for (uint64_t s = 0; s < 6; ++s) set_u32(f, kLD + 24 * s + 16, 0);
-             set_u32(f, 24, 0);
+             for (uint64_t s = 0; s < 6; ++s) put<uint32_t>(f, kLT + 16 * s + 8, 0);
+             for (uint64_t s = 0; s < 6; ++s) put<uint32_t>(f, kLD + 24 * s + 16, 0);
+             put<uint32_t>(f, 24, 0);
              f.resize(kLD + 24 * 6);
-         },
-         -7, corrupt},
-        {"last leaf cut", [](bytes& f) { f.resize(f.size() - 64); }, -7, corrupt},
-        {"b1 65", [](bytes& f) { set_u32(f, 16, 65); }, -7, corrupt},
-        {"b2 beyond the file", [](bytes& f) { set_u32(f, 20, 64); }, -7, corrupt},
-        {"table and directory disagree", [=](bytes& f) { set_u32(f, kLT + 16 + 8, 99); }, -7,
-         corrupt},
-        {"n_rows off by one", [=](bytes& f) { set_u32(f, 24, n + 1); }, -7, corrupt},
+         }},
+        {"last leaf cut", [](bytes& f) { f.resize(f.size() - 64); }},
+        {"b1 65", u32(16, 65)},
+        {"b2 beyond the file", u32(20, 64)},
+        {"table and directory disagree", u32(kLT + 16 + 8, 99)},
+        {"n_rows off by one", u32(24, n + 1)},
         {"misaligned leaf",
-         [=](bytes& f) {
-             set_u64(f, slot1, get_u64(f, slot1) + 8);
-             set_u64(f, slot1 + 8, get_u64(f, slot1 + 8) + 8);
-         },
-         -7, corrupt},
+         leaf(slot1, get<uint64_t>(good, slot1) + 8, get<uint64_t>(good, slot1 + 8) + 8)},
         {"leaf inside the index part",
-         [=](bytes& f) {
-             set_u64(f, slot1, 4096);
-             set_u64(f, slot1 + 8, 4096 + 512 * uint64_t{get_u32(f, slot1 + 16)});
-         },
-         -7, corrupt},
+         leaf(slot1, 4096, 4096 + 512 * uint64_t{get<uint32_t>(good, slot1 + 16)})},
         {"metadata not behind the codes",
-         [=](bytes& f) { set_u64(f, slot2 + 8, get_u64(f, slot2)); }, -7, corrupt},
+         leaf(slot2, get<uint64_t>(good, slot2), get<uint64_t>(good, slot2))},
         {"leaves overlap",
-         [=](bytes& f) {
-             set_u64(f, slot2, get_u64(f, slot1));
-             set_u64(f, slot2 + 8, get_u64(f, slot1) + 512 * uint64_t{get_u32(f, slot2 + 16)});
-         },
-         -7, corrupt},
+         leaf(slot2, get<uint64_t>(good, slot1), get<uint64_t>(good, slot1) + 512 * m2)},
         {"offset wraps 64 bits",
+         leaf(slot2, 0xFFFFFFFFFFFFFFC0ull, 0xFFFFFFFFFFFFFFC0ull + 512 * m2)},
+        {"count past the file",  // counts still agree, n_rows too
          [=](bytes& f) {
-             const uint64_t c = 0xFFFFFFFFFFFFFFC0ull;
-             set_u64(f, slot2, c);
-             set_u64(f, slot2 + 8, c + 512 * uint64_t{get_u32(f, slot2 + 16)});  // wraps
-         },
-         -7, corrupt},
-        {"count past the file",
-         [=](bytes& f) {  // counts still agree, n_rows too
-             set_u32(f, 24, n - get_u32(f, slot2 + 16) + 1000000);
-             set_u32(f, slot2 + 16, 1000000);
-             set_u32(f, kLT + 32 + 8, 1000000);
-         },
-         -7, corrupt},
+             put<uint32_t>(f, 24, static_cast<uint32_t>(n - m2 + 1000000));
+             put<uint32_t>(f, slot2 + 16, 1000000);
+             put<uint32_t>(f, kLT + 32 + 8, 1000000);
+         }},
     };
     const int fds_before = open_descriptors();
+    const std::string p = d.path("bad.ivfp");
     for (const damage& c : cases) {
         bytes f = good;
         c.apply(f);
-        const std::string p = d.path("bad.ivfp");
         write_file(p, f);
         orve_ivf_paged_index* handle = nullptr;
         std::string err;
         EXPECT_EQ(open_quietly(p, &handle, &err), c.code) << c.what;
         std::string want = c.line;
-        want.replace(want.find("%s"), 2, p);
-        EXPECT_EQ(err, want) << c.what;
+        EXPECT_EQ(err, want.replace(want.find("%s"), 2, p)) << c.what;
         EXPECT_EQ(handle, nullptr) << c.what;
         EXPECT_FALSE(mapped_anywhere(p)) << c.what;
     }
@@ -170,54 +136,15 @@ TEST(PagedOpen, EachCheckHasItsCodeAndLineInOrder) {
     EXPECT_EQ(err, "[IVF_PAGED] open(" + d.path("absent") + "): No such file or directory\n");
     EXPECT_EQ(orve_ivf_paged_open(nullptr, &handle), -1);
     EXPECT_EQ(orve_ivf_paged_open(d.path("absent").c_str(), nullptr), -1);
-}
 
-TEST(PagedOpen, HandlePointsIntoTheMapping) {
-    scratch_dir d;
-    hand_hivf h(2, 3, random_buckets(2, 3, 4, 31));
-    const bytes f = encode_ivfp(h, node_table(h.total_rows()), 1);
-    const std::string p = d.path("ok.ivfp");
-    write_file(p, f);
-    orve_ivf_paged_index* handle = nullptr;
+    // The good file: the handle points into the mapping, which close removes.
+    write_file(p, good);
     testing::internal::CaptureStdout();
     ASSERT_EQ(orve_ivf_paged_open(p.c_str(), &handle), 0);
     EXPECT_EQ(testing::internal::GetCapturedStdout(),
-              "[IVF_PAGED] opened " + p + "  B1=2 B2=3 n=" + std::to_string(h.total_rows()) +
-                  "  (0.0 MB)\n");
-    EXPECT_EQ(std::memcmp(handle->base, f.data(), f.size()), 0);
-
+              "[IVF_PAGED] opened " + p + "  B1=2 B2=3 n=" + std::to_string(n) + "  (0.0 MB)\n");
+    EXPECT_EQ(std::memcmp(handle->base, good.data(), good.size()), 0);
     orve_ivf_paged_close(handle);
     orve_ivf_paged_close(nullptr);
     EXPECT_FALSE(mapped_anywhere(p));
-}
-
-// Row positions are the caller's to map, so open does not bound them. A first-version file
-// whose position passes its row count opens, and the search (whose map has n_rows entries)
-// skips that row instead of reading past the map; a second-version file offers it.
-TEST(PagedOpen, RowPositionsPastTheRowCountOpenAndAreNeverMappedOutOfBounds) {
-    scratch_dir d;
-    hand_hivf h(2, 3, random_buckets(2, 3, 4, 77));
-    const uint32_t n = h.total_rows();
-    for (uint32_t version : {1u, 2u}) {
-        bytes f = encode_ivfp(h, node_table(n), version);
-        uint64_t slot = 0;
-        while (get_u32(f, kLD + 24 * slot + 16) == 0) ++slot;  // first non-empty leaf
-        const uint32_t m = get_u32(f, kLD + 24 * slot + 16);
-        const uint64_t meta = get_u64(f, kLD + 24 * slot + 8);
-        set_u32(f, meta + 8 * uint64_t{m}, n);  // its first row position, one past the end
-        write_file(d.path("rows.ivfp"), f);
-        orve_ivf_paged_index* handle = nullptr;
-        std::string err;
-        ASSERT_EQ(open_quietly(d.path("rows.ivfp"), &handle, &err), 0) << version;
-        const std::vector<uint32_t> map = node_table(n);  // exactly n entries
-        std::vector<bf_topk_entry> heap(n);
-        uint32_t found = 0;
-        const std::vector<int8_t> codes(512, 1);
-        EXPECT_EQ(orve_ivf_paged_search(handle, nullptr, 9, 9, codes.data(), heap.data(), &found, n,
-                                        map.data(), 1.0f, 1.0f, -1e30f),
-                  0);
-        EXPECT_EQ(found, version == 1 ? n - 1 : n) << version;
-        for (uint32_t i = 0; version == 1 && i < found; ++i) EXPECT_LT(heap[i].row, n);
-        orve_ivf_paged_close(handle);
-    }
 }

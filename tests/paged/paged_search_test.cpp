@@ -1,11 +1,9 @@
 // Search results are compared with a plain re-computation over the hand-built H-IVF the file
-// was encoded from: its own dot products and cosines, bucket and leaf choice by a stable sort
-// (best first, ties to the lower index), and every row of the chosen leaves.
+// was encoded from: its own cosines, bucket and leaf choice by a stable sort (best first, ties
+// to the lower index), and every row of the chosen leaves.
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <cmath>
-#include <cstring>
 #include <numeric>
 #include <thread>
 
@@ -23,7 +21,7 @@ struct query {
 
 query random_query(uint64_t seed) {
     lcg g{seed};
-    return {random_codes(g, 512), g.unit(), g.unit() * 3.0f};
+    return {g.codes(512), g.unit(), g.unit() * 3.0f};
 }
 
 std::vector<uint32_t> best_first(const std::vector<float>& scores, uint32_t p) {
@@ -38,24 +36,22 @@ std::vector<uint32_t> best_first(const std::vector<float>& scores, uint32_t p) {
 // Every row the search should offer, as (score, node id, row) sorted by row.
 std::vector<bf_topk_entry> reference(const hand_hivf& h, const std::vector<uint32_t>& ids,
                                      const query& q, uint32_t p1, uint32_t p2, float min_sim) {
-    auto cos = [&](const std::vector<int8_t>& c, size_t at, float s, float n) {
-        return plain_cosine(plain_dot(q.codes.data(), c.data() + at), q.scale, s, q.norm, n);
+    auto cos = [&](const int8_t* c, float s, float n) {
+        return plain_cosine(q.codes.data(), c, q.scale, s, q.norm, n);
     };
     std::vector<float> l1;
-    for (const bucket_plan& b : h.buckets()) l1.push_back(cos(b.centroid, 0, b.scale, b.norm));
+    for (const bucket_plan& b : h.buckets()) l1.push_back(cos(b.centroid.data(), b.scale, b.norm));
     std::vector<bf_topk_entry> out;
     for (uint32_t c : best_first(l1, p1)) {
         const auto& leaves = h.buckets()[c].leaves;
         std::vector<float> slots(h.b2(), 0.0f);  // an empty slot has scale 0
         for (size_t j = 0; j < leaves.size(); ++j)
-            slots[j] = cos(leaves[j].centroid, 0, leaves[j].scale, leaves[j].norm);
+            slots[j] = cos(leaves[j].centroid.data(), leaves[j].scale, leaves[j].norm);
         for (uint32_t j : best_first(slots, p2)) {
-            if (j >= leaves.size()) continue;
-            const leaf_plan& l = leaves[j];
-            for (uint32_t k = 0; k < l.rows(); ++k) {
-                const float s = cos(l.codes, 512ull * k, l.scales[k], l.norms[k]);
-                if (s < min_sim) continue;
-                out.push_back({s, ids[l.row_ids[k]], 0, 0.0f, l.row_ids[k]});
+            for (uint32_t k = 0; j < leaves.size() && k < leaves[j].rows(); ++k) {
+                const leaf_plan& l = leaves[j];
+                const float s = cos(&l.codes[512ull * k], l.scales[k], l.norms[k]);
+                if (s >= min_sim) out.push_back({s, ids[l.row_ids[k]], 0, 0.0f, l.row_ids[k]});
             }
         }
     }
@@ -107,21 +103,32 @@ void expect_same(const std::vector<bf_topk_entry>& got, const std::vector<bf_top
 
 }  // namespace
 
-TEST_F(PagedSearch, MatchesThePlainComputationForEveryProbeSetting) {
+// Two threads search one handle at once, in plain and in low-memory mode, with the cache
+// dropped in between: none of it may change a result.
+TEST_F(PagedSearch, MatchesThePlainComputationForEveryProbeSettingAndMode) {
     hand_hivf h(5, 4, random_buckets(5, 4, 12, 51));
     const auto ids = node_table(h.total_rows());
     open(h, ids);
     const uint32_t probes[][2] = {{1, 1}, {2, 2}, {3, 4}, {5, 1}, {1, 4}, {9, 9}};
-    for (uint64_t qs = 0; qs < 4; ++qs) {
-        const query q = random_query(100 + qs);
-        for (const auto& p : probes) {
-            for (float min_sim : {-1e30f, 0.0f, 0.02f}) {
-                SCOPED_TRACE(testing::Message() << "query " << qs << " probes " << p[0] << ","
-                                                << p[1] << " min " << min_sim);
-                expect_same(search(q, p[0], p[1], min_sim),
-                            reference(h, ids, q, p[0], p[1], min_sim));
+    auto run = [&](uint64_t first_query) {
+        for (uint64_t qs = first_query; qs < 4; qs += 2) {
+            const query q = random_query(100 + qs);
+            for (const auto& p : probes) {
+                for (float min_sim : {-1e30f, 0.0f, 0.02f}) {
+                    SCOPED_TRACE(testing::Message() << "query " << qs << " probes " << p[0] << ","
+                                                    << p[1] << " min " << min_sim);
+                    expect_same(search(q, p[0], p[1], min_sim),
+                                reference(h, ids, q, p[0], p[1], min_sim));
+                }
             }
         }
+    };
+    for (uint32_t low_memory : {0u, 1u}) {
+        orve_ivf_paged_set_low_memory(handle_, low_memory);
+        std::thread other(run, 1);
+        run(0);
+        other.join();
+        orve_ivf_paged_drop_cache(handle_);
     }
     // Probing more than there is visits everything exactly once.
     EXPECT_EQ(search(random_query(7), 99, 99, -1e30f).size(), h.total_rows());
@@ -130,72 +137,37 @@ TEST_F(PagedSearch, MatchesThePlainComputationForEveryProbeSetting) {
 TEST_F(PagedSearch, SelectionEdgeCases) {
     lcg g{53};
     const query q = random_query(10);
-    auto leaf_with = [&](std::vector<int8_t> centroid, uint32_t rows, uint32_t first_row) {
-        leaf_plan l;
-        l.centroid = std::move(centroid);
-        l.codes = random_codes(g, 512ull * rows);
-        for (uint32_t k = 0; k < rows; ++k) {
-            l.scales.push_back(g.unit());
-            l.norms.push_back(g.unit());
-            l.row_ids.push_back(first_row + k);
-        }
+    auto leaf = [&](const std::vector<int8_t>& centroid, uint32_t rows, uint32_t first_row) {
+        leaf_plan l = random_leaf(g, first_row, [=] { return rows; });
+        l.centroid = centroid;
         return l;
     };
     // Two level-1 buckets with equal scores: one probe takes the lower-numbered one.
-    {
-        const auto c = random_codes(g, 512);
-        std::vector<bucket_plan> b(2);
-        for (uint32_t i = 0; i < 2; ++i) {
-            b[i].centroid = c;
-            b[i].leaves.push_back(leaf_with(c, 3, 3 * i));
-        }
-        hand_hivf h(2, 1, std::move(b));
-        open(h, node_table(6));
-        const auto got = search(q, 1, 1, -1e30f);
-        ASSERT_EQ(got.size(), 3u);
-        for (const auto& e : got) EXPECT_LT(e.row, 3u);
-    }
+    const auto c = g.codes(512);
+    std::vector<bucket_plan> b = {{c, 1, 1, {leaf(c, 3, 0)}}, {c, 1, 1, {leaf(c, 3, 3)}}};
+    hand_hivf tie(2, 1, std::move(b));
+    open(tie, node_table(6));
+    const auto got = search(q, 1, 1, -1e30f);
+    ASSERT_EQ(got.size(), 3u);
+    for (const auto& e : got) EXPECT_LT(e.row, 3u);
+
     // A bucket whose only leaf points away from the query: its two empty slots score 0 and
     // are picked first, bringing no rows; a third probe reaches the leaf.
-    {
-        std::vector<int8_t> away(512);
-        for (int i = 0; i < 512; ++i) away[i] = static_cast<int8_t>(-q.codes[i]);
-        std::vector<bucket_plan> b(1);
-        b[0].centroid = q.codes;
-        b[0].leaves.push_back(leaf_with(away, 4, 0));
-        hand_hivf h(1, 3, std::move(b));
-        open(h, node_table(4));
-        EXPECT_TRUE(search(q, 1, 2, -1e30f).empty());
-        EXPECT_EQ(search(q, 1, 3, -1e30f).size(), 4u);
-    }
+    std::vector<int8_t> away(512);
+    for (int i = 0; i < 512; ++i) away[i] = static_cast<int8_t>(-q.codes[i]);
+    hand_hivf one(1, 3, {{q.codes, 1, 1, {leaf(away, 4, 0)}}});
+    open(one, node_table(4));
+    EXPECT_TRUE(search(q, 1, 2, -1e30f).empty());
+    EXPECT_EQ(search(q, 1, 3, -1e30f).size(), 4u);
 }
 
+// A first-version file takes node ids from the caller's map, and yields nothing without one.
 TEST_F(PagedSearch, VersionOneTakesNodeIdsFromTheMap) {
     hand_hivf h(3, 2, random_buckets(3, 2, 7, 56));
-    const auto file_ids = node_table(h.total_rows());
-    open(h, file_ids, 1);
     std::vector<uint32_t> map(h.total_rows());
     for (uint32_t k = 0; k < map.size(); ++k) map[k] = 5 * k + 2;
     const query q = random_query(12);
-    const auto got = search(q, 3, 2, -1e30f, map.data());
-    expect_same(got, reference(h, map, q, 3, 2, -1e30f));
+    open(h, node_table(h.total_rows()), 1);
+    expect_same(search(q, 3, 2, -1e30f, map.data()), reference(h, map, q, 3, 2, -1e30f));
     EXPECT_TRUE(search(q, 3, 2, -1e30f).empty());  // no map: nothing, and still 0
-}
-
-TEST_F(PagedSearch, ConcurrentSearchesOnOneHandleAgree) {
-    hand_hivf h(6, 5, random_buckets(6, 5, 30, 59));
-    const auto ids = node_table(h.total_rows());
-    open(h, ids);
-    std::vector<query> qs;
-    for (uint64_t i = 0; i < 4; ++i) qs.push_back(random_query(200 + i));
-    std::vector<std::thread> threads;
-    for (int t = 0; t < 4; ++t) {
-        threads.emplace_back([&, t] {
-            for (int round = 0; round < 20; ++round) {
-                const query& q = qs[(t + round) % 4];
-                expect_same(search(q, 3, 3, -1e30f), reference(h, ids, q, 3, 3, -1e30f));
-            }
-        });
-    }
-    for (auto& th : threads) th.join();
 }

@@ -30,17 +30,12 @@ class system_block {
 inline int create_with_capacity(semantic_vector_indexing_system* sys, const char* capacity) {
     const char* old = std::getenv("ORVE_VECTOR_CAPACITY");
     const std::string saved = old ? old : "";
-    if (capacity) {
-        setenv("ORVE_VECTOR_CAPACITY", capacity, 1);
-    } else {
-        unsetenv("ORVE_VECTOR_CAPACITY");
-    }
+    auto set = [](const char* v) {
+        v ? setenv("ORVE_VECTOR_CAPACITY", v, 1) : unsetenv("ORVE_VECTOR_CAPACITY");
+    };
+    set(capacity);
     const int rc = semantic_vector_indexing_system_create(sys);
-    if (old) {
-        setenv("ORVE_VECTOR_CAPACITY", saved.c_str(), 1);
-    } else {
-        unsetenv("ORVE_VECTOR_CAPACITY");
-    }
+    set(old ? saved.c_str() : nullptr);
     return rc;
 }
 

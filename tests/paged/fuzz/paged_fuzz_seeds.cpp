@@ -14,16 +14,12 @@ int main(int argc, char** argv) {
         return 2;
     }
     const std::string dir = argv[1];
-    struct shape {
-        uint32_t b1, b2, max_rows;
-        uint64_t seed;
-    };
-    const shape shapes[] = {{1, 1, 3, 1}, {2, 3, 2, 2}, {3, 2, 4, 3}, {4, 4, 1, 4}};
+    const uint32_t shapes[][4] = {{1, 1, 3, 1}, {2, 3, 2, 2}, {3, 2, 4, 3}, {4, 4, 1, 4}};
     int n = 0;
-    for (const shape& s : shapes) {
-        hand_hivf h(s.b1, s.b2, random_buckets(s.b1, s.b2, s.max_rows, s.seed));
+    for (const auto& s : shapes) {  // b1, b2, max rows per leaf, seed
+        hand_hivf h(s[0], s[1], random_buckets(s[0], s[1], s[2], s[3]));
         const auto ids = node_table(h.total_rows());
-        const std::string base = dir + "/seed_" + std::to_string(s.b1) + "x" + std::to_string(s.b2);
+        const std::string base = dir + "/seed_" + std::to_string(s[0]) + "x" + std::to_string(s[1]);
         if (orve_ivf_paged_build(h.get(), ids.data(), (base + "_v2.ivfp").c_str()) != 0) return 1;
         write_file(base + "_v1.ivfp", encode_ivfp(h, ids, 1));
         n += 2;

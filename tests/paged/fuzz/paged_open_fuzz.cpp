@@ -41,19 +41,15 @@ uint32_t largest_row_id(const orve_ivf_paged_index* h) {
     return largest;
 }
 
-struct probe_setting {
-    uint32_t l1, l2, budget;
-    float min_similarity;
-};
-
-std::vector<bf_topk_entry> run(const orve_ivf_paged_index* h, const probe_setting& p,
-                               const int8_t* codes, float scale, float norm,
-                               const uint32_t* id_map) {
-    std::vector<bf_topk_entry> heap(p.budget + 1);
+// The sorted results of one search; a failed call or an overfull heap is a finding.
+std::vector<bf_topk_entry> run(const orve_ivf_paged_index* h, uint32_t l1, uint32_t l2,
+                               uint32_t budget, float min_similarity, const int8_t* codes,
+                               float scale, const uint32_t* id_map) {
+    std::vector<bf_topk_entry> heap(budget + 1);
     uint32_t found = 0;
-    if (orve_ivf_paged_search(h, nullptr, p.l1, p.l2, codes, heap.data(), &found, p.budget, id_map,
-                              scale, norm, p.min_similarity) != 0 ||
-        found > p.budget) {
+    if (orve_ivf_paged_search(h, nullptr, l1, l2, codes, heap.data(), &found, budget, id_map, scale,
+                              scale, min_similarity) != 0 ||
+        found > budget) {
         __builtin_trap();
     }
     heap.resize(found);
@@ -85,21 +81,26 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
 
     int8_t codes[512];
     for (int i = 0; i < 512; ++i) codes[i] = static_cast<int8_t>(size > 0 ? data[i % size] : 1);
-    const probe_setting settings[] = {
-        {1, 1, 1, -1e30f}, {2, 3, 4, 0.0f}, {64, 64, 4096, -1e30f}, {3, 64, 16, 0.5f}};
-    for (const probe_setting& p : settings) {
-        const auto plain = run(h, p, codes, 1.0f, 1.0f, map);
+    const struct {
+        uint32_t l1, l2, budget;
+        float min_similarity;
+    } settings[] = {{1, 1, 1, -1e30f}, {2, 3, 4, 0.0f}, {64, 64, 4096, -1e30f}, {3, 64, 16, 0.5f}};
+    for (const auto& p : settings) {
+        auto search = [&](float scale) {
+            return run(h, p.l1, p.l2, p.budget, p.min_similarity, codes, scale, map);
+        };
+        const auto plain = search(1.0f);
         orve_ivf_paged_set_low_memory(h, 1);
-        const auto cold = run(h, p, codes, 1.0f, 1.0f, map);
+        const auto cold = search(1.0f);
         orve_ivf_paged_drop_cache(h);
         orve_ivf_paged_set_low_memory(h, 0);
-        const auto dropped = run(h, p, codes, 1.0f, 1.0f, map);
+        const auto dropped = search(1.0f);
         if (plain.size() != cold.size() || plain.size() != dropped.size() ||
             std::memcmp(plain.data(), cold.data(), plain.size() * sizeof plain[0]) != 0 ||
             std::memcmp(plain.data(), dropped.data(), plain.size() * sizeof plain[0]) != 0) {
             __builtin_trap();
         }
-        (void)run(h, p, codes, 0.0f, 0.0f, map);  // the all-zero query
+        (void)search(0.0f);  // the all-zero query
     }
     orve_ivf_paged_close(h);
     return 0;
