@@ -81,9 +81,8 @@ TEST(ClusteringIndex, AddPicksNearestActiveCentroidAndSearchListsMembers) {
     ix[1].quality = 0.75f;
     ASSERT_EQ(enhanced_clustering_index_search_by_cluster(&ix.rec, 1, out, &count), 0);
     ASSERT_EQ(count, 2u);
-    const uint32_t ids[] = {42, 9};
     for (uint32_t i = 0; i < 2; ++i) {
-        EXPECT_EQ(out[i].node_id, ids[i]);
+        EXPECT_EQ(out[i].node_id, i == 0 ? 42u : 9u);
         EXPECT_EQ(out[i].cluster_id, 1u);
         EXPECT_EQ(out[i].node_score, 0.75f);
         EXPECT_EQ(out[i].rank, i + 1);

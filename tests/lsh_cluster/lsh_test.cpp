@@ -6,6 +6,7 @@
 #include <cstring>
 #include <limits>
 #include <random>
+#include <utility>
 #include <vector>
 
 #include "lsh_cluster/lsh_hash.h"
@@ -157,22 +158,15 @@ TEST(LshSearch, HitsNeedAnEqualHashAndFullBucketsDropEntries) {
 }
 
 TEST(LshCreate, CapacityFromTheEnvironment) {
-    const struct {
-        const char* env;
-        uint32_t capacity;
-    } cases[] = {{nullptr, 1100000}, {"0", 1100000},   {"abc", 1100000},
-                 {"-5", 1100000},    {"  +25xyz", 25}, {"1200000", 1200000},  // no upper cap
-                 {"4294967297", 1}};  // low 32 bits of 2^32 + 1
-    for (const auto& c : cases) {
-        SCOPED_TRACE(c.env ? c.env : "(unset)");
-        if (c.env) {
-            setenv("ORVE_VECTOR_CAPACITY", c.env, 1);
-        } else {
-            unsetenv("ORVE_VECTOR_CAPACITY");
-        }
+    // Unset, zero or non-numeric text gives the default; no upper cap; the low 32 bits count.
+    const std::pair<const char*, uint32_t> cases[] = {{nullptr, 1100000},   {"0", 1100000},
+                                                      {"abc", 1100000},     {"  +25xyz", 25},
+                                                      {"1200000", 1200000}, {"4294967297", 1}};
+    for (const auto& [env, capacity] : cases) {
+        env ? setenv("ORVE_VECTOR_CAPACITY", env, 1) : unsetenv("ORVE_VECTOR_CAPACITY");
         enhanced_lsh_index idx{};
         ASSERT_EQ(enhanced_lsh_index_create(&idx, 128, 8), 0);
-        EXPECT_EQ(idx.capacity, c.capacity);
+        EXPECT_EQ(idx.capacity, capacity) << (env ? env : "(unset)");
         enhanced_lsh_index_destroy(&idx);
     }
     unsetenv("ORVE_VECTOR_CAPACITY");
