@@ -3,9 +3,10 @@
 // machine's single-thread read bandwidth, resident memory per stored row, and the IVF and
 // H-IVF build times with the peak memory of each stage.
 //
-// Usage: bench_system [--rows N] [--builds-only | --ingestion] (default 1000000; the small
-// size is N / 10).
+// Usage: bench_system [--rows N] [--builds-only [--skip-ivf] | --ingestion] (default 1000000;
+// the small size is N / 10).
 //   --builds-only   only the build figures, at both sizes
+//   --skip-ivf      with --builds-only: no IVF build, so the H-IVF figures hold no IVF index
 //   --ingestion     only the ingestion and sidecar replay rates, at both sizes
 #include <sys/resource.h>
 #include <unistd.h>
@@ -212,15 +213,17 @@ void build_stage(const char* name, std::size_t rows, Stage stage) {
 
 // Ingestion, an IVF build with nlist = 2 sqrt(n) and an H-IVF build with b1 = b2 about
 // sqrt(2 sqrt(n)), each with its time and peak memory.
-void builds(std::size_t rows, const std::vector<float>& centres) {
+void builds(std::size_t rows, const std::vector<float>& centres, bool skip_ivf) {
     object o(rows);
     build_stage("ingestion", rows, [&] {
         ingest(o, rows, centres);
         return 0;
     });
     const auto nlist = static_cast<uint32_t>(2.0 * std::sqrt(static_cast<double>(rows)));
-    build_stage("IVF build", rows,
-                [&] { return semantic_vector_indexing_system_build_ivf(o.sys, nlist, 42); });
+    if (!skip_ivf) {
+        build_stage("IVF build", rows,
+                    [&] { return semantic_vector_indexing_system_build_ivf(o.sys, nlist, 42); });
+    }
     const auto b = static_cast<uint32_t>(std::ceil(std::sqrt(static_cast<double>(nlist))));
     build_stage("H-IVF build", rows,
                 [&] { return semantic_vector_indexing_system_build_ivf_level2(o.sys, b, b, 42); });
@@ -245,12 +248,14 @@ bool ingestion_only(int argc, char** argv, std::size_t big) {
 int main(int argc, char** argv) {
     std::setvbuf(stdout, nullptr, _IOLBF, 0);  // figures appear as they come, also in a log
     std::size_t big = 1000000;
-    bool builds_only = false;
+    bool builds_only = false, skip_ivf = false;
     for (int i = 1; i < argc; ++i) {
         if (std::strcmp(argv[i], "--rows") == 0 && i + 1 < argc) {
             big = std::strtoull(argv[++i], nullptr, 10);
         } else if (std::strcmp(argv[i], "--builds-only") == 0) {
             builds_only = true;
+        } else if (std::strcmp(argv[i], "--skip-ivf") == 0) {
+            skip_ivf = true;
         }
     }
     if (ingestion_only(argc, argv, big)) return 0;
@@ -260,8 +265,8 @@ int main(int argc, char** argv) {
     for (float& x : centres) x = r.next();
 
     if (builds_only) {
-        builds(small, centres);
-        builds(big, centres);
+        builds(small, centres, skip_ivf);
+        builds(big, centres, skip_ivf);
         return 0;
     }
 
@@ -300,7 +305,7 @@ int main(int argc, char** argv) {
         std::printf("resident memory: %.0f bytes per stored row (%zu rows)\n",
                     static_cast<double>(after - before) / big, big);
     }
-    builds(small, centres);
-    builds(big, centres);
+    builds(small, centres, false);
+    builds(big, centres, false);
     return 0;
 }

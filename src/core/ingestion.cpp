@@ -7,6 +7,8 @@
 
 #include "core/sidecar_attachment.h"
 #include "core/system.h"
+#include "lsh_cluster/clustering_common.h"
+#include "lsh_cluster/lsh_hash.h"
 #include "quant/dot512_kernels.h"
 #include "quant/quantize_bulk.h"
 
@@ -24,12 +26,36 @@ void fill_embedding_node(indexed_node* n, uint32_t node_id, int64_t timestamp) {
     n->weight = 1.0f;
 }
 
+// A row's LSH hashes and nearest cluster, worked out ahead for a block of rows (neither index
+// changes its hyperplanes or centroids when a row is added, so the answers do not depend on the
+// rows before it in the block).
+struct legacy_placement {
+    const uint64_t* hashes;
+    uint32_t cluster;
+};
+
+// Files vec in both legacy indexes, from `pre` when the block worked the placement out.
+int offer_to_legacy(semantic_vector_indexing_system* sys, uint32_t node_id, const float* vec,
+                    const legacy_placement* pre) {
+    if (pre == nullptr) {
+        return enhanced_lsh_index_add_vector(sys->lsh_index, vec, node_id) != 0 ||
+                       enhanced_clustering_index_add_vector(sys->clustering_index, vec, node_id) !=
+                           0
+                   ? -1
+                   : 0;
+    }
+    return orve::lsh_index_add_hashed(sys->lsh_index, pre->hashes, node_id) != 0 ||
+                   orve::clustering_add_to(sys->clustering_index, pre->cluster, node_id) != 0
+               ? -1
+               : 0;
+}
+
 // Stores row r's codes, scale and norm and offers vec to the legacy indexes. On failure row r
 // is left invalid and its node record cleared; the caller holds the lock and has ensured the
 // store. A vector the LSH index took before the clustering index refused stays in the LSH
 // index: the LSH index has no removal.
 int write_row(semantic_vector_indexing_system* sys, uint32_t r, uint32_t node_id, const float* vec,
-              const int8_t* codes, float scale, float norm) {
+              const int8_t* codes, float scale, float norm, const legacy_placement* pre) {
     std::memcpy(sys->slab_i8 + r * orve::kRowBytes, codes, orve::kRowBytes);
     sys->row_scale[r] = scale;
     sys->row_norm[r] = norm;
@@ -37,8 +63,7 @@ int write_row(semantic_vector_indexing_system* sys, uint32_t r, uint32_t node_id
     // A legacy index is missing only after its re-creation failed; ingestion then refuses
     // rather than touch a destroyed index.
     if (sys->lsh_index == nullptr || sys->clustering_index == nullptr ||
-        enhanced_lsh_index_add_vector(sys->lsh_index, vec, node_id) != 0 ||
-        enhanced_clustering_index_add_vector(sys->clustering_index, vec, node_id) != 0) {
+        offer_to_legacy(sys, node_id, vec, pre) != 0) {
         sys->row_valid[r] = 0;
         clear_node(&sys->nodes[r]);
         return -1;
@@ -94,7 +119,7 @@ extern "C" ORVE_API int semantic_vector_indexing_system_add_embedding_orve512(
     int8_t codes[orve::kRowBytes];
     float scale = 0.0f, norm = 0.0f;
     orve_quantize_float_vector_symmetric(vec, ORVE512_DIM, codes, &scale, &norm);
-    if (write_row(sys, r, node_id, vec, codes, scale, norm) != 0) return -1;
+    if (write_row(sys, r, node_id, vec, codes, scale, norm, nullptr) != 0) return -1;
     commit_row(sys, r, node_id, vec);
     sys->last_update_time = static_cast<int64_t>(std::time(nullptr));
     return 0;
@@ -115,17 +140,27 @@ extern "C" ORVE_API int semantic_vector_indexing_system_load_vectors_f32(
     int8_t codes[kBlock * orve::kRowBytes];
     float scales[kBlock];
     float norms[kBlock];
+    // The legacy indexes' hashes and clusters of the block, worked out a block at a time too.
+    uint64_t hashes[kBlock * ENHANCED_LSH_MAX_HASHES];
+    uint32_t clusters[kBlock];
+    const bool legacy_ready = sys->lsh_index != nullptr && sys->clustering_index != nullptr;
     for (uint32_t k0 = 0; k0 < n; k0 += kBlock) {
         const uint32_t m = n - k0 < kBlock ? n - k0 : kBlock;
-        orve::quantize_rows(vecs + static_cast<std::size_t>(k0) * ORVE512_DIM, m, codes, scales,
-                            norms);
+        const float* block = vecs + static_cast<std::size_t>(k0) * ORVE512_DIM;
+        orve::quantize_rows(block, m, codes, scales, norms);
+        if (legacy_ready) {
+            orve::lsh_hash_rows(sys->lsh_index, block, ORVE512_DIM, m, hashes);
+            orve::nearest_active_clusters(sys->clustering_index, block, ORVE512_DIM, m, clusters);
+        }
         for (uint32_t j = 0; j < m; ++j) {
             const uint32_t k = k0 + j;
             const uint32_t r = sys->node_count;
             const uint32_t id = r + 1;  // identifiers are 1-based row positions
             const float* vec = vecs + static_cast<std::size_t>(k) * ORVE512_DIM;
             fill_embedding_node(&sys->nodes[r], id, t);
-            if (write_row(sys, r, id, vec, codes + j * orve::kRowBytes, scales[j], norms[j]) != 0) {
+            const legacy_placement pre{hashes + j * ENHANCED_LSH_MAX_HASHES, clusters[j]};
+            if (write_row(sys, r, id, vec, codes + j * orve::kRowBytes, scales[j], norms[j],
+                          legacy_ready ? &pre : nullptr) != 0) {
                 return static_cast<int>(k);
             }
             commit_row(sys, r, id, vec);

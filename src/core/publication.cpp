@@ -188,8 +188,9 @@ extern "C" ORVE_API int semantic_vector_indexing_system_build_ivf_level2(
     return build_and_publish<hivf_live>(
         sys, check, b1, b2, &semantic_vector_indexing_system::live_hivf, sys->hivf_built_generation,
         [&](snapshot& s, orve_hivf_index* index) {
-            return orve_hivf_build_i8(s.codes.get(), s.scales.get(), s.norms.get(), s.n, b1, b2,
-                                      seed, index);
+            // The snapshot is this build's alone, so the build may sort it in place.
+            return orve::hivf_build_i8_in_place(s.codes.get(), s.scales.get(), s.norms.get(), s.n,
+                                                b1, b2, seed, index);
         });
 }
 

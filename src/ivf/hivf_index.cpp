@@ -2,10 +2,12 @@
 // level-1 bucket. Built from int8 codes (the system's path) or from float rows.
 #include <cstdlib>
 #include <cstring>
+#include <utility>
 
 #include "ivf/ivf_internal.h"
 #include "quant/dot512_kernels.h"
 #include "util/c_alloc.h"
+#include "util/release_pages.h"
 
 namespace {
 
@@ -92,22 +94,20 @@ bool fill_level1(orve_hivf_index* out, uint32_t b1, uint32_t b2, const float* ce
     return true;
 }
 
-// Leaf training of the int8 build for the members of one level-1 bucket.
-int build_leaf_i8(const member_buffers& members, uint32_t k2, uint32_t leaf_seed,
-                  orve_ivf_index* leaf) {
-    const uint32_t m = members.count;
+// Leaf training of the int8 build for the m members of one level-1 bucket, held contiguously.
+int build_leaf_i8(const int8_t* codes, const float* scales, const float* norms, uint32_t m,
+                  uint32_t k2, uint32_t leaf_seed, orve_ivf_index* leaf) {
     orve::c_unique<float[]> centroids =
         orve::c_alloc_array<float>(static_cast<std::size_t>(k2) * kRowBytes);
     orve::c_unique<int8_t[]> centroid_codes =
         orve::c_aligned_array<int8_t>(static_cast<std::size_t>(k2) * kRowBytes, 64);
     orve::c_unique<uint32_t[]> assignment = orve::c_alloc_array<uint32_t>(m);
     if (!centroids || !centroid_codes || !assignment) return -1;
-    if (orve::kmeans_i8_train(members.codes.get(), members.scales.get(), m, k2, leaf_seed,
-                              centroids.get(), centroid_codes.get(), assignment.get()) != 0) {
+    if (orve::kmeans_i8_train(codes, scales, m, k2, leaf_seed, centroids.get(),
+                              centroid_codes.get(), assignment.get()) != 0) {
         return -1;
     }
-    return ivf_finish_index(m, k2, assignment.get(), centroids.get(), members.codes.get(),
-                            members.scales.get(), members.norms.get(), leaf);
+    return ivf_finish_index(m, k2, assignment.get(), centroids.get(), codes, scales, norms, leaf);
 }
 
 int fail(orve_hivf_index* out) {
@@ -115,40 +115,123 @@ int fail(orve_hivf_index* out) {
     return -1;
 }
 
+// Where every row goes once the rows are sorted by level-1 bucket, rows of a bucket in
+// ascending order: order[p] is the row at sorted position p, and bucket i holds the positions
+// offsets[i] .. offsets[i + 1] - 1.
+struct bucket_order {
+    orve::c_unique<uint32_t[]> order;
+    orve::c_unique<uint32_t[]> offsets;
+
+    bool make(const uint32_t* assignment, uint32_t n, uint32_t b1) {
+        order = orve::c_alloc_array<uint32_t>(n);
+        offsets = orve::c_calloc_array<uint32_t>(static_cast<std::size_t>(b1) + 1);
+        if (!order || !offsets) return false;
+        for (uint32_t r = 0; r < n; ++r) ++offsets[assignment[r] + 1];
+        for (uint32_t i = 0; i < b1; ++i) offsets[i + 1] += offsets[i];
+        for (uint32_t r = 0; r < n; ++r) order[offsets[assignment[r]]++] = r;
+        // The pass above moved each offset to the end of its bucket; shift them back.
+        for (uint32_t i = b1; i > 0; --i) offsets[i] = offsets[i - 1];
+        offsets[0] = 0;
+        return true;
+    }
+};
+
+// Level 1 of the int8 build over the rows in their own order: the level-1 k-means, the
+// level-1 arrays in `out` and the bucket order. False on failure (out then holds what was
+// allocated, for the caller's destroy).
+bool build_level1_i8(const int8_t* codes, const float* scales, uint32_t n, uint32_t b1, uint32_t b2,
+                     uint32_t seed, orve_hivf_index* out, bucket_order& buckets) {
+    orve::c_unique<uint32_t[]> assignment = orve::c_alloc_array<uint32_t>(n);
+    orve::c_unique<float[]> centroids =
+        orve::c_alloc_array<float>(static_cast<std::size_t>(b1) * kRowBytes);
+    orve::c_unique<int8_t[]> centroid_codes =
+        orve::c_aligned_array<int8_t>(static_cast<std::size_t>(b1) * kRowBytes, 64);
+    if (!assignment || !centroids || !centroid_codes) return false;
+    if (orve::kmeans_i8_train(codes, scales, n, b1, seed, centroids.get(), centroid_codes.get(),
+                              assignment.get()) != 0) {
+        return false;
+    }
+    return fill_level1(out, b1, b2, centroids.get()) && buckets.make(assignment.get(), n, b1);
+}
+
+// The leaves of the int8 build from rows sorted into bucket order. A bucket's code pages are
+// handed back to the system as soon as its leaf holds its own copy, so the sorted rows shrink
+// while the leaves grow and the build never holds the rows twice over.
+int build_leaves_i8(int8_t* codes, const float* scales, const float* norms,
+                    const bucket_order& buckets, uint32_t b1, uint32_t b2, uint32_t seed,
+                    orve_hivf_index* out) {
+    for (uint32_t i = 0; i < b1; ++i) {
+        const uint32_t first = buckets.offsets[i];
+        const uint32_t m = buckets.offsets[i + 1] - first;
+        if (m == 0) continue;  // the entry stays all zero
+        const uint32_t k2 = m < b2 ? m : b2;
+        const uint32_t leaf_seed = seed + 1u + i;  // wraps; a 0 acts as 1 in the training
+        int8_t* bucket_codes = codes + static_cast<std::size_t>(first) * kRowBytes;
+        if (build_leaf_i8(bucket_codes, scales + first, norms + first, m, k2, leaf_seed,
+                          &out->l2_indexes[i]) != 0) {
+            return fail(out);
+        }
+        globalise_row_ids(&out->l2_indexes[i], buckets.order.get() + first);
+        orve::release_whole_pages(bucket_codes, static_cast<std::size_t>(m) * kRowBytes);
+    }
+    return 0;
+}
+
 }  // namespace
+
+namespace orve {
+
+int hivf_build_i8_in_place(int8_t* codes, float* scales, float* norms, uint32_t n, uint32_t b1,
+                           uint32_t b2, uint32_t seed, orve_hivf_index* out) {
+    if (!valid_arguments(codes, scales, norms, n, b1, b2, out)) return -1;
+    std::memset(out, 0, sizeof *out);
+    bucket_order buckets;
+    if (!build_level1_i8(codes, scales, n, b1, b2, seed, out, buckets)) return fail(out);
+    {
+        // Sorts the rows by swapping each into its place: dest[r] is where the row now at r
+        // belongs, and becomes r once it is there.
+        orve::c_unique<uint32_t[]> dest = orve::c_alloc_array<uint32_t>(n);
+        if (!dest) return fail(out);
+        for (uint32_t p = 0; p < n; ++p) dest[buckets.order[p]] = p;
+        alignas(64) int8_t held[kRowBytes];
+        for (uint32_t r = 0; r < n; ++r) {
+            while (dest[r] != r) {
+                const uint32_t t = dest[r];
+                int8_t* a = codes + static_cast<std::size_t>(r) * kRowBytes;
+                int8_t* b = codes + static_cast<std::size_t>(t) * kRowBytes;
+                std::memcpy(held, a, kRowBytes);
+                std::memcpy(a, b, kRowBytes);
+                std::memcpy(b, held, kRowBytes);
+                std::swap(scales[r], scales[t]);
+                std::swap(norms[r], norms[t]);
+                std::swap(dest[r], dest[t]);
+            }
+        }
+    }
+    return build_leaves_i8(codes, scales, norms, buckets, b1, b2, seed, out);
+}
+
+}  // namespace orve
 
 extern "C" ORVE_API int orve_hivf_build_i8(const int8_t* codes, const float* scales,
                                            const float* norms, uint32_t n, uint32_t b1, uint32_t b2,
                                            uint32_t seed, orve_hivf_index* out) {
     if (!valid_arguments(codes, scales, norms, n, b1, b2, out)) return -1;
     std::memset(out, 0, sizeof *out);
-
-    orve::c_unique<uint32_t[]> assignment = orve::c_alloc_array<uint32_t>(n);
-    if (!assignment) return fail(out);
-    {
-        orve::c_unique<float[]> centroids =
-            orve::c_alloc_array<float>(static_cast<std::size_t>(b1) * kRowBytes);
-        orve::c_unique<int8_t[]> centroid_codes =
-            orve::c_aligned_array<int8_t>(static_cast<std::size_t>(b1) * kRowBytes, 64);
-        if (!centroids || !centroid_codes) return fail(out);
-        if (orve::kmeans_i8_train(codes, scales, n, b1, seed, centroids.get(), centroid_codes.get(),
-                                  assignment.get()) != 0) {
-            return fail(out);
-        }
-        if (!fill_level1(out, b1, b2, centroids.get())) return fail(out);
+    bucket_order buckets;
+    if (!build_level1_i8(codes, scales, n, b1, b2, seed, out, buckets)) return fail(out);
+    // The caller's rows stay as they are: the leaves read a copy gathered in bucket order.
+    member_buffers sorted;
+    if (!sorted.allocate(n, false)) return fail(out);
+    for (uint32_t p = 0; p < n; ++p) {
+        const uint32_t r = buckets.order[p];
+        std::memcpy(sorted.codes.get() + static_cast<std::size_t>(p) * kRowBytes,
+                    codes + static_cast<std::size_t>(r) * kRowBytes, kRowBytes);
+        sorted.scales[p] = scales[r];
+        sorted.norms[p] = norms[r];
     }
-
-    member_buffers members;
-    if (!members.allocate(n, false)) return fail(out);
-    for (uint32_t i = 0; i < b1; ++i) {
-        members.gather(i, assignment.get(), n, codes, scales, norms, nullptr);
-        if (members.count == 0) continue;  // the entry stays all zero
-        const uint32_t k2 = members.count < b2 ? members.count : b2;
-        const uint32_t leaf_seed = seed + 1u + i;  // wraps; a 0 acts as 1 in the training
-        if (build_leaf_i8(members, k2, leaf_seed, &out->l2_indexes[i]) != 0) return fail(out);
-        globalise_row_ids(&out->l2_indexes[i], members.ids.get());
-    }
-    return 0;
+    return build_leaves_i8(sorted.codes.get(), sorted.scales.get(), sorted.norms.get(), buckets, b1,
+                           b2, seed, out);
 }
 
 extern "C" ORVE_API int orve_hivf_build(const float* rows, uint32_t n, uint32_t b1, uint32_t b2,

@@ -120,4 +120,12 @@ int ivf_build_from_codes(const int8_t* codes, const float* scales, const float* 
 int kmeans_i8_train(const int8_t* codes, const float* scales, uint32_t m, uint32_t k, uint32_t seed,
                     float* centroids, int8_t* centroid_codes, uint32_t* assignment);
 
+// orve_hivf_build_i8 over rows the caller gives up, with the same result codes and the same
+// index bit for bit. The rows are sorted into level-1 bucket order where they are instead of
+// being copied, and the pages of each bucket's codes are released once its leaf is built, so
+// the build holds no second copy of the rows. The arrays' contents are unspecified afterwards
+// (their owner still frees them).
+int hivf_build_i8_in_place(int8_t* codes, float* scales, float* norms, uint32_t n, uint32_t b1,
+                           uint32_t b2, uint32_t seed, orve_hivf_index* out);
+
 }  // namespace orve

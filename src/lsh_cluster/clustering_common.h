@@ -1,6 +1,7 @@
 // Pieces shared by the clustering index's lifecycle, its cluster pass and its statistics.
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 
 #include "semantic_vector_indexing.h"
@@ -31,5 +32,15 @@ inline uint32_t active_cluster_count(const enhanced_clustering_index* index) {
 // the first strictly smaller distance wins, starting from +infinity, so ties go to the lowest
 // index. Cluster 0 when nothing is active or no distance is below +infinity.
 uint32_t nearest_active_cluster(const enhanced_clustering_index* index, const float* vector);
+
+// nearest_active_cluster for each of m rows (`stride` floats apart) into targets[0..m), with
+// the same answers. Centroids do not move between cluster passes, so which of them can win is
+// settled once for the block rather than once per row.
+void nearest_active_clusters(const enhanced_clustering_index* index, const float* rows,
+                             std::size_t stride, uint32_t m, uint32_t* targets);
+
+// Places node_id in cluster `target` as enhanced_clustering_index_add_vector does once it has
+// found the cluster; -1 when the record has no cluster array (nothing is changed then).
+int clustering_add_to(enhanced_clustering_index* index, uint32_t target, uint32_t node_id);
 
 }  // namespace orve

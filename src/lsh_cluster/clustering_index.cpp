@@ -1,6 +1,7 @@
 // Lifecycle of the clustering index and the two operations ingestion and hosts use between
 // cluster passes: placing an identifier and listing a cluster.
 #include <cstdlib>
+#include <cstring>
 #include <limits>
 
 #include "lsh_cluster/clustering_common.h"
@@ -21,6 +22,56 @@ uint32_t nearest_active_cluster(const enhanced_clustering_index* index, const fl
         }
     }
     return target;
+}
+
+void nearest_active_clusters(const enhanced_clustering_index* index, const float* rows,
+                             std::size_t stride, uint32_t m, uint32_t* targets) {
+    const uint32_t active = active_cluster_count(index);
+    // A centroid with the same bits as cluster 0's gives every row the same distance as
+    // cluster 0 (or NaN when that one is NaN), never a strictly smaller one, so it can never
+    // win: only the others are measured. After a cluster pass every centroid is zero, which
+    // leaves one distance per row instead of one per cluster.
+    constexpr uint32_t kRoom = 256;  // the system's index has 100 clusters
+    uint32_t candidates[kRoom];
+    uint32_t n_candidates = 0;
+    const std::size_t centroid_bytes = sizeof index->clusters[0].centroid;
+    for (uint32_t k = 0; k < active && n_candidates < kRoom; ++k) {
+        if (k == 0 || std::memcmp(index->clusters[k].centroid, index->clusters[0].centroid,
+                                  centroid_bytes) != 0) {
+            candidates[n_candidates++] = k;
+        }
+    }
+    const bool listed_all = n_candidates == kRoom;
+    for (uint32_t r = 0; r < m; ++r) {
+        const float* vector = rows + r * stride;
+        // More distinct centroids than the list holds: measure every one as the one-row path.
+        if (listed_all) {
+            targets[r] = nearest_active_cluster(index, vector);
+            continue;
+        }
+        uint32_t target = 0;
+        float best = std::numeric_limits<float>::infinity();
+        for (uint32_t c = 0; c < n_candidates; ++c) {
+            const uint32_t k = candidates[c];
+            const float d = calculate_euclidean_distance(vector, index->clusters[k].centroid);
+            if (d < best) {
+                best = d;
+                target = k;
+            }
+        }
+        targets[r] = target;
+    }
+}
+
+int clustering_add_to(enhanced_clustering_index* index, uint32_t target, uint32_t node_id) {
+    // A destroyed record (for instance after a rebuild whose re-creation failed) has no cluster
+    // 0 to fall back on. Refusing lets ingestion fail that row cleanly instead of writing
+    // through a null array.
+    if (index->clusters == nullptr || index->max_clusters == 0) return -1;
+    enhanced_cluster& c = index->clusters[target];
+    // Centroids stay where they are: only a cluster pass moves them.
+    if (c.member_count < c.member_capacity) c.members[c.member_count++] = node_id;
+    return 0;
 }
 
 }  // namespace orve
@@ -66,14 +117,7 @@ extern "C" ORVE_API int32_t enhanced_clustering_index_add_vector(enhanced_cluste
                                                                  const float* vector,
                                                                  uint32_t node_id) {
     if (index == nullptr || vector == nullptr) return -1;
-    // A destroyed record (for instance after a rebuild whose re-creation failed) has no cluster
-    // 0 to fall back on. Refusing lets ingestion fail that row cleanly instead of writing
-    // through a null array.
-    if (index->clusters == nullptr || index->max_clusters == 0) return -1;
-    enhanced_cluster& c = index->clusters[orve::nearest_active_cluster(index, vector)];
-    // Centroids stay where they are: only a cluster pass moves them.
-    if (c.member_count < c.member_capacity) c.members[c.member_count++] = node_id;
-    return 0;
+    return orve::clustering_add_to(index, orve::nearest_active_cluster(index, vector), node_id);
 }
 
 extern "C" ORVE_API int32_t enhanced_clustering_index_search_by_cluster(

@@ -14,17 +14,21 @@ constexpr float kHashScale = 1000000.0f;
 constexpr float kU64Limit = 18446744073709551616.0f;
 }  // namespace
 
-extern "C" ORVE_API uint64_t generate_lsh_hash(const float* vector, const float* hyperplane,
-                                               float offset) {
-    if (vector == nullptr || hyperplane == nullptr) return 0;
-    float dot = 0.0f;
-    for (uint32_t i = 0; i < orve::kHashedDim; ++i) dot += vector[i] * hyperplane[i];
+uint64_t orve::hash_of_projection(float dot, float offset) {
     const float scaled = (offset + dot) * kHashScale;
     // A float-to-integer conversion out of range is undefined, so the ends are clamped first;
     // the negated comparison also sends NaN to 0.
     if (!(scaled >= 0.0f)) return 0;
     if (scaled >= kU64Limit) return UINT64_MAX;
     return static_cast<uint64_t>(scaled);
+}
+
+extern "C" ORVE_API uint64_t generate_lsh_hash(const float* vector, const float* hyperplane,
+                                               float offset) {
+    if (vector == nullptr || hyperplane == nullptr) return 0;
+    float dot = 0.0f;
+    for (uint32_t i = 0; i < orve::kHashedDim; ++i) dot += vector[i] * hyperplane[i];
+    return orve::hash_of_projection(dot, offset);
 }
 
 extern "C" ORVE_API float calculate_lsh_collision_probability(float similarity, uint32_t n_hashes) {

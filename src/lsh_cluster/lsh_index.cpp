@@ -83,10 +83,12 @@ extern "C" ORVE_API int enhanced_lsh_index_create(enhanced_lsh_index* index, uin
     return 0;
 }
 
-extern "C" ORVE_API int enhanced_lsh_index_add_vector(enhanced_lsh_index* index,
-                                                      const float* vector, uint32_t node_id) {
-    if (index == nullptr || vector == nullptr || node_id == 0) return -1;
-    if (index->count >= index->capacity) return -1;
+int orve::lsh_index_add_hashed(enhanced_lsh_index* index, const uint64_t* hashes,
+                               uint32_t node_id) {
+    if (node_id == 0 || index->count >= index->capacity) return -1;
+    // An entry has room for ENHANCED_LSH_MAX_HASHES hashes; a record edited to claim more
+    // would have this write past the entry, so it is refused like a full index.
+    if (index->n_hashes > ENHANCED_LSH_MAX_HASHES) return -1;
 
     const uint32_t entry_index = index->count;
     lsh_entry& entry = index->entries[entry_index];
@@ -94,9 +96,8 @@ extern "C" ORVE_API int enhanced_lsh_index_add_vector(enhanced_lsh_index* index,
     entry.confidence = kEntryConfidence;
     entry.n_hashes = index->n_hashes;
     for (uint32_t h = 0; h < index->n_hashes; ++h) {
-        const uint64_t hash = generate_lsh_hash(vector, hyperplane_of(index, h), index->offsets[h]);
-        entry.hashes[h] = hash;
-        entry.buckets[h] = static_cast<uint32_t>(hash % index->n_buckets);
+        entry.hashes[h] = hashes[h];
+        entry.buckets[h] = static_cast<uint32_t>(hashes[h] % index->n_buckets);
     }
     // One slot per hash function, so an entry whose hashes share a bucket sits there more than
     // once; a full bucket just goes without this entry.
@@ -110,6 +111,17 @@ extern "C" ORVE_API int enhanced_lsh_index_add_vector(enhanced_lsh_index* index,
     }
     index->count = entry_index + 1;
     return 0;
+}
+
+extern "C" ORVE_API int enhanced_lsh_index_add_vector(enhanced_lsh_index* index,
+                                                      const float* vector, uint32_t node_id) {
+    if (index == nullptr || vector == nullptr || node_id == 0) return -1;
+    if (index->count >= index->capacity || index->n_hashes > ENHANCED_LSH_MAX_HASHES) return -1;
+    uint64_t hashes[ENHANCED_LSH_MAX_HASHES];
+    for (uint32_t h = 0; h < index->n_hashes; ++h) {
+        hashes[h] = generate_lsh_hash(vector, hyperplane_of(index, h), index->offsets[h]);
+    }
+    return orve::lsh_index_add_hashed(index, hashes, node_id);
 }
 
 extern "C" ORVE_API int enhanced_lsh_index_search_similar(const enhanced_lsh_index* index,
