@@ -13,7 +13,7 @@
 #include <string>
 #include <vector>
 
-#include "quant/dot512_kernels.h"
+#include "quant/kernel_table.h"
 #include "semantic_vector_indexing.h"
 #include "util/c_alloc.h"
 
@@ -47,7 +47,7 @@ int8_t* slab() {
     return block.get();
 }
 
-void scan(benchmark::State& state, const orve::dot512_kernel* k, std::size_t rows) {
+void scan(benchmark::State& state, const orve::kernel_table* k, std::size_t rows) {
     const int8_t* base = slab();
     const int8_t* q = base + 512 * (g_slab_rows - 1);
     constexpr std::size_t kBlock = 256;  // scores land in a small buffer, as in a real scan
@@ -55,7 +55,7 @@ void scan(benchmark::State& state, const orve::dot512_kernel* k, std::size_t row
     for (auto _ : state) {
         for (std::size_t r = 0; r < rows; r += kBlock) {
             const std::size_t n = rows - r < kBlock ? rows - r : kBlock;
-            k->many(q, base + 512 * r, n, out);
+            k->dot512_many(q, base + 512 * r, n, out);
             benchmark::DoNotOptimize(out);
         }
         benchmark::ClobberMemory();
@@ -129,10 +129,10 @@ int main(int argc, char** argv) {
     benchmark::Initialize(&argc, argv);
 
     std::size_t n = 0;
-    const orve::dot512_kernel* ks = orve::dot512_kernels_available(&n);
+    const orve::kernel_table* ks = orve::kernel_tables_available(&n);
     const std::string slab_label = "slab_" + std::to_string(g_slab_rows / 2048) + "MiB";
     for (std::size_t i = 0; i < n; ++i) {
-        const orve::dot512_kernel* k = &ks[i];
+        const orve::kernel_table* k = &ks[i];
         const std::string name = std::string("dot512/") + k->name;
         benchmark::RegisterBenchmark((name + "/L1_48rows").c_str(), scan, k, kL1Rows);
         benchmark::RegisterBenchmark((name + "/L2_1024rows").c_str(), scan, k, kL2Rows);
@@ -150,7 +150,7 @@ int main(int argc, char** argv) {
 
     auto& f = reporter.figures;
     const double stream = f["stream_read/" + slab_label + "/real_time"]["bytes_per_second"];
-    std::printf("\nSummary (best kernel on this machine: %s)\n", orve::dot512_best().name);
+    std::printf("\nSummary (best kernel on this machine: %s)\n", orve::kernels().name);
     std::printf("%-14s %16s %16s %14s %12s\n", "kernel", "L1 rows/s", "L2 rows/s", "slab GB/s",
                 "of stream");
     for (std::size_t i = 0; i < n; ++i) {

@@ -28,7 +28,7 @@ extern "C" ORVE_API int orve_flat_index_ensure(semantic_vector_indexing_system* 
     // The code block is not zero-filled: its pages are touched only as rows arrive, so a large
     // capacity costs address space, not memory. Scans read only rows marked valid.
     auto slab = orve::c_aligned_array<int8_t>(
-        static_cast<std::size_t>(sys->capacity) * orve::kRowBytes, 64);
+        static_cast<std::size_t>(sys->capacity) * orve::kCodeBytes, 64);
     if (!slab) return -1;
     orve::store_slab(sys, slab.release());
     sys->row_scale = static_cast<float*>(std::calloc(sys->capacity, sizeof(float)));

@@ -1,6 +1,7 @@
 // Ingestion: rows are appended to the node table, quantised into the flat store, offered to
 // the legacy indexes and the sidecar. A row that fails at any step leaves no trace in the node
 // table, the valid map, the row count, the generation or the sidecar.
+#include <cstddef>
 #include <cstring>
 #include <cstdlib>
 #include <ctime>
@@ -30,7 +31,7 @@ void fill_embedding_node(indexed_node* n, uint32_t node_id, int64_t timestamp) {
 // index: the LSH index has no removal.
 int write_row(semantic_vector_indexing_system* sys, uint32_t r, uint32_t node_id, const float* vec,
               const int8_t* codes, float scale, float norm) {
-    std::memcpy(sys->slab_i8 + r * orve::kRowBytes, codes, orve::kRowBytes);
+    std::memcpy(sys->slab_i8 + r * orve::kCodeBytes, codes, orve::kCodeBytes);
     sys->row_scale[r] = scale;
     sys->row_norm[r] = norm;
     sys->row_valid[r] = 1;
@@ -91,7 +92,7 @@ extern "C" ORVE_API int semantic_vector_indexing_system_add_embedding_orve512(
         clear_node(&sys->nodes[r]);
         return -1;
     }
-    int8_t codes[orve::kRowBytes];
+    int8_t codes[orve::kCodeBytes];
     float scale = 0.0f, norm = 0.0f;
     orve_quantize_float_vector_symmetric(vec, ORVE512_DIM, codes, &scale, &norm);
     if (write_row(sys, r, node_id, vec, codes, scale, norm) != 0) return -1;
@@ -112,7 +113,7 @@ extern "C" ORVE_API int semantic_vector_indexing_system_load_vectors_f32(
     // one row per vector lane) and then stored row by row, so a row that fails leaves the slab
     // rows after it exactly as the one-row path would.
     constexpr uint32_t kBlock = 32;
-    int8_t codes[kBlock * orve::kRowBytes];
+    int8_t codes[kBlock * orve::kCodeBytes];
     float scales[kBlock];
     float norms[kBlock];
     for (uint32_t k0 = 0; k0 < n; k0 += kBlock) {
@@ -125,7 +126,8 @@ extern "C" ORVE_API int semantic_vector_indexing_system_load_vectors_f32(
             const uint32_t id = r + 1;  // identifiers are 1-based row positions
             const float* vec = vecs + static_cast<std::size_t>(k) * ORVE512_DIM;
             fill_embedding_node(&sys->nodes[r], id, t);
-            if (write_row(sys, r, id, vec, codes + j * orve::kRowBytes, scales[j], norms[j]) != 0) {
+            if (write_row(sys, r, id, vec, codes + j * orve::kCodeBytes, scales[j], norms[j]) !=
+                0) {
                 return static_cast<int>(k);
             }
             commit_row(sys, r, id, vec);
@@ -147,9 +149,9 @@ extern "C" ORVE_API int semantic_vector_indexing_system_add_node(
     uint32_t id;
     double weight;
     int64_t timestamp;
-    std::memcpy(&id, bytes + 0, sizeof id);
-    std::memcpy(&weight, bytes + 616, sizeof weight);
-    std::memcpy(&timestamp, bytes + 624, sizeof timestamp);
+    std::memcpy(&id, bytes + offsetof(orve_host_node, node_id), sizeof id);
+    std::memcpy(&weight, bytes + offsetof(orve_host_node, weight), sizeof weight);
+    std::memcpy(&timestamp, bytes + offsetof(orve_host_node, timestamp), sizeof timestamp);
 
     const uint32_t r = sys->node_count;
     indexed_node* n = &sys->nodes[r];

@@ -9,7 +9,7 @@
 
 namespace {
 
-using orve::kRowBytes;
+using orve::kCodeBytes;
 
 // Rows of one level-1 bucket, gathered in ascending row order. Allocated once with room for
 // every row and reused for each bucket.
@@ -22,13 +22,13 @@ struct member_buffers {
     uint32_t count = 0;
 
     bool allocate(uint32_t n, bool with_rows) {
-        codes = orve::c_aligned_array<int8_t>(static_cast<std::size_t>(n) * kRowBytes, 64);
+        codes = orve::c_aligned_array<int8_t>(static_cast<std::size_t>(n) * kCodeBytes, 64);
         scales = orve::c_alloc_array<float>(n);
         norms = orve::c_alloc_array<float>(n);
         ids = orve::c_alloc_array<uint32_t>(n);
         if (!codes || !scales || !norms || !ids) return false;
         if (with_rows) {
-            rows = orve::c_alloc_array<float>(static_cast<std::size_t>(n) * kRowBytes);
+            rows = orve::c_alloc_array<float>(static_cast<std::size_t>(n) * kCodeBytes);
             if (!rows) return false;
         }
         return true;
@@ -41,14 +41,14 @@ struct member_buffers {
             if (assignment[r] != bucket) continue;
             const uint32_t m = count++;
             ids[m] = r;
-            std::memcpy(codes.get() + static_cast<std::size_t>(m) * kRowBytes,
-                        in_codes + static_cast<std::size_t>(r) * kRowBytes, kRowBytes);
+            std::memcpy(codes.get() + static_cast<std::size_t>(m) * kCodeBytes,
+                        in_codes + static_cast<std::size_t>(r) * kCodeBytes, kCodeBytes);
             scales[m] = in_scales[r];
             norms[m] = in_norms[r];
             if (in_rows != nullptr) {
-                std::memcpy(rows.get() + static_cast<std::size_t>(m) * kRowBytes,
-                            in_rows + static_cast<std::size_t>(r) * kRowBytes,
-                            kRowBytes * sizeof(float));
+                std::memcpy(rows.get() + static_cast<std::size_t>(m) * kCodeBytes,
+                            in_rows + static_cast<std::size_t>(r) * kCodeBytes,
+                            kCodeBytes * sizeof(float));
             }
         }
     }
@@ -72,15 +72,15 @@ bool fill_level1(orve_hivf_index* out, uint32_t b1, uint32_t b2, const float* ce
     out->b1 = b1;
     out->b2 = b2;
     orve::c_unique<int8_t[]> codes =
-        orve::c_aligned_array<int8_t>(static_cast<std::size_t>(b1) * kRowBytes, 16);
+        orve::c_aligned_array<int8_t>(static_cast<std::size_t>(b1) * kCodeBytes, 16);
     orve::c_unique<float[]> scales = orve::c_alloc_array<float>(b1);
     orve::c_unique<float[]> norms = orve::c_alloc_array<float>(b1);
     orve::c_unique<orve_ivf_index[]> leaves = orve::c_calloc_array<orve_ivf_index>(b1);
     if (!codes || !scales || !norms || !leaves) return false;
     for (uint32_t i = 0; i < b1; ++i) {
         if (orve_quantize_float_vector_symmetric(
-                centroids + static_cast<std::size_t>(i) * kRowBytes, ORVE512_DIM,
-                codes.get() + static_cast<std::size_t>(i) * kRowBytes, &scales[i],
+                centroids + static_cast<std::size_t>(i) * kCodeBytes, ORVE512_DIM,
+                codes.get() + static_cast<std::size_t>(i) * kCodeBytes, &scales[i],
                 &norms[i]) != 0) {
             return false;
         }
@@ -97,9 +97,9 @@ int build_leaf_i8(const member_buffers& members, uint32_t k2, uint32_t leaf_seed
                   orve_ivf_index* leaf) {
     const uint32_t m = members.count;
     orve::c_unique<float[]> centroids =
-        orve::c_alloc_array<float>(static_cast<std::size_t>(k2) * kRowBytes);
+        orve::c_alloc_array<float>(static_cast<std::size_t>(k2) * kCodeBytes);
     orve::c_unique<int8_t[]> centroid_codes =
-        orve::c_aligned_array<int8_t>(static_cast<std::size_t>(k2) * kRowBytes, 64);
+        orve::c_aligned_array<int8_t>(static_cast<std::size_t>(k2) * kCodeBytes, 64);
     orve::c_unique<uint32_t[]> assignment = orve::c_alloc_array<uint32_t>(m);
     if (!centroids || !centroid_codes || !assignment) return -1;
     if (orve::kmeans_i8_train(members.codes.get(), members.scales.get(), m, k2, leaf_seed,
@@ -127,9 +127,9 @@ extern "C" ORVE_API int orve_hivf_build_i8(const int8_t* codes, const float* sca
     if (!assignment) return fail(out);
     {
         orve::c_unique<float[]> centroids =
-            orve::c_alloc_array<float>(static_cast<std::size_t>(b1) * kRowBytes);
+            orve::c_alloc_array<float>(static_cast<std::size_t>(b1) * kCodeBytes);
         orve::c_unique<int8_t[]> centroid_codes =
-            orve::c_aligned_array<int8_t>(static_cast<std::size_t>(b1) * kRowBytes, 64);
+            orve::c_aligned_array<int8_t>(static_cast<std::size_t>(b1) * kCodeBytes, 64);
         if (!centroids || !centroid_codes) return fail(out);
         if (orve::kmeans_i8_train(codes, scales, n, b1, seed, centroids.get(), centroid_codes.get(),
                                   assignment.get()) != 0) {
@@ -163,7 +163,7 @@ extern "C" ORVE_API int orve_hivf_build(const float* rows, uint32_t n, uint32_t 
     if (!assignment) return fail(out);
     {
         orve::c_unique<float[]> centroids =
-            orve::c_alloc_array<float>(static_cast<std::size_t>(b1) * kRowBytes);
+            orve::c_alloc_array<float>(static_cast<std::size_t>(b1) * kCodeBytes);
         if (!centroids) return fail(out);
         if (orve::kmeans_f32_train(rows, n, b1, seed, centroids.get(), assignment.get()) != 0) {
             return fail(out);
@@ -192,7 +192,7 @@ extern "C" ORVE_API int orve_hivf_build(const float* rows, uint32_t n, uint32_t 
 extern "C" ORVE_API void orve_hivf_index_destroy(orve_hivf_index* index) {
     if (index == nullptr) return;
     if (index->l2_indexes != nullptr) {
-        for (uint32_t i = 0; i < index->b1; ++i) orve_ivf_index_destroy_impl(&index->l2_indexes[i]);
+        for (uint32_t i = 0; i < index->b1; ++i) orve::free_ivf_index(&index->l2_indexes[i]);
         std::free(index->l2_indexes);
     }
     std::free(index->l1_centroid_codes);

@@ -43,7 +43,9 @@ int ivf_finish_index(uint32_t n, uint32_t n_buckets, const uint32_t* assignment,
                      const float* norms, orve_ivf_index* out);
 
 // Frees the nine arrays of a non-null index (null arrays are skipped) and zeroes the record.
-void orve_ivf_index_destroy_impl(orve_ivf_index* index);
+namespace orve {
+void free_ivf_index(orve_ivf_index* index);
+}  // namespace orve
 
 // Squared Euclidean distance of two 512-float rows, accumulated with fused multiply-adds in 16
 // partial sums (lane j of every 16-lane block into sum j) and combined in a fixed tree, so the

@@ -7,7 +7,7 @@
 
 #include "core/system.h"
 #include "quant/cosine.h"
-#include "quant/dot512_kernels.h"
+#include "quant/kernel_table.h"
 #include "search/query_context.h"
 
 namespace {
@@ -28,14 +28,14 @@ int brute_force_search(semantic_vector_indexing_system* sys, const vector_simila
     if (!begin_query(sys, q, n, n, false, ctx)) return -1;
     candidate_sink& sink = ctx.sink;
 
-    const dot512_many_fn many = dot512_best().many;
+    const dot512_many_fn many = kernels().dot512_many;
     const uint8_t* valid = sys->slab_i8 != nullptr ? sys->row_valid : nullptr;
     int32_t dots[kBlockRows];
     for (uint32_t s = 0; s < n && sink.capacity != 0;) {
         if (valid != nullptr && valid[s]) {
             uint32_t end = s + 1;
             while (end < n && end - s < kBlockRows && valid[end]) ++end;
-            many(ctx.codes, sys->slab_i8 + static_cast<std::size_t>(s) * kRowBytes, end - s, dots);
+            many(ctx.codes, sys->slab_i8 + static_cast<std::size_t>(s) * kCodeBytes, end - s, dots);
             for (uint32_t r = s; r < end; ++r) {
                 sink.offer(r, cosine_from_dot(dots[r - s], ctx.scale, sys->row_scale[r], ctx.norm,
                                               sys->row_norm[r]));

@@ -39,7 +39,7 @@ struct candidate_sink {
 // One query as every path holds it: the quantised query, and the candidate heap sized by the
 // query's budget.
 struct query_context {
-    alignas(64) int8_t codes[kRowBytes];
+    alignas(64) int8_t codes[kCodeBytes];
     float scale = 0.0f;
     float norm = 0.0f;
     c_unique<bf_topk_entry[]> heap;
