@@ -1,10 +1,11 @@
 // Several queries in one call. With the IVF, one pin serves the whole batch, so every answer
-// comes from the same index even if a rebuild publishes another meanwhile.
+// comes from the same index even if a rebuild publishes another meanwhile, and the batch is
+// scanned bucket by bucket (search/ivf_batch_scan.h).
 #include <cstring>
 
 #include "core/publication.h"
 #include "core/system.h"
-#include "search/ivf_pinned_search.h"
+#include "search/ivf_batch_scan.h"
 
 namespace {
 
@@ -28,20 +29,6 @@ vector_similarity_result* block_of(const orve512_batch_query* b, uint32_t i) {
     return block;
 }
 
-// Every query against one pinned IVF; false when a query could not run on it.
-bool answer_pinned(semantic_vector_indexing_system* sys, const orve512_batch_query* b,
-                   ivf_live* pinned) {
-    for (uint32_t i = 0; i < b->n_queries; ++i) {
-        const vector_similarity_query q = query_for(b, i, true);
-        uint32_t n = 0;
-        if (search_similar_orve512_ivf_rcu_pinned(sys, pinned, &q, block_of(b, i), &n) != 0) {
-            return false;
-        }
-        if (b->counts != nullptr) b->counts[i] = n;
-    }
-    return true;
-}
-
 }  // namespace
 
 extern "C" ORVE_API int semantic_vector_indexing_system_search_similar_orve512_batch(
@@ -54,7 +41,7 @@ extern "C" ORVE_API int semantic_vector_indexing_system_search_similar_orve512_b
         ivf_live* pinned = nullptr;
         if (ivf_rcu_pin_live(sys, &pinned) == 0) {
             const ivf_pin guard(pinned);
-            if (answer_pinned(sys, b, pinned)) return 0;
+            if (orve::answer_batch_by_bucket(sys, b, pinned)) return 0;
             // A query failed on the pinned index: answer the whole batch again, one query at a
             // time through the front end.
         }
