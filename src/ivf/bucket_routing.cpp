@@ -19,24 +19,23 @@ int cmp_scored_desc(const void* a, const void* b) {
     return 0;
 }
 
-void score_and_select(const int8_t* qcode, float qscale, float qnorm, const int8_t* codes,
-                      const float* scales, const float* norms, uint32_t count, uint32_t best,
-                      ivf_scored_pair* pairs) {
-    // Centroid codes are consecutive rows: score them with the many-rows kernel in blocks.
-    constexpr uint32_t kBlock = orve::kScanBlockRows;
-    int32_t dots[kBlock];
-    const orve::dot512_many_fn many = orve::kernels().dot512_many;
+namespace {
+
+// Cosines of dots[0 .. len) against centroids c0 .. c0 + len into pairs; true if any is NaN.
+bool score_block(const int32_t* dots, float qscale, float qnorm, const float* scales,
+                 const float* norms, uint32_t c0, uint32_t len, ivf_scored_pair* pairs) {
     bool any_nan = false;
-    for (uint32_t c0 = 0; c0 < count; c0 += kBlock) {
-        const uint32_t len = count - c0 < kBlock ? count - c0 : kBlock;
-        many(qcode, codes + static_cast<std::size_t>(c0) * orve::kCodeBytes, len, dots);
-        for (uint32_t j = 0; j < len; ++j) {
-            const uint32_t c = c0 + j;
-            const float s = orve::cosine_from_dot(dots[j], qscale, scales[c], qnorm, norms[c]);
-            any_nan |= s != s;
-            pairs[c] = ivf_scored_pair{s, c};
-        }
+    for (uint32_t j = 0; j < len; ++j) {
+        const uint32_t c = c0 + j;
+        const float s = orve::cosine_from_dot(dots[j], qscale, scales[c], qnorm, norms[c]);
+        any_nan |= s != s;
+        pairs[c] = ivf_scored_pair{s, c};
     }
+    return any_nan;
+}
+
+// Moves the best `best` scored pairs, in cmp_scored_desc order, to the front.
+void select_best(ivf_scored_pair* pairs, uint32_t count, uint32_t best, bool any_nan) {
     if (any_nan) {
         // With a NaN score a partial selection's order would depend on its algorithm; the full
         // sort with a total comparator fixes the order whatever selection is used below.
@@ -50,6 +49,43 @@ void score_and_select(const int8_t* qcode, float qscale, float qnorm, const int8
                       [](const ivf_scored_pair& a, const ivf_scored_pair& b) {
                           return a.score > b.score || (a.score == b.score && a.index < b.index);
                       });
+}
+
+}  // namespace
+
+void score_and_select(const int8_t* qcode, float qscale, float qnorm, const int8_t* codes,
+                      const float* scales, const float* norms, uint32_t count, uint32_t best,
+                      ivf_scored_pair* pairs) {
+    // Centroid codes are consecutive rows: score them with the many-rows kernel in blocks.
+    constexpr uint32_t kBlock = orve::kScanBlockRows;
+    int32_t dots[kBlock];
+    const orve::dot512_many_fn many = orve::kernels().dot512_many;
+    bool any_nan = false;
+    for (uint32_t c0 = 0; c0 < count; c0 += kBlock) {
+        const uint32_t len = count - c0 < kBlock ? count - c0 : kBlock;
+        many(qcode, codes + static_cast<std::size_t>(c0) * orve::kCodeBytes, len, dots);
+        any_nan |= score_block(dots, qscale, qnorm, scales, norms, c0, len, pairs);
+    }
+    select_best(pairs, count, best, any_nan);
+}
+
+void score_and_select_multi(const int8_t* const* qcodes, const float* qscales, const float* qnorms,
+                            const int8_t* codes, const float* scales, const float* norms,
+                            uint32_t count, uint32_t best, ivf_scored_pair* const* pairs) {
+    constexpr uint32_t kBlock = orve::kScanBlockRows;
+    constexpr uint32_t kQ = orve::kMultiQueries;
+    int32_t dots[kQ * kBlock];
+    const orve::dot512_multi_fn multi = orve::kernels().dot512_multi;
+    bool any_nan[kQ] = {};
+    for (uint32_t c0 = 0; c0 < count; c0 += kBlock) {
+        const uint32_t len = count - c0 < kBlock ? count - c0 : kBlock;
+        multi(qcodes, codes + static_cast<std::size_t>(c0) * orve::kCodeBytes, len, dots, kBlock);
+        for (uint32_t j = 0; j < kQ; ++j) {
+            any_nan[j] |= score_block(dots + j * kBlock, qscales[j], qnorms[j], scales, norms, c0,
+                                      len, pairs[j]);
+        }
+    }
+    for (uint32_t j = 0; j < kQ; ++j) select_best(pairs[j], count, best, any_nan[j]);
 }
 
 extern "C" ORVE_API int orve_ivf_route_top_buckets(const orve_ivf_index* index, const float* query,

@@ -34,6 +34,12 @@ void score_and_select(const int8_t* qcode, float qscale, float qnorm, const int8
                       const float* scales, const float* norms, uint32_t count, uint32_t best,
                       ivf_scored_pair* pairs);
 
+// score_and_select for kMultiQueries queries at once, each centroid code loaded once for all of
+// them: query j's pairs go to pairs[j], exactly as score_and_select would leave them.
+void score_and_select_multi(const int8_t* const* qcodes, const float* qscales, const float* qnorms,
+                            const int8_t* codes, const float* scales, const float* norms,
+                            uint32_t count, uint32_t best, ivf_scored_pair* const* pairs);
+
 // Builds `out` from rows that already have a bucket each: rows are copied bucket by bucket in
 // ascending input order and the float centroids (n_buckets x 512) are quantised. Every value of
 // `assignment` must be below n_buckets; the caller checks its inputs. 0, or -1 with `out` all

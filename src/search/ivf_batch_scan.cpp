@@ -15,6 +15,7 @@
 
 #include "core/publication.h"
 #include "core/system.h"
+#include "ivf/batch_routing.h"
 #include "search/index_scan.h"
 #include "search/query_context.h"
 
@@ -90,21 +91,38 @@ vector_similarity_query query_for(const orve512_batch_query* b, uint32_t i) {
     return q;
 }
 
-// Routes every query and sizes the buffers; false when routing or an allocation fails.
+// Quantises and routes every query and sizes the buffers; false when quantisation, routing or
+// an allocation fails.
 bool plan_batch(batch_plan& p) {
     const uint32_t nq = p.b->n_queries;
     const std::size_t pairs = static_cast<std::size_t>(nq) * p.probes;
     p.routes = c_alloc_array<uint32_t>(pairs);
     p.need = c_alloc_array<std::size_t>(nq);
     p.queries = c_alloc_array<vector_similarity_query>(nq);
-    if (!p.routes || !p.need || !p.queries) return false;
-    std::size_t most = 0, total = 0, widest = 0;
+    auto codes = c_alloc_array<int8_t>(static_cast<std::size_t>(nq) * kCodeBytes);
+    auto code_of = c_alloc_array<const int8_t*>(nq);
+    auto scales = c_alloc_array<float>(nq);
+    auto norms = c_alloc_array<float>(nq);
+    if (!p.routes || !p.need || !p.queries || !codes || !code_of || !scales || !norms) {
+        return false;
+    }
     for (uint32_t i = 0; i < nq; ++i) {
         p.queries[i] = query_for(p.b, i);
-        uint32_t* r = &p.routes[static_cast<std::size_t>(i) * p.probes];
-        if (orve_ivf_route_top_buckets(p.index, p.queries[i].query_vector, p.probes, r) != 0) {
+        int8_t* code = &codes[static_cast<std::size_t>(i) * kCodeBytes];
+        code_of[i] = code;
+        // The quantisation the one-query routing applies to the float query.
+        if (orve_quantize_float_vector_symmetric(p.queries[i].query_vector, ORVE512_DIM, code,
+                                                 &scales[i], &norms[i]) != 0) {
             return false;
         }
+    }
+    if (route_top_buckets_batch(p.index, code_of.get(), scales.get(), norms.get(), nq, p.probes,
+                                p.routes.get()) != 0) {
+        return false;
+    }
+    std::size_t most = 0, total = 0;
+    for (uint32_t i = 0; i < nq; ++i) {
+        const uint32_t* r = &p.routes[static_cast<std::size_t>(i) * p.probes];
         std::size_t n = 0;
         for (uint32_t j = 0; j < p.probes; ++j) {
             if (r[j] < p.index->n_buckets) n += p.index->bucket_sizes[r[j]];
@@ -113,7 +131,7 @@ bool plan_batch(batch_plan& p) {
         most = n > most ? n : most;
         total += n;
     }
-    widest = total < kMaxHeldDots ? total : kMaxHeldDots;
+    const std::size_t widest = total < kMaxHeldDots ? total : kMaxHeldDots;
     p.dots = c_alloc_array<int32_t>(widest > most ? widest : most);
     p.offsets = c_alloc_array<std::size_t>(pairs);
     p.slots = c_alloc_array<probe_slot>(pairs);
