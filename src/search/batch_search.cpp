@@ -9,20 +9,6 @@
 
 namespace {
 
-vector_similarity_query query_for(const orve512_batch_query* b, uint32_t i, bool use_ivf) {
-    vector_similarity_query q;
-    std::memset(&q, 0, sizeof q);
-    q.max_results = b->k;
-    q.min_similarity = b->min_similarity;
-    q.use_orve512 = 1;
-    q.query_vector = b->queries + static_cast<std::size_t>(i) * ORVE512_DIM;
-    q.use_ivf = use_ivf ? 1 : 0;
-    q.n_probe = b->n_probe;
-    q.rerank = b->rerank != 0 ? 1 : 0;
-    q.rerank_factor = b->rerank_factor;
-    return q;
-}
-
 vector_similarity_result* block_of(const orve512_batch_query* b, uint32_t i) {
     vector_similarity_result* block = b->results + static_cast<std::size_t>(b->k) * i;
     std::memset(block, 0, sizeof(vector_similarity_result) * b->k);
@@ -47,7 +33,7 @@ extern "C" ORVE_API int semantic_vector_indexing_system_search_similar_orve512_b
         }
     }
     for (uint32_t i = 0; i < b->n_queries; ++i) {
-        const vector_similarity_query q = query_for(b, i, b->use_ivf != 0);
+        const vector_similarity_query q = orve::batch_query_for(b, i, b->use_ivf != 0);
         uint32_t n = 0;
         if (semantic_vector_indexing_system_search_similar(sys, &q, block_of(b, i), &n) != 0) {
             return -1;

@@ -77,20 +77,6 @@ struct batch_plan {
     c_unique<probe_slot[]> slots;
 };
 
-vector_similarity_query query_for(const orve512_batch_query* b, uint32_t i) {
-    vector_similarity_query q;
-    std::memset(&q, 0, sizeof q);
-    q.max_results = b->k;
-    q.min_similarity = b->min_similarity;
-    q.use_orve512 = 1;
-    q.query_vector = b->queries + static_cast<std::size_t>(i) * ORVE512_DIM;
-    q.use_ivf = 1;
-    q.n_probe = b->n_probe;
-    q.rerank = b->rerank != 0 ? 1 : 0;
-    q.rerank_factor = b->rerank_factor;
-    return q;
-}
-
 // Quantises and routes every query and sizes the buffers; false when quantisation, routing or
 // an allocation fails.
 bool plan_batch(batch_plan& p) {
@@ -107,7 +93,7 @@ bool plan_batch(batch_plan& p) {
         return false;
     }
     for (uint32_t i = 0; i < nq; ++i) {
-        p.queries[i] = query_for(p.b, i);
+        p.queries[i] = batch_query_for(p.b, i, true);
         int8_t* code = &codes[static_cast<std::size_t>(i) * kCodeBytes];
         code_of[i] = code;
         // The quantisation the one-query routing applies to the float query.
@@ -202,6 +188,20 @@ bool answer_chunk(batch_plan& p, uint32_t i0, uint32_t i1) {
 }
 
 }  // namespace
+
+vector_similarity_query batch_query_for(const orve512_batch_query* b, uint32_t i, bool use_ivf) {
+    vector_similarity_query q;
+    std::memset(&q, 0, sizeof q);
+    q.max_results = b->k;
+    q.min_similarity = b->min_similarity;
+    q.use_orve512 = 1;
+    q.query_vector = b->queries + static_cast<std::size_t>(i) * ORVE512_DIM;
+    q.use_ivf = use_ivf ? 1 : 0;
+    q.n_probe = b->n_probe;
+    q.rerank = b->rerank != 0 ? 1 : 0;
+    q.rerank_factor = b->rerank_factor;
+    return q;
+}
 
 bool answer_batch_by_bucket(semantic_vector_indexing_system* sys, const orve512_batch_query* b,
                             ivf_live* holder) {

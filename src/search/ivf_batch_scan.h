@@ -7,6 +7,9 @@ struct ivf_live;
 
 namespace orve {
 
+// Query i of the batch as a one-query search would take it.
+vector_similarity_query batch_query_for(const orve512_batch_query* b, uint32_t i, bool use_ivf);
+
 // Answers every query of the batch on the pinned IVF, each exactly as the one-query pinned
 // search answers it (same ids, order and score bits), writing results and counts as the batch
 // call does. False when the batch could not run this way (no probes, a failed routing,
