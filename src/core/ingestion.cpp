@@ -176,7 +176,7 @@ extern "C" ORVE_API int semantic_vector_indexing_system_rebuild_clustering(
     } else {
         enhanced_clustering_index_destroy(c);
     }
-    if (enhanced_clustering_index_create(c, orve::kClusterCount, orve::kClusterDim) != 0) {
+    if (enhanced_clustering_index_create(c, orve::kClusterCount, orve::kLegacyDim) != 0) {
         // Keep no pointer to a destroyed index: ingestion then fails cleanly with -1 until a
         // later rebuild succeeds.
         std::free(c);
@@ -197,7 +197,7 @@ extern "C" ORVE_API int semantic_vector_indexing_system_update_embeddings(
     } else {
         enhanced_lsh_index_destroy(l);
     }
-    if (enhanced_lsh_index_create(l, orve::kLshDim, orve::kLshHashes) != 0) {
+    if (enhanced_lsh_index_create(l, orve::kLegacyDim, orve::kLshHashes) != 0) {
         std::free(l);
         sys->lsh_index = nullptr;
         return -1;
