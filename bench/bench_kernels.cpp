@@ -3,7 +3,8 @@
 // bandwidth, the ceiling for any scan), and of quantisation.
 //
 // Prints Google Benchmark's table, then a summary: for every kernel, rows per second in cache,
-// and over the large slab its throughput as a fraction of the streaming read.
+// and over the large slab its throughput as a fraction of the streaming read; and the
+// four-query form's (query, row) pairs per second beside the one-query form's.
 #include <benchmark/benchmark.h>
 
 #include <cstdio>
@@ -66,6 +67,26 @@ void scan(benchmark::State& state, const orve::kernel_table* k, std::size_t rows
     state.SetBytesProcessed(static_cast<int64_t>(rows * 512) * state.iterations());
 }
 
+// The four-query form over the same rows: (query, row) pairs scored per second.
+void scan_multi(benchmark::State& state, const orve::kernel_table* k, std::size_t rows) {
+    const int8_t* base = slab();
+    const int8_t* q[orve::kMultiQueries];
+    for (std::size_t j = 0; j < orve::kMultiQueries; ++j) q[j] = base + 512 * (g_slab_rows - 1 - j);
+    constexpr std::size_t kBlock = 128;
+    int32_t out[orve::kMultiQueries * kBlock];
+    for (auto _ : state) {
+        for (std::size_t r = 0; r < rows; r += kBlock) {
+            const std::size_t n = rows - r < kBlock ? rows - r : kBlock;
+            k->dot512_multi(q, base + 512 * r, n, out, kBlock);
+            benchmark::DoNotOptimize(out);
+        }
+        benchmark::ClobberMemory();
+    }
+    state.counters["pairs_per_s"] = benchmark::Counter(
+        static_cast<double>(rows * orve::kMultiQueries) * static_cast<double>(state.iterations()),
+        benchmark::Counter::kIsRate);
+}
+
 void stream_read(benchmark::State& state) {
     const auto* w = reinterpret_cast<const uint64_t*>(slab());
     const std::size_t words = g_slab_rows * 64;
@@ -105,7 +126,8 @@ class summary_reporter : public benchmark::ConsoleReporter {
         ConsoleReporter::ReportRuns(runs);
         for (const Run& r : runs) {
             if (r.run_type != Run::RT_Iteration) continue;
-            for (const char* c : {"bytes_per_second", "rows_per_s", "vectors_per_s"}) {
+            for (const char* c :
+                 {"bytes_per_second", "rows_per_s", "pairs_per_s", "vectors_per_s"}) {
                 auto it = r.counters.find(c);
                 if (it != r.counters.end()) figures[r.benchmark_name()][c] = it->second.value;
             }
@@ -139,6 +161,11 @@ int main(int argc, char** argv) {
         benchmark::RegisterBenchmark((name + "/" + slab_label).c_str(), scan, k, g_slab_rows)
             ->Unit(benchmark::kMillisecond)
             ->UseRealTime();
+        benchmark::RegisterBenchmark((name + "/x4/L2_1024rows").c_str(), scan_multi, k, kL2Rows);
+        benchmark::RegisterBenchmark((name + "/x4/" + slab_label).c_str(), scan_multi, k,
+                                     g_slab_rows)
+            ->Unit(benchmark::kMillisecond)
+            ->UseRealTime();
     }
     benchmark::RegisterBenchmark(("stream_read/" + slab_label).c_str(), stream_read)
         ->Unit(benchmark::kMillisecond)
@@ -162,6 +189,18 @@ int main(int argc, char** argv) {
                     stream > 0 ? 100.0 * big / stream : 0.0);
     }
     std::printf("%-14s %16s %16s %14.2f %11s\n", "stream read", "", "", stream / 1e9, "100%");
+    std::printf("\nFour queries per row load against one (query, row) pairs per second:\n");
+    std::printf("%-14s %16s %16s %16s %16s\n", "kernel", "L2 one", "L2 four", "slab one",
+                "slab four");
+    for (std::size_t i = 0; i < n; ++i) {
+        const std::string name = std::string("dot512/") + ks[i].name;
+        const double slab_rows =
+            f[name + "/" + slab_label + "/real_time"]["bytes_per_second"] / 512;
+        std::printf("%-14s %16.3e %16.3e %16.3e %16.3e\n", ks[i].name,
+                    f[name + "/L2_1024rows"]["rows_per_s"],
+                    f[name + "/x4/L2_1024rows"]["pairs_per_s"], slab_rows,
+                    f[name + "/x4/" + slab_label + "/real_time"]["pairs_per_s"]);
+    }
     const double q = f["quantize_512"]["vectors_per_s"];
     std::printf("quantisation: %.3e vectors/s\n", q);
     benchmark::Shutdown();
