@@ -86,8 +86,6 @@ TEST(KernelTables, EveryTableMatchesTheIndependentModels) {
     std::size_t n = 0;
     const orve::kernel_table* tables = orve::kernel_tables_available(&n);
     ASSERT_GE(n, 1u);
-    EXPECT_STREQ(tables[0].name, "portable");
-    EXPECT_EQ(&orve::kernels(), &tables[n - 1]);
     for (const auto* t = tables; t != tables + n; ++t) {
         std::printf("kernel table: %s\n", t->name);
         constexpr std::size_t R = inputs::kRows, ld = R + 3;
