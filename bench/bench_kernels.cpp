@@ -3,7 +3,8 @@
 // bandwidth, the ceiling for any scan), and of quantisation.
 //
 // Prints Google Benchmark's table, then a summary: for every kernel, rows per second in cache,
-// and over the large slab its throughput as a fraction of the streaming read.
+// and over the large slab its throughput as a fraction of the streaming read; and the
+// four-query form's (query, row) pairs per second beside the one-query form's.
 #include <benchmark/benchmark.h>
 
 #include <cstdio>
@@ -13,7 +14,7 @@
 #include <string>
 #include <vector>
 
-#include "quant/dot512_kernels.h"
+#include "quant/kernel_table.h"
 #include "semantic_vector_indexing.h"
 #include "util/c_alloc.h"
 
@@ -47,7 +48,7 @@ int8_t* slab() {
     return block.get();
 }
 
-void scan(benchmark::State& state, const orve::dot512_kernel* k, std::size_t rows) {
+void scan(benchmark::State& state, const orve::kernel_table* k, std::size_t rows) {
     const int8_t* base = slab();
     const int8_t* q = base + 512 * (g_slab_rows - 1);
     constexpr std::size_t kBlock = 256;  // scores land in a small buffer, as in a real scan
@@ -55,7 +56,7 @@ void scan(benchmark::State& state, const orve::dot512_kernel* k, std::size_t row
     for (auto _ : state) {
         for (std::size_t r = 0; r < rows; r += kBlock) {
             const std::size_t n = rows - r < kBlock ? rows - r : kBlock;
-            k->many(q, base + 512 * r, n, out);
+            k->dot512_many(q, base + 512 * r, n, out);
             benchmark::DoNotOptimize(out);
         }
         benchmark::ClobberMemory();
@@ -64,6 +65,26 @@ void scan(benchmark::State& state, const orve::dot512_kernel* k, std::size_t row
         benchmark::Counter(static_cast<double>(rows) * static_cast<double>(state.iterations()),
                            benchmark::Counter::kIsRate);
     state.SetBytesProcessed(static_cast<int64_t>(rows * 512) * state.iterations());
+}
+
+// The four-query form over the same rows: (query, row) pairs scored per second.
+void scan_multi(benchmark::State& state, const orve::kernel_table* k, std::size_t rows) {
+    const int8_t* base = slab();
+    const int8_t* q[orve::kMultiQueries];
+    for (std::size_t j = 0; j < orve::kMultiQueries; ++j) q[j] = base + 512 * (g_slab_rows - 1 - j);
+    constexpr std::size_t kBlock = 128;
+    int32_t out[orve::kMultiQueries * kBlock];
+    for (auto _ : state) {
+        for (std::size_t r = 0; r < rows; r += kBlock) {
+            const std::size_t n = rows - r < kBlock ? rows - r : kBlock;
+            k->dot512_multi(q, base + 512 * r, n, out, kBlock);
+            benchmark::DoNotOptimize(out);
+        }
+        benchmark::ClobberMemory();
+    }
+    state.counters["pairs_per_s"] = benchmark::Counter(
+        static_cast<double>(rows * orve::kMultiQueries) * static_cast<double>(state.iterations()),
+        benchmark::Counter::kIsRate);
 }
 
 void stream_read(benchmark::State& state) {
@@ -105,7 +126,8 @@ class summary_reporter : public benchmark::ConsoleReporter {
         ConsoleReporter::ReportRuns(runs);
         for (const Run& r : runs) {
             if (r.run_type != Run::RT_Iteration) continue;
-            for (const char* c : {"bytes_per_second", "rows_per_s", "vectors_per_s"}) {
+            for (const char* c :
+                 {"bytes_per_second", "rows_per_s", "pairs_per_s", "vectors_per_s"}) {
                 auto it = r.counters.find(c);
                 if (it != r.counters.end()) figures[r.benchmark_name()][c] = it->second.value;
             }
@@ -129,14 +151,19 @@ int main(int argc, char** argv) {
     benchmark::Initialize(&argc, argv);
 
     std::size_t n = 0;
-    const orve::dot512_kernel* ks = orve::dot512_kernels_available(&n);
+    const orve::kernel_table* ks = orve::kernel_tables_available(&n);
     const std::string slab_label = "slab_" + std::to_string(g_slab_rows / 2048) + "MiB";
     for (std::size_t i = 0; i < n; ++i) {
-        const orve::dot512_kernel* k = &ks[i];
+        const orve::kernel_table* k = &ks[i];
         const std::string name = std::string("dot512/") + k->name;
         benchmark::RegisterBenchmark((name + "/L1_48rows").c_str(), scan, k, kL1Rows);
         benchmark::RegisterBenchmark((name + "/L2_1024rows").c_str(), scan, k, kL2Rows);
         benchmark::RegisterBenchmark((name + "/" + slab_label).c_str(), scan, k, g_slab_rows)
+            ->Unit(benchmark::kMillisecond)
+            ->UseRealTime();
+        benchmark::RegisterBenchmark((name + "/x4/L2_1024rows").c_str(), scan_multi, k, kL2Rows);
+        benchmark::RegisterBenchmark((name + "/x4/" + slab_label).c_str(), scan_multi, k,
+                                     g_slab_rows)
             ->Unit(benchmark::kMillisecond)
             ->UseRealTime();
     }
@@ -150,7 +177,7 @@ int main(int argc, char** argv) {
 
     auto& f = reporter.figures;
     const double stream = f["stream_read/" + slab_label + "/real_time"]["bytes_per_second"];
-    std::printf("\nSummary (best kernel on this machine: %s)\n", orve::dot512_best().name);
+    std::printf("\nSummary (best kernel on this machine: %s)\n", orve::kernels().name);
     std::printf("%-14s %16s %16s %14s %12s\n", "kernel", "L1 rows/s", "L2 rows/s", "slab GB/s",
                 "of stream");
     for (std::size_t i = 0; i < n; ++i) {
@@ -162,6 +189,18 @@ int main(int argc, char** argv) {
                     stream > 0 ? 100.0 * big / stream : 0.0);
     }
     std::printf("%-14s %16s %16s %14.2f %11s\n", "stream read", "", "", stream / 1e9, "100%");
+    std::printf("\nFour queries per row load against one (query, row) pairs per second:\n");
+    std::printf("%-14s %16s %16s %16s %16s\n", "kernel", "L2 one", "L2 four", "slab one",
+                "slab four");
+    for (std::size_t i = 0; i < n; ++i) {
+        const std::string name = std::string("dot512/") + ks[i].name;
+        const double slab_rows =
+            f[name + "/" + slab_label + "/real_time"]["bytes_per_second"] / 512;
+        std::printf("%-14s %16.3e %16.3e %16.3e %16.3e\n", ks[i].name,
+                    f[name + "/L2_1024rows"]["rows_per_s"],
+                    f[name + "/x4/L2_1024rows"]["pairs_per_s"], slab_rows,
+                    f[name + "/x4/" + slab_label + "/real_time"]["pairs_per_s"]);
+    }
     const double q = f["quantize_512"]["vectors_per_s"];
     std::printf("quantisation: %.3e vectors/s\n", q);
     benchmark::Shutdown();

@@ -1,10 +1,12 @@
 // End-to-end figures for the system object: ingestion rate (with and without a sidecar),
 // brute-force queries per second at two sizes with the scan rate as a fraction of this
-// machine's single-thread read bandwidth, resident memory per stored row, and the IVF and
-// H-IVF build times with the peak memory of each stage.
+// machine's single-thread read bandwidth, the IVF and H-IVF scan rates at high probe counts
+// against brute force's, an IVF batch against the same queries one at a time, resident memory per
+// stored row, and the IVF and H-IVF build times with the peak memory of each stage.
 //
-// Usage: bench_system [--rows N] [--builds-only [--skip-ivf] | --ingestion] (default 1000000;
-// the small size is N / 10).
+// Usage: bench_system [--rows N] [--builds-only [--skip-ivf] | --ingestion | --scans] (default
+// 1000000; the small size is N / 10).
+//   --scans         only the scan rates and the batch figures, at both sizes
 //   --builds-only   only the build figures, at both sizes
 //   --skip-ivf      with --builds-only: no IVF build, so the H-IVF figures hold no IVF index
 //   --ingestion     only the ingestion and sidecar replay rates, at both sizes
@@ -20,6 +22,7 @@
 #include <vector>
 
 #include "semantic_vector_indexing.h"
+#include "core/publication.h"
 #include "util/c_alloc.h"
 
 namespace {
@@ -192,6 +195,118 @@ void brute_force(object& o, std::size_t rows, const std::vector<float>& centres,
         rows, 1.0 / s, rows_per_s, rows_per_s * 512 / 1e9, 100.0 * rows_per_s * 512 / bw);
 }
 
+// Queries per second of `run` over the 64 queries, repeated for at least about 0.3 s.
+template <typename Run>
+double queries_per_second(Run run) {
+    int reps = 0;
+    const auto t0 = clock_type::now();
+    do {
+        for (uint32_t i = 0; i < 64; ++i) run(i);
+        reps += 64;
+    } while (seconds_since(t0) < 0.3);
+    return reps / seconds_since(t0);
+}
+
+// Rows a query scans at n_probe: the sizes of its routed buckets, averaged over the queries.
+double ivf_rows_scanned(object& o, const std::vector<float>& queries, uint32_t n_probe) {
+    ivf_live* live = nullptr;
+    if (ivf_rcu_pin_live(o.sys, &live) != 0) return 0;
+    const orve_ivf_index& idx = live->index;
+    const uint32_t n = n_probe < idx.n_buckets ? n_probe : idx.n_buckets;
+    std::vector<uint32_t> b(n);
+    double rows = 0;
+    for (uint32_t i = 0; i < 64; ++i) {
+        if (orve_ivf_route_top_buckets(&idx, &queries[512 * i], n, b.data()) != 0) continue;
+        for (uint32_t j = 0; j < n; ++j) rows += idx.bucket_sizes[b[j]];
+    }
+    ivf_live_release(live);
+    return rows / 64;
+}
+
+// An IVF batch of the 64 queries at n_probe 8, k 10, against the same queries one at a time.
+void batch_figures(object& o, std::vector<float>& queries, const char* label) {
+    std::vector<vector_similarity_result> out(64 * 10);
+    orve512_batch_query bq = {};
+    bq.n_queries = 64;
+    bq.k = 10;
+    bq.min_similarity = -2.0f;
+    bq.use_ivf = 1;
+    bq.n_probe = 8;
+    bq.queries = queries.data();
+    bq.results = out.data();
+    const double batch = queries_per_second([&](uint32_t i) {
+        if (i == 0) semantic_vector_indexing_system_search_similar_orve512_batch(o.sys, &bq);
+    });
+    const double single = queries_per_second([&](uint32_t i) {
+        vector_similarity_query q = {};
+        q.use_orve512 = 1;
+        q.max_results = 10;
+        q.min_similarity = -2.0f;
+        q.query_vector = &queries[512 * i];
+        q.use_ivf = 1;
+        q.n_probe = 8;
+        uint32_t n = 0;
+        semantic_vector_indexing_system_search_similar(o.sys, &q, out.data(), &n);
+    });
+    std::printf(
+        "  IVF n_probe 8, k 10%s: batch of 64 %.0f queries/s, one at a time %.0f "
+        "queries/s (%.2fx)\n",
+        label, batch, single, batch / single);
+}
+
+// Scan rates of brute force, the IVF and the H-IVF at high probe counts (rows scored per
+// second), and an IVF batch of 64 queries at n_probe 8 against the same queries one at a time.
+void index_scans(object& o, std::size_t rows, const std::vector<float>& centres) {
+    rng r{4242};
+    std::vector<float> queries(64 * 512);
+    fill_rows(queries, 11, centres, r);
+    const auto nlist = static_cast<uint32_t>(2.0 * std::sqrt(static_cast<double>(rows)));
+    const auto b = static_cast<uint32_t>(std::ceil(std::sqrt(static_cast<double>(nlist))));
+    if (semantic_vector_indexing_system_build_ivf(o.sys, nlist, 42) != 0 ||
+        semantic_vector_indexing_system_build_ivf_level2(o.sys, b, b, 42) != 0) {
+        std::printf("index scans, %zu rows: build failed\n", rows);
+        return;
+    }
+    vector_similarity_result res[10];
+    uint32_t n = 0;
+    auto one = [&](uint8_t ivf, uint32_t probes, uint8_t hivf, uint32_t p1, uint32_t p2) {
+        return queries_per_second([&](uint32_t i) {
+            vector_similarity_query q = {};
+            q.use_orve512 = 1;
+            q.max_results = 10;
+            q.min_similarity = -2.0f;
+            q.query_vector = &queries[512 * i];
+            q.use_ivf = ivf;
+            q.n_probe = probes;
+            q.use_hivf = hivf;
+            q.n_probe_l1 = p1;
+            q.n_probe_l2 = p2;
+            semantic_vector_indexing_system_search_similar(o.sys, &q, res, &n);
+        });
+    };
+    const double brute = one(0, 0, 0, 0, 0) * rows;
+    std::printf("scan rates, %8zu rows (nlist %u, H-IVF %u x %u):\n", rows, nlist, b, b);
+    std::printf("  brute force:              %.3e rows/s\n", brute);
+    for (uint32_t probes : {nlist, nlist / 2, nlist / 8}) {
+        const double rate = one(1, probes, 0, 0, 0) * ivf_rows_scanned(o, queries, probes);
+        std::printf("  IVF n_probe %5u:        %.3e rows/s (%3.0f%% of brute force)\n", probes,
+                    rate, 100.0 * rate / brute);
+    }
+    // Every leaf probed: the H-IVF scans every row.
+    const double hivf = one(0, 0, 1, b, b) * rows;
+    std::printf("  H-IVF all %3u x %3u:      %.3e rows/s (%3.0f%% of brute force)\n", b, b, hivf,
+                100.0 * hivf / brute);
+
+    batch_figures(o, queries, "");
+    // Batches whose queries are near each other probe the same buckets, which is where
+    // scoring a bucket once for all its queries pays: 64 queries around 8 of the above.
+    std::vector<float> near(queries.size());
+    for (std::size_t i = 0; i < near.size(); ++i) {
+        near[i] = queries[i % (8 * 512)] + 0.05f * r.next();
+    }
+    batch_figures(o, near, " (64 queries near 8)");
+}
+
 // One stage of a build: seconds, and the peak resident memory during it per stored row, both
 // in total and above what was resident when the stage began.
 template <typename Stage>
@@ -259,6 +374,18 @@ int main(int argc, char** argv) {
         }
     }
     if (ingestion_only(argc, argv, big)) return 0;
+    for (int i = 1; i < argc; ++i) {
+        if (std::strcmp(argv[i], "--scans") != 0) continue;
+        std::vector<float> centres(256 * 512);
+        rng r{7};
+        for (float& x : centres) x = r.next();
+        for (std::size_t rows : {big / 10, big}) {
+            object o(rows);
+            ingest(o, rows, centres);
+            index_scans(o, rows, centres);
+        }
+        return 0;
+    }
     const std::size_t small = big / 10;
     std::vector<float> centres(256 * 512);
     rng r{7};
@@ -295,6 +422,7 @@ int main(int argc, char** argv) {
         object o(small);
         ingest(o, small, centres);
         brute_force(o, small, centres, bw);
+        index_scans(o, small, centres);
     }
     {
         const long before = resident_bytes();
@@ -302,6 +430,7 @@ int main(int argc, char** argv) {
         ingest(o, big, centres);
         const long after = resident_bytes();
         brute_force(o, big, centres, bw);
+        index_scans(o, big, centres);
         std::printf("resident memory: %.0f bytes per stored row (%zu rows)\n",
                     static_cast<double>(after - before) / big, big);
     }

@@ -56,7 +56,7 @@ extern "C" ORVE_API int orve_flat_index_ensure(semantic_vector_indexing_system* 
     // The code block is not zero-filled: its pages are touched only as rows arrive, so a large
     // capacity costs address space, not memory. Scans read only rows marked valid.
     auto block = orve::c_aligned_array<int8_t>(
-        orve::kFlatHeaderBytes + static_cast<std::size_t>(sys->capacity) * orve::kRowBytes, 64);
+        orve::kFlatHeaderBytes + static_cast<std::size_t>(sys->capacity) * orve::kCodeBytes, 64);
     auto scale = orve::c_calloc_array<float>(sys->capacity);
     auto norm = orve::c_calloc_array<float>(sys->capacity);
     auto valid = orve::c_calloc_array<uint8_t>(sys->capacity);

@@ -6,7 +6,7 @@
 #include "semantic_vector_indexing.h"
 
 namespace {
-constexpr int kLegacyDim = 128;
+constexpr int kLegacyDim = ORVE_HASHED_EMBEDDING_DIM;
 }
 
 extern "C" ORVE_API float calculate_cosine_similarity(const float* a, const float* b) {

@@ -1,6 +1,7 @@
 // Ingestion: rows are appended to the node table, quantised into the flat store, offered to
 // the legacy indexes and the sidecar. A row that fails at any step leaves no trace in the node
 // table, the valid map, the row count, the generation or the sidecar.
+#include <cstddef>
 #include <cstring>
 #include <cstdlib>
 #include <ctime>
@@ -56,7 +57,7 @@ int offer_to_legacy(semantic_vector_indexing_system* sys, uint32_t node_id, cons
 // index: the LSH index has no removal.
 int write_row(semantic_vector_indexing_system* sys, uint32_t r, uint32_t node_id, const float* vec,
               const int8_t* codes, float scale, float norm, const legacy_placement* pre) {
-    std::memcpy(sys->slab_i8 + r * orve::kRowBytes, codes, orve::kRowBytes);
+    std::memcpy(sys->slab_i8 + r * orve::kCodeBytes, codes, orve::kCodeBytes);
     sys->row_scale[r] = scale;
     sys->row_norm[r] = norm;
     sys->row_valid[r] = 1;
@@ -116,7 +117,7 @@ extern "C" ORVE_API int semantic_vector_indexing_system_add_embedding_orve512(
         clear_node(&sys->nodes[r]);
         return -1;
     }
-    int8_t codes[orve::kRowBytes];
+    int8_t codes[orve::kCodeBytes];
     float scale = 0.0f, norm = 0.0f;
     orve_quantize_float_vector_symmetric(vec, ORVE512_DIM, codes, &scale, &norm);
     if (write_row(sys, r, node_id, vec, codes, scale, norm, nullptr) != 0) return -1;
@@ -137,7 +138,7 @@ extern "C" ORVE_API int semantic_vector_indexing_system_load_vectors_f32(
     // one row per vector lane) and then stored row by row, so a row that fails leaves the slab
     // rows after it exactly as the one-row path would.
     constexpr uint32_t kBlock = 32;
-    int8_t codes[kBlock * orve::kRowBytes];
+    int8_t codes[kBlock * orve::kCodeBytes];
     float scales[kBlock];
     float norms[kBlock];
     // The legacy indexes' hashes and clusters of the block, worked out a block at a time too.
@@ -159,7 +160,7 @@ extern "C" ORVE_API int semantic_vector_indexing_system_load_vectors_f32(
             const float* vec = vecs + static_cast<std::size_t>(k) * ORVE512_DIM;
             fill_embedding_node(&sys->nodes[r], id, t);
             const legacy_placement pre{hashes + j * ENHANCED_LSH_MAX_HASHES, clusters[j]};
-            if (write_row(sys, r, id, vec, codes + j * orve::kRowBytes, scales[j], norms[j],
+            if (write_row(sys, r, id, vec, codes + j * orve::kCodeBytes, scales[j], norms[j],
                           legacy_ready ? &pre : nullptr) != 0) {
                 return static_cast<int>(k);
             }
@@ -182,9 +183,9 @@ extern "C" ORVE_API int semantic_vector_indexing_system_add_node(
     uint32_t id;
     double weight;
     int64_t timestamp;
-    std::memcpy(&id, bytes + 0, sizeof id);
-    std::memcpy(&weight, bytes + 616, sizeof weight);
-    std::memcpy(&timestamp, bytes + 624, sizeof timestamp);
+    std::memcpy(&id, bytes + offsetof(orve_host_node, node_id), sizeof id);
+    std::memcpy(&weight, bytes + offsetof(orve_host_node, weight), sizeof weight);
+    std::memcpy(&timestamp, bytes + offsetof(orve_host_node, timestamp), sizeof timestamp);
 
     const uint32_t r = sys->node_count;
     indexed_node* n = &sys->nodes[r];
@@ -209,7 +210,7 @@ extern "C" ORVE_API int semantic_vector_indexing_system_rebuild_clustering(
     } else {
         enhanced_clustering_index_destroy(c);
     }
-    if (enhanced_clustering_index_create(c, orve::kClusterCount, orve::kClusterDim) != 0) {
+    if (enhanced_clustering_index_create(c, orve::kClusterCount, orve::kLegacyDim) != 0) {
         // Keep no pointer to a destroyed index: ingestion then fails cleanly with -1 until a
         // later rebuild succeeds.
         std::free(c);
@@ -230,7 +231,7 @@ extern "C" ORVE_API int semantic_vector_indexing_system_update_embeddings(
     } else {
         enhanced_lsh_index_destroy(l);
     }
-    if (enhanced_lsh_index_create(l, orve::kLshDim, orve::kLshHashes) != 0) {
+    if (enhanced_lsh_index_create(l, orve::kLegacyDim, orve::kLshHashes) != 0) {
         std::free(l);
         sys->lsh_index = nullptr;
         return -1;

@@ -90,7 +90,7 @@ bool copy_without_rows(const orve_hivf_index& src, orve_hivf_index& dst) {
     dst.b1 = src.b1;
     dst.b2 = src.b2;
     const std::size_t b1 = src.b1;
-    if (!copy_array(dst.l1_centroid_codes, src.l1_centroid_codes, b1 * orve::kRowBytes, 16) ||
+    if (!copy_array(dst.l1_centroid_codes, src.l1_centroid_codes, b1 * orve::kCodeBytes, 16) ||
         !copy_array(dst.l1_centroid_scales, src.l1_centroid_scales, b1) ||
         !copy_array(dst.l1_centroid_norms, src.l1_centroid_norms, b1)) {
         return false;
@@ -104,7 +104,7 @@ bool copy_without_rows(const orve_hivf_index& src, orve_hivf_index& dst) {
         d.n_rows = s.n_rows;
         d.n_buckets = s.n_buckets;
         const std::size_t nb = s.n_buckets;
-        if (!copy_array(d.centroid_codes, s.centroid_codes, nb * orve::kRowBytes, 64) ||
+        if (!copy_array(d.centroid_codes, s.centroid_codes, nb * orve::kCodeBytes, 64) ||
             !copy_array(d.centroid_scales, s.centroid_scales, nb) ||
             !copy_array(d.centroid_norms, s.centroid_norms, nb) ||
             !copy_array(d.bucket_offsets, s.bucket_offsets, nb) ||

@@ -57,7 +57,7 @@ int take_snapshot(semantic_vector_indexing_system* sys, build_check check, uint3
         }
         s = snapshot{};
         const std::size_t n_sz = n;
-        s.codes = orve::c_aligned_array<int8_t>(n_sz * orve::kRowBytes, 64);
+        s.codes = orve::c_aligned_array<int8_t>(n_sz * orve::kCodeBytes, 64);
         s.scales = orve::c_alloc_array<float>(n_sz);
         s.norms = orve::c_alloc_array<float>(n_sz);
         if (!s.codes || !s.scales || !s.norms) return -1;
@@ -66,7 +66,7 @@ int take_snapshot(semantic_vector_indexing_system* sys, build_check check, uint3
         if (sys->ingest_generation.load(std::memory_order_acquire) != g || sys->node_count != n) {
             continue;
         }
-        std::memcpy(s.codes.get(), sys->slab_i8, n_sz * orve::kRowBytes);
+        std::memcpy(s.codes.get(), sys->slab_i8, n_sz * orve::kCodeBytes);
         std::memcpy(s.scales.get(), sys->row_scale, n_sz * sizeof(float));
         std::memcpy(s.norms.get(), sys->row_norm, n_sz * sizeof(float));
         s.n = n;

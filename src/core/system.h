@@ -45,10 +45,10 @@ struct semantic_vector_indexing_system {
 namespace orve {
 
 constexpr uint32_t kMaxCapacity = 1100000;
-constexpr int kLshDim = 128;
+// The legacy LSH and clustering indexes hold the hashed text embeddings.
+constexpr int kLegacyDim = ORVE_HASHED_EMBEDDING_DIM;
 constexpr int kLshHashes = 8;
 constexpr int kClusterCount = 100;
-constexpr int kClusterDim = 128;
 
 // Holds the object's recursive lock for a scope.
 class object_lock {

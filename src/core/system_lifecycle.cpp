@@ -18,8 +18,8 @@ int create_legacy_indexes(semantic_vector_indexing_system* sys) {
     orve::c_unique<enhanced_clustering_index> clu(
         static_cast<enhanced_clustering_index*>(std::malloc(sizeof(enhanced_clustering_index))));
     if (!lsh || !clu) return -1;
-    if (enhanced_lsh_index_create(lsh.get(), orve::kLshDim, orve::kLshHashes) != 0) return -1;
-    if (enhanced_clustering_index_create(clu.get(), orve::kClusterCount, orve::kClusterDim) != 0) {
+    if (enhanced_lsh_index_create(lsh.get(), orve::kLegacyDim, orve::kLshHashes) != 0) return -1;
+    if (enhanced_clustering_index_create(clu.get(), orve::kClusterCount, orve::kLegacyDim) != 0) {
         enhanced_lsh_index_destroy(lsh.get());
         return -1;
     }

@@ -5,7 +5,7 @@
 
 #include "ivf/ivf_internal.h"
 #include "quant/cosine.h"
-#include "quant/dot512_kernels.h"
+#include "quant/kernel_table.h"
 #include "util/c_alloc.h"
 
 int cmp_scored_desc(const void* a, const void* b) {
@@ -19,27 +19,26 @@ int cmp_scored_desc(const void* a, const void* b) {
     return 0;
 }
 
-void score_and_select(const int8_t* qcode, float qscale, float qnorm, const int8_t* codes,
-                      const float* scales, const float* norms, uint32_t count, uint32_t best,
-                      ivf_scored_pair* pairs) {
-    // Centroid codes are consecutive rows: score them with the many-rows kernel in blocks.
-    constexpr uint32_t kBlock = 128;
-    int32_t dots[kBlock];
-    const orve::dot512_many_fn many = orve::dot512_best().many;
+namespace {
+
+// Cosines of dots[0 .. len) against centroids c0 .. c0 + len into pairs; true if any is NaN.
+bool score_block(const int32_t* dots, float qscale, float qnorm, const float* scales,
+                 const float* norms, uint32_t c0, uint32_t len, ivf_scored_pair* pairs) {
     bool any_nan = false;
-    for (uint32_t c0 = 0; c0 < count; c0 += kBlock) {
-        const uint32_t len = count - c0 < kBlock ? count - c0 : kBlock;
-        many(qcode, codes + static_cast<std::size_t>(c0) * orve::kRowBytes, len, dots);
-        for (uint32_t j = 0; j < len; ++j) {
-            const uint32_t c = c0 + j;
-            const float s = orve::cosine_from_dot(dots[j], qscale, scales[c], qnorm, norms[c]);
-            any_nan |= s != s;
-            pairs[c] = ivf_scored_pair{s, c};
-        }
+    for (uint32_t j = 0; j < len; ++j) {
+        const uint32_t c = c0 + j;
+        const float s = orve::cosine_from_dot(dots[j], qscale, scales[c], qnorm, norms[c]);
+        any_nan |= s != s;
+        pairs[c] = ivf_scored_pair{s, c};
     }
+    return any_nan;
+}
+
+// Moves the best `best` scored pairs, in cmp_scored_desc order, to the front.
+void select_best(ivf_scored_pair* pairs, uint32_t count, uint32_t best, bool any_nan) {
     if (any_nan) {
-        // NaN makes the order depend on the sorting algorithm; the full sort keeps it the one
-        // every caller has always seen.
+        // With a NaN score a partial selection's order would depend on its algorithm; the full
+        // sort with a total comparator fixes the order whatever selection is used below.
         std::qsort(pairs, count, sizeof(ivf_scored_pair), cmp_scored_desc);
         return;
     }
@@ -52,14 +51,51 @@ void score_and_select(const int8_t* qcode, float qscale, float qnorm, const int8
                       });
 }
 
+}  // namespace
+
+void score_and_select(const int8_t* qcode, float qscale, float qnorm, const int8_t* codes,
+                      const float* scales, const float* norms, uint32_t count, uint32_t best,
+                      ivf_scored_pair* pairs) {
+    // Centroid codes are consecutive rows: score them with the many-rows kernel in blocks.
+    constexpr uint32_t kBlock = orve::kScanBlockRows;
+    int32_t dots[kBlock];
+    const orve::dot512_many_fn many = orve::kernels().dot512_many;
+    bool any_nan = false;
+    for (uint32_t c0 = 0; c0 < count; c0 += kBlock) {
+        const uint32_t len = count - c0 < kBlock ? count - c0 : kBlock;
+        many(qcode, codes + static_cast<std::size_t>(c0) * orve::kCodeBytes, len, dots);
+        any_nan |= score_block(dots, qscale, qnorm, scales, norms, c0, len, pairs);
+    }
+    select_best(pairs, count, best, any_nan);
+}
+
+void score_and_select_multi(const int8_t* const* qcodes, const float* qscales, const float* qnorms,
+                            const int8_t* codes, const float* scales, const float* norms,
+                            uint32_t count, uint32_t best, ivf_scored_pair* const* pairs) {
+    constexpr uint32_t kBlock = orve::kScanBlockRows;
+    constexpr uint32_t kQ = orve::kMultiQueries;
+    int32_t dots[kQ * kBlock];
+    const orve::dot512_multi_fn multi = orve::kernels().dot512_multi;
+    bool any_nan[kQ] = {};
+    for (uint32_t c0 = 0; c0 < count; c0 += kBlock) {
+        const uint32_t len = count - c0 < kBlock ? count - c0 : kBlock;
+        multi(qcodes, codes + static_cast<std::size_t>(c0) * orve::kCodeBytes, len, dots, kBlock);
+        for (uint32_t j = 0; j < kQ; ++j) {
+            any_nan[j] |= score_block(dots + j * kBlock, qscales[j], qnorms[j], scales, norms, c0,
+                                      len, pairs[j]);
+        }
+    }
+    for (uint32_t j = 0; j < kQ; ++j) select_best(pairs[j], count, best, any_nan[j]);
+}
+
 extern "C" ORVE_API int orve_ivf_route_top_buckets(const orve_ivf_index* index, const float* query,
                                                    uint32_t n_probe, uint32_t* out_buckets) {
     if (index == nullptr || query == nullptr || out_buckets == nullptr || index->n_buckets == 0 ||
         n_probe == 0) {
         return -1;
     }
-    // Choice: an index that claims buckets but has no centroid arrays is malformed (a complete
-    // index always has them); refusing it beats reading through a null pointer.
+    // An index that claims buckets but has no centroid arrays is malformed (a complete index
+    // always has them); refusing it beats reading through a null pointer.
     if (index->centroid_codes == nullptr || index->centroid_scales == nullptr ||
         index->centroid_norms == nullptr) {
         return -1;
@@ -67,7 +103,7 @@ extern "C" ORVE_API int orve_ivf_route_top_buckets(const orve_ivf_index* index, 
     const uint32_t nb = index->n_buckets;
     const uint32_t p = n_probe < nb ? n_probe : nb;
 
-    orve::c_unique<int8_t[]> qcode = orve::c_alloc_array<int8_t>(orve::kRowBytes);
+    orve::c_unique<int8_t[]> qcode = orve::c_alloc_array<int8_t>(orve::kCodeBytes);
     if (!qcode) return -1;
     float qscale = 0.0f, qnorm = 0.0f;
     if (orve_quantize_float_vector_symmetric(query, ORVE512_DIM, qcode.get(), &qscale, &qnorm) !=

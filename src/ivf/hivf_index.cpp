@@ -11,7 +11,7 @@
 
 namespace {
 
-using orve::kRowBytes;
+using orve::kCodeBytes;
 
 // Rows of one level-1 bucket, gathered in ascending row order. Allocated once with room for
 // every row and reused for each bucket.
@@ -24,13 +24,13 @@ struct member_buffers {
     uint32_t count = 0;
 
     bool allocate(uint32_t n, bool with_rows) {
-        codes = orve::c_aligned_array<int8_t>(static_cast<std::size_t>(n) * kRowBytes, 64);
+        codes = orve::c_aligned_array<int8_t>(static_cast<std::size_t>(n) * kCodeBytes, 64);
         scales = orve::c_alloc_array<float>(n);
         norms = orve::c_alloc_array<float>(n);
         ids = orve::c_alloc_array<uint32_t>(n);
         if (!codes || !scales || !norms || !ids) return false;
         if (with_rows) {
-            rows = orve::c_alloc_array<float>(static_cast<std::size_t>(n) * kRowBytes);
+            rows = orve::c_alloc_array<float>(static_cast<std::size_t>(n) * kCodeBytes);
             if (!rows) return false;
         }
         return true;
@@ -43,14 +43,14 @@ struct member_buffers {
             if (assignment[r] != bucket) continue;
             const uint32_t m = count++;
             ids[m] = r;
-            std::memcpy(codes.get() + static_cast<std::size_t>(m) * kRowBytes,
-                        in_codes + static_cast<std::size_t>(r) * kRowBytes, kRowBytes);
+            std::memcpy(codes.get() + static_cast<std::size_t>(m) * kCodeBytes,
+                        in_codes + static_cast<std::size_t>(r) * kCodeBytes, kCodeBytes);
             scales[m] = in_scales[r];
             norms[m] = in_norms[r];
             if (in_rows != nullptr) {
-                std::memcpy(rows.get() + static_cast<std::size_t>(m) * kRowBytes,
-                            in_rows + static_cast<std::size_t>(r) * kRowBytes,
-                            kRowBytes * sizeof(float));
+                std::memcpy(rows.get() + static_cast<std::size_t>(m) * kCodeBytes,
+                            in_rows + static_cast<std::size_t>(r) * kCodeBytes,
+                            kCodeBytes * sizeof(float));
             }
         }
     }
@@ -74,15 +74,15 @@ bool fill_level1(orve_hivf_index* out, uint32_t b1, uint32_t b2, const float* ce
     out->b1 = b1;
     out->b2 = b2;
     orve::c_unique<int8_t[]> codes =
-        orve::c_aligned_array<int8_t>(static_cast<std::size_t>(b1) * kRowBytes, 16);
+        orve::c_aligned_array<int8_t>(static_cast<std::size_t>(b1) * kCodeBytes, 16);
     orve::c_unique<float[]> scales = orve::c_alloc_array<float>(b1);
     orve::c_unique<float[]> norms = orve::c_alloc_array<float>(b1);
     orve::c_unique<orve_ivf_index[]> leaves = orve::c_calloc_array<orve_ivf_index>(b1);
     if (!codes || !scales || !norms || !leaves) return false;
     for (uint32_t i = 0; i < b1; ++i) {
         if (orve_quantize_float_vector_symmetric(
-                centroids + static_cast<std::size_t>(i) * kRowBytes, ORVE512_DIM,
-                codes.get() + static_cast<std::size_t>(i) * kRowBytes, &scales[i],
+                centroids + static_cast<std::size_t>(i) * kCodeBytes, ORVE512_DIM,
+                codes.get() + static_cast<std::size_t>(i) * kCodeBytes, &scales[i],
                 &norms[i]) != 0) {
             return false;
         }
@@ -98,9 +98,9 @@ bool fill_level1(orve_hivf_index* out, uint32_t b1, uint32_t b2, const float* ce
 int build_leaf_i8(const int8_t* codes, const float* scales, const float* norms, uint32_t m,
                   uint32_t k2, uint32_t leaf_seed, orve_ivf_index* leaf) {
     orve::c_unique<float[]> centroids =
-        orve::c_alloc_array<float>(static_cast<std::size_t>(k2) * kRowBytes);
+        orve::c_alloc_array<float>(static_cast<std::size_t>(k2) * kCodeBytes);
     orve::c_unique<int8_t[]> centroid_codes =
-        orve::c_aligned_array<int8_t>(static_cast<std::size_t>(k2) * kRowBytes, 64);
+        orve::c_aligned_array<int8_t>(static_cast<std::size_t>(k2) * kCodeBytes, 64);
     orve::c_unique<uint32_t[]> assignment = orve::c_alloc_array<uint32_t>(m);
     if (!centroids || !centroid_codes || !assignment) return -1;
     if (orve::kmeans_i8_train(codes, scales, m, k2, leaf_seed, centroids.get(),
@@ -143,9 +143,9 @@ bool build_level1_i8(const int8_t* codes, const float* scales, uint32_t n, uint3
                      uint32_t seed, orve_hivf_index* out, bucket_order& buckets) {
     orve::c_unique<uint32_t[]> assignment = orve::c_alloc_array<uint32_t>(n);
     orve::c_unique<float[]> centroids =
-        orve::c_alloc_array<float>(static_cast<std::size_t>(b1) * kRowBytes);
+        orve::c_alloc_array<float>(static_cast<std::size_t>(b1) * kCodeBytes);
     orve::c_unique<int8_t[]> centroid_codes =
-        orve::c_aligned_array<int8_t>(static_cast<std::size_t>(b1) * kRowBytes, 64);
+        orve::c_aligned_array<int8_t>(static_cast<std::size_t>(b1) * kCodeBytes, 64);
     if (!assignment || !centroids || !centroid_codes) return false;
     if (orve::kmeans_i8_train(codes, scales, n, b1, seed, centroids.get(), centroid_codes.get(),
                               assignment.get()) != 0) {
@@ -166,13 +166,13 @@ int build_leaves_i8(int8_t* codes, const float* scales, const float* norms,
         if (m == 0) continue;  // the entry stays all zero
         const uint32_t k2 = m < b2 ? m : b2;
         const uint32_t leaf_seed = seed + 1u + i;  // wraps; a 0 acts as 1 in the training
-        int8_t* bucket_codes = codes + static_cast<std::size_t>(first) * kRowBytes;
+        int8_t* bucket_codes = codes + static_cast<std::size_t>(first) * kCodeBytes;
         if (build_leaf_i8(bucket_codes, scales + first, norms + first, m, k2, leaf_seed,
                           &out->l2_indexes[i]) != 0) {
             return fail(out);
         }
         globalise_row_ids(&out->l2_indexes[i], buckets.order.get() + first);
-        orve::release_whole_pages(bucket_codes, static_cast<std::size_t>(m) * kRowBytes);
+        orve::release_whole_pages(bucket_codes, static_cast<std::size_t>(m) * kCodeBytes);
     }
     return 0;
 }
@@ -193,15 +193,15 @@ int hivf_build_i8_in_place(int8_t* codes, float* scales, float* norms, uint32_t 
         orve::c_unique<uint32_t[]> dest = orve::c_alloc_array<uint32_t>(n);
         if (!dest) return fail(out);
         for (uint32_t p = 0; p < n; ++p) dest[buckets.order[p]] = p;
-        alignas(64) int8_t held[kRowBytes];
+        alignas(64) int8_t held[kCodeBytes];
         for (uint32_t r = 0; r < n; ++r) {
             while (dest[r] != r) {
                 const uint32_t t = dest[r];
-                int8_t* a = codes + static_cast<std::size_t>(r) * kRowBytes;
-                int8_t* b = codes + static_cast<std::size_t>(t) * kRowBytes;
-                std::memcpy(held, a, kRowBytes);
-                std::memcpy(a, b, kRowBytes);
-                std::memcpy(b, held, kRowBytes);
+                int8_t* a = codes + static_cast<std::size_t>(r) * kCodeBytes;
+                int8_t* b = codes + static_cast<std::size_t>(t) * kCodeBytes;
+                std::memcpy(held, a, kCodeBytes);
+                std::memcpy(a, b, kCodeBytes);
+                std::memcpy(b, held, kCodeBytes);
                 std::swap(scales[r], scales[t]);
                 std::swap(norms[r], norms[t]);
                 std::swap(dest[r], dest[t]);
@@ -225,8 +225,8 @@ extern "C" ORVE_API int orve_hivf_build_i8(const int8_t* codes, const float* sca
     if (!sorted.allocate(n, false)) return fail(out);
     for (uint32_t p = 0; p < n; ++p) {
         const uint32_t r = buckets.order[p];
-        std::memcpy(sorted.codes.get() + static_cast<std::size_t>(p) * kRowBytes,
-                    codes + static_cast<std::size_t>(r) * kRowBytes, kRowBytes);
+        std::memcpy(sorted.codes.get() + static_cast<std::size_t>(p) * kCodeBytes,
+                    codes + static_cast<std::size_t>(r) * kCodeBytes, kCodeBytes);
         sorted.scales[p] = scales[r];
         sorted.norms[p] = norms[r];
     }
@@ -246,7 +246,7 @@ extern "C" ORVE_API int orve_hivf_build(const float* rows, uint32_t n, uint32_t 
     if (!assignment) return fail(out);
     {
         orve::c_unique<float[]> centroids =
-            orve::c_alloc_array<float>(static_cast<std::size_t>(b1) * kRowBytes);
+            orve::c_alloc_array<float>(static_cast<std::size_t>(b1) * kCodeBytes);
         if (!centroids) return fail(out);
         if (orve::kmeans_f32_train(rows, n, b1, seed, centroids.get(), assignment.get()) != 0) {
             return fail(out);
@@ -275,7 +275,7 @@ extern "C" ORVE_API int orve_hivf_build(const float* rows, uint32_t n, uint32_t 
 extern "C" ORVE_API void orve_hivf_index_destroy(orve_hivf_index* index) {
     if (index == nullptr) return;
     if (index->l2_indexes != nullptr) {
-        for (uint32_t i = 0; i < index->b1; ++i) orve_ivf_index_destroy_impl(&index->l2_indexes[i]);
+        for (uint32_t i = 0; i < index->b1; ++i) orve::free_ivf_index(&index->l2_indexes[i]);
         std::free(index->l2_indexes);
     }
     std::free(index->l1_centroid_codes);

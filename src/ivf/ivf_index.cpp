@@ -26,7 +26,7 @@ int cmp_route(const void* a, const void* b) {
 int ivf_finish_index(uint32_t n, uint32_t n_buckets, const uint32_t* assignment,
                      const float* centroids, const int8_t* codes, const float* scales,
                      const float* norms, orve_ivf_index* out) {
-    using orve::kRowBytes;
+    using orve::kCodeBytes;
     std::memset(out, 0, sizeof *out);
 
     // Every array stays with its owner until the whole index is complete, so a failure at any
@@ -48,7 +48,7 @@ int ivf_finish_index(uint32_t n, uint32_t n_buckets, const uint32_t* assignment,
     }
 
     orve::c_unique<int8_t[]> row_codes =
-        orve::c_aligned_array<int8_t>(static_cast<std::size_t>(n) * kRowBytes, kRowAlignment);
+        orve::c_aligned_array<int8_t>(static_cast<std::size_t>(n) * kCodeBytes, kRowAlignment);
     if (!row_codes) return -1;
     orve::c_unique<float[]> row_scales = orve::c_alloc_array<float>(n);
     if (!row_scales) return -1;
@@ -59,15 +59,15 @@ int ivf_finish_index(uint32_t n, uint32_t n_buckets, const uint32_t* assignment,
     for (uint32_t p = 0; p < n; ++p) {
         const uint32_t r = pairs[p].row;
         row_ids[p] = r;
-        std::memcpy(row_codes.get() + static_cast<std::size_t>(p) * kRowBytes,
-                    codes + static_cast<std::size_t>(r) * kRowBytes, kRowBytes);
+        std::memcpy(row_codes.get() + static_cast<std::size_t>(p) * kCodeBytes,
+                    codes + static_cast<std::size_t>(r) * kCodeBytes, kCodeBytes);
         row_scales[p] = scales[r];
         row_norms[p] = norms[r];
     }
     pairs.reset();
 
     orve::c_unique<int8_t[]> centroid_codes = orve::c_aligned_array<int8_t>(
-        static_cast<std::size_t>(n_buckets) * kRowBytes, kRowAlignment);
+        static_cast<std::size_t>(n_buckets) * kCodeBytes, kRowAlignment);
     if (!centroid_codes) return -1;
     orve::c_unique<float[]> centroid_scales = orve::c_alloc_array<float>(n_buckets);
     if (!centroid_scales) return -1;
@@ -75,9 +75,9 @@ int ivf_finish_index(uint32_t n, uint32_t n_buckets, const uint32_t* assignment,
     if (!centroid_norms) return -1;
     for (uint32_t b = 0; b < n_buckets; ++b) {
         if (orve_quantize_float_vector_symmetric(
-                centroids + static_cast<std::size_t>(b) * kRowBytes, ORVE512_DIM,
-                centroid_codes.get() + static_cast<std::size_t>(b) * kRowBytes, &centroid_scales[b],
-                &centroid_norms[b]) != 0) {
+                centroids + static_cast<std::size_t>(b) * kCodeBytes, ORVE512_DIM,
+                centroid_codes.get() + static_cast<std::size_t>(b) * kCodeBytes,
+                &centroid_scales[b], &centroid_norms[b]) != 0) {
             return -1;
         }
     }
@@ -96,7 +96,7 @@ int ivf_finish_index(uint32_t n, uint32_t n_buckets, const uint32_t* assignment,
     return 0;
 }
 
-void orve_ivf_index_destroy_impl(orve_ivf_index* index) {
+void orve::free_ivf_index(orve_ivf_index* index) {
     std::free(index->codes);
     std::free(index->row_scales);
     std::free(index->row_norms);
@@ -111,5 +111,5 @@ void orve_ivf_index_destroy_impl(orve_ivf_index* index) {
 
 extern "C" ORVE_API void orve_ivf_index_destroy(orve_ivf_index* index) {
     if (index == nullptr) return;
-    orve_ivf_index_destroy_impl(index);
+    orve::free_ivf_index(index);
 }

@@ -34,6 +34,12 @@ void score_and_select(const int8_t* qcode, float qscale, float qnorm, const int8
                       const float* scales, const float* norms, uint32_t count, uint32_t best,
                       ivf_scored_pair* pairs);
 
+// score_and_select for kMultiQueries queries at once, each centroid code loaded once for all of
+// them: query j's pairs go to pairs[j], exactly as score_and_select would leave them.
+void score_and_select_multi(const int8_t* const* qcodes, const float* qscales, const float* qnorms,
+                            const int8_t* codes, const float* scales, const float* norms,
+                            uint32_t count, uint32_t best, ivf_scored_pair* const* pairs);
+
 // Builds `out` from rows that already have a bucket each: rows are copied bucket by bucket in
 // ascending input order and the float centroids (n_buckets x 512) are quantised. Every value of
 // `assignment` must be below n_buckets; the caller checks its inputs. 0, or -1 with `out` all
@@ -43,7 +49,9 @@ int ivf_finish_index(uint32_t n, uint32_t n_buckets, const uint32_t* assignment,
                      const float* norms, orve_ivf_index* out);
 
 // Frees the nine arrays of a non-null index (null arrays are skipped) and zeroes the record.
-void orve_ivf_index_destroy_impl(orve_ivf_index* index);
+namespace orve {
+void free_ivf_index(orve_ivf_index* index);
+}  // namespace orve
 
 // Squared Euclidean distance of two 512-float rows, accumulated with fused multiply-adds in 16
 // partial sums (lane j of every 16-lane block into sum j) and combined in a fixed tree, so the

@@ -33,7 +33,7 @@ int kmeans_codes_train(const int8_t* codes, const float* scales, uint32_t n, uin
 int ivf_build_from_codes(const int8_t* codes, const float* scales, const float* norms, uint32_t n,
                          uint32_t n_buckets, uint32_t seed, orve_ivf_index* out) {
     const uint32_t k = n_buckets;
-    c_unique<float[]> centroids = c_alloc_array<float>(static_cast<std::size_t>(k) * kRowBytes);
+    c_unique<float[]> centroids = c_alloc_array<float>(static_cast<std::size_t>(k) * kCodeBytes);
     c_unique<uint32_t[]> assignment = c_alloc_array<uint32_t>(n);
     if (!centroids || !assignment) return -1;
     if (kmeans_codes_train(codes, scales, n, k, seed, centroids.get(), assignment.get()) != 0) {
@@ -46,7 +46,7 @@ namespace {
 
 int train(row_source raw, uint32_t n, uint32_t k, uint32_t seed, float* centroids,
           uint32_t* assignment, bool use_screen) {
-    const std::size_t row_floats = kRowBytes;
+    const std::size_t row_floats = kCodeBytes;
     c_unique<uint32_t[]> picks = c_alloc_array<uint32_t>(k);
     c_unique<float[]> sums = c_calloc_array<float>(static_cast<std::size_t>(k) * row_floats);
     c_unique<uint32_t[]> counts = c_calloc_array<uint32_t>(k);
@@ -55,13 +55,13 @@ int train(row_source raw, uint32_t n, uint32_t k, uint32_t seed, float* centroid
 
     // The rows are trained on at unit length; each is scaled as it is read rather than kept in a
     // normalised copy, which would be the largest allocation of the build.
-    float scratch[kRowBytes];
+    float scratch[kCodeBytes];
     for (uint32_t i = 0; i < n; ++i) factors[i] = unit_length_factor(raw.get(i, scratch));
     row_source work = raw;
     work.factor = factors.get();
 
-    // Choice: when there is no memory for the int8 screen (about 520 bytes per row), train
-    // with full scans instead of failing; the screen never changes a decision, only the time.
+    // When there is no memory for the int8 screen (about 520 bytes per row), train with full
+    // scans instead of failing: the screen never changes a decision, only the time.
     l2sq_screen screen_storage;
     l2sq_screen* screen = use_screen && screen_storage.init(work, n, k) ? &screen_storage : nullptr;
 
@@ -122,7 +122,7 @@ extern "C" ORVE_API int orve_ivf_build_kmeans_centroids(
     }
     const uint32_t k = n_buckets;
     orve::c_unique<float[]> centroids =
-        orve::c_alloc_array<float>(static_cast<std::size_t>(k) * orve::kRowBytes);
+        orve::c_alloc_array<float>(static_cast<std::size_t>(k) * orve::kCodeBytes);
     orve::c_unique<uint32_t[]> assignment = orve::c_alloc_array<uint32_t>(n);
     if (!centroids || !assignment) return -1;
     if (orve::kmeans_f32_train(rows, n, k, seed, centroids.get(), assignment.get()) != 0) {

@@ -5,16 +5,16 @@
 #include <cstring>
 
 #include "ivf/ivf_internal.h"
-#include "ivf/screen_kernels.h"
-#include "quant/dot512_kernels.h"
+#include "quant/screen_kernels.h"
+#include "quant/kernel_table.h"
 #include "util/c_alloc.h"
 
 namespace {
 
-using orve::kRowBytes;
+using orve::kCodeBytes;
 
 const int8_t* code_row(const int8_t* codes, uint32_t r) {
-    return codes + static_cast<std::size_t>(r) * kRowBytes;
+    return codes + static_cast<std::size_t>(r) * kCodeBytes;
 }
 
 // The seeding's distances through the identity |a - b|^2 = |a|^2 + |b|^2 - 2 a.b, exact in
@@ -28,7 +28,7 @@ struct i8_distance_cache {
         self = orve::c_alloc_array<int32_t>(n);
         dots = orve::c_alloc_array<int32_t>(n);
         if (!self || !dots) return false;
-        const orve::dot512_one_fn one = orve::dot512_best().one;
+        const orve::dot512_one_fn one = orve::kernels().dot512;
         for (uint32_t i = 0; i < n; ++i) self[i] = one(code_row(codes, i), code_row(codes, i));
         return true;
     }
@@ -40,7 +40,7 @@ void distances_to_pick(const int8_t* codes, uint32_t n, uint32_t pick, float* d,
                        i8_distance_cache* cache) {
     const int8_t* p = code_row(codes, pick);
     if (cache != nullptr) {
-        orve::dot512_best().many(p, codes, n, cache->dots.get());
+        orve::kernels().dot512_many(p, codes, n, cache->dots.get());
         const int32_t sp = cache->self[pick];
         for (uint32_t i = 0; i < n; ++i) {
             const float v = static_cast<float>(cache->self[i] + sp - 2 * cache->dots[i]);
@@ -65,18 +65,18 @@ struct centroid_block {
     bool allocate(uint32_t count) {
         k = count;
         k4 = (count + 3u) & ~3u;
-        codes = orve::c_aligned_array<int8_t>(static_cast<std::size_t>(k4) * kRowBytes, 64);
+        codes = orve::c_aligned_array<int8_t>(static_cast<std::size_t>(k4) * kCodeBytes, 64);
         sums = orve::c_calloc_array<int32_t>(k4);
         tile = orve::c_alloc_array<int32_t>(static_cast<std::size_t>(4) * k4);
         if (!codes || !sums || !tile) return false;
-        std::memset(codes.get(), 0, static_cast<std::size_t>(k4) * kRowBytes);
+        std::memset(codes.get(), 0, static_cast<std::size_t>(k4) * kCodeBytes);
         return true;
     }
-    int8_t* row(uint32_t c) { return codes.get() + static_cast<std::size_t>(c) * kRowBytes; }
+    int8_t* row(uint32_t c) { return codes.get() + static_cast<std::size_t>(c) * kCodeBytes; }
     void update_sum(uint32_t c) {
         int32_t s = 0;
         const int8_t* q = row(c);
-        for (std::size_t l = 0; l < kRowBytes; ++l) s += q[l];
+        for (std::size_t l = 0; l < kCodeBytes; ++l) s += q[l];
         sums[c] = s;
     }
 };
@@ -85,12 +85,12 @@ struct centroid_block {
 // best so far, from the smallest int32): ties keep the lowest centroid index. The dot
 // products are exact whichever kernel computes them.
 void assign_by_dot(const int8_t* codes, uint32_t m, centroid_block& cb, uint32_t* assignment) {
-    const orve::screen_kernel& kernel = orve::screen_best();
+    const orve::kernel_table& kernel = orve::kernels();
     for (uint32_t i0 = 0; i0 < m; i0 += 4) {
         const uint32_t nr = m - i0 < 4 ? m - i0 : 4;
         const int8_t* four[4];
         for (uint32_t r = 0; r < 4; ++r) four[r] = code_row(codes, i0 + (r < nr ? r : 0));
-        kernel.dots4(four, cb.codes.get(), cb.sums.get(), cb.k4, cb.tile.get(), cb.k4);
+        kernel.screen_dots4(four, cb.codes.get(), cb.sums.get(), cb.k4, cb.tile.get(), cb.k4);
         for (uint32_t r = 0; r < nr; ++r) {
             const int32_t* dots = cb.tile.get() + static_cast<std::size_t>(r) * cb.k4;
             int32_t best = INT32_MIN;
@@ -150,21 +150,21 @@ int kmeans_i8_train(const int8_t* codes, const float* scales, uint32_t m, uint32
         if (!picks) return -1;
         if (pick_kmeans_pp_indices_i8(codes, m, k, &state, picks.get()) != 0) return -1;
         for (uint32_t j = 0; j < k; ++j) {
-            float* c = centroids + static_cast<std::size_t>(j) * kRowBytes;
+            float* c = centroids + static_cast<std::size_t>(j) * kCodeBytes;
             dequantize_row(code_row(codes, picks[j]), scales[picks[j]], c);
             finish_centroid(c, cb.row(j));
             cb.update_sum(j);
         }
     }
 
-    c_unique<float[]> sums = c_calloc_array<float>(static_cast<std::size_t>(k) * kRowBytes);
+    c_unique<float[]> sums = c_calloc_array<float>(static_cast<std::size_t>(k) * kCodeBytes);
     c_unique<uint32_t[]> counts = c_calloc_array<uint32_t>(k);
     if (!sums || !counts) return -1;
 
     for (int round = 0; round < kKmeansRounds; ++round) {
         assign_by_dot(codes, m, cb, assignment);
 
-        std::memset(sums.get(), 0, static_cast<std::size_t>(k) * kRowBytes * sizeof(float));
+        std::memset(sums.get(), 0, static_cast<std::size_t>(k) * kCodeBytes * sizeof(float));
         std::memset(counts.get(), 0, static_cast<std::size_t>(k) * sizeof(uint32_t));
         for (uint32_t i = 0; i < m; ++i) {
             const uint32_t c = assignment[i];
@@ -173,16 +173,16 @@ int kmeans_i8_train(const int8_t* codes, const float* scales, uint32_t m, uint32
             // adding code x 0 leaves every sum unchanged just as adding 0 would.
             const float w = scales[i] > 0.0f ? 1.0f / scales[i] : 0.0f;
             const int8_t* __restrict q = code_row(codes, i);
-            float* __restrict s = sums.get() + static_cast<std::size_t>(c) * kRowBytes;
-            for (std::size_t l = 0; l < kRowBytes; ++l) s[l] += static_cast<float>(q[l]) * w;
+            float* __restrict s = sums.get() + static_cast<std::size_t>(c) * kCodeBytes;
+            for (std::size_t l = 0; l < kCodeBytes; ++l) s[l] += static_cast<float>(q[l]) * w;
         }
 
         for (uint32_t c = 0; c < k; ++c) {
-            float* cent = centroids + static_cast<std::size_t>(c) * kRowBytes;
+            float* cent = centroids + static_cast<std::size_t>(c) * kCodeBytes;
             if (counts[c] > 0) {
                 const float inv = 1.0f / static_cast<float>(counts[c]);
-                const float* s = sums.get() + static_cast<std::size_t>(c) * kRowBytes;
-                for (std::size_t l = 0; l < kRowBytes; ++l) cent[l] = s[l] * inv;
+                const float* s = sums.get() + static_cast<std::size_t>(c) * kCodeBytes;
+                for (std::size_t l = 0; l < kCodeBytes; ++l) cent[l] = s[l] * inv;
             } else {
                 const uint32_t r = kmeans_rand_index(&state, m);
                 dequantize_row(code_row(codes, r), scales[r], cent);
@@ -193,7 +193,7 @@ int kmeans_i8_train(const int8_t* codes, const float* scales, uint32_t m, uint32
     }
 
     assign_by_dot(codes, m, cb, assignment);
-    std::memcpy(centroid_codes, cb.codes.get(), static_cast<std::size_t>(k) * kRowBytes);
+    std::memcpy(centroid_codes, cb.codes.get(), static_cast<std::size_t>(k) * kCodeBytes);
     return 0;
 }
 

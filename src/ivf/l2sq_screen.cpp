@@ -9,7 +9,7 @@
 #include <cstring>
 
 #include "ivf/ivf_internal.h"
-#include "quant/dot512_kernels.h"
+#include "quant/kernel_table.h"
 
 namespace orve {
 namespace {
@@ -22,7 +22,7 @@ constexpr uint32_t pad16(uint32_t n) {
 }
 
 const float* float_row(const float* block, uint32_t r) {
-    return block + static_cast<std::size_t>(r) * kRowBytes;
+    return block + static_cast<std::size_t>(r) * kCodeBytes;
 }
 
 uint32_t nearest_full_scan(const float* x, const float* centroids, uint32_t k) {
@@ -84,12 +84,12 @@ struct nearest {
 // does not exceed the smallest upper bound. That includes the true nearest centroid and
 // every centroid tying with it; all others are strictly farther.
 uint32_t nearest_screened(const float* x, const float* centroids, uint32_t k,
-                          const screen_kernel& kernel, const l2sq_screen& s, uint32_t i,
+                          const kernel_table& kernel, const l2sq_screen& s, uint32_t i,
                           const int32_t* dots, double* other_lower) {
     float* lo = s.lo.get();
     uint32_t* cand = s.candidates.get();
-    const float h = kernel.bounds(s.rows.point(i), s.centroids.columns(), dots, lo);
-    const uint32_t count = kernel.candidates(lo, k, h, cand);
+    const float h = kernel.screen_bounds(s.rows.point(i), s.centroids.columns(), dots, lo);
+    const uint32_t count = kernel.screen_candidates(lo, k, h, cand);
     nearest n;
     for (uint32_t j = 0; j < count; ++j)
         n.offer(l2sq_512(x, float_row(centroids, cand[j])), cand[j]);
@@ -170,7 +170,7 @@ bool nearest_by_neighbours(const float* x, const float* centroids, const l2sq_sc
 
 bool row_sketches::allocate(uint32_t n) {
     const uint32_t p = pad16(n);
-    codes = c_aligned_array<int8_t>(static_cast<std::size_t>(p) * kRowBytes, 64);
+    codes = c_aligned_array<int8_t>(static_cast<std::size_t>(p) * kCodeBytes, 64);
     code_sums = c_calloc_array<int32_t>(p);
     values = c_alloc_array<float>(static_cast<std::size_t>(p) * 5);
     usable = c_alloc_array<uint8_t>(n);
@@ -182,8 +182,8 @@ bool row_sketches::allocate(uint32_t n) {
     hat_norm = norm + p;
     err_norm = hat_norm + p;
     inv_scale = err_norm + p;
-    std::memset(codes.get() + static_cast<std::size_t>(n) * kRowBytes, 0,
-                static_cast<std::size_t>(p - n) * kRowBytes);
+    std::memset(codes.get() + static_cast<std::size_t>(n) * kCodeBytes, 0,
+                static_cast<std::size_t>(p - n) * kCodeBytes);
     // Padding rows: an infinite norm makes their upper bound infinite, so they never lower
     // the smallest upper bound; their lower bounds are never read.
     for (uint32_t r = n; r < p; ++r) {
@@ -195,17 +195,17 @@ bool row_sketches::allocate(uint32_t n) {
 
 void row_sketches::fill(row_source rows) {
     bool all = true;
-    float scratch[kRowBytes];
+    float scratch[kCodeBytes];
     for (uint32_t r = 0; r < count; ++r) {
         const float* x = rows.get(r, scratch);
-        int8_t* q = codes.get() + static_cast<std::size_t>(r) * kRowBytes;
+        int8_t* q = codes.get() + static_cast<std::size_t>(r) * kCodeBytes;
         float scale = 0.0f;
         orve_quantize_float_vector_symmetric(x, ORVE512_DIM, q, &scale, nullptr);
         const double inv = scale > 0.0f ? 1.0 / static_cast<double>(scale) : 0.0;
         double n2 = 0.0, h2 = 0.0, e2 = 0.0;
         int32_t sum = 0;
         bool finite = true;
-        for (std::size_t i = 0; i < kRowBytes; ++i) {
+        for (std::size_t i = 0; i < kCodeBytes; ++i) {
             const double v = x[i];
             if (!std::isfinite(v)) finite = false;
             const double qv = q[i];
@@ -239,7 +239,7 @@ bool l2sq_screen::init(row_source row_block, uint32_t n, uint32_t k) {
     tile_dots = c_calloc_array<int32_t>(static_cast<std::size_t>(4) * centroids.padded);
     lo = c_alloc_array<float>(rows.padded > centroids.padded ? rows.padded : centroids.padded);
     candidates = c_alloc_array<uint32_t>(k);
-    previous = c_alloc_array<float>(static_cast<std::size_t>(k) * kRowBytes);
+    previous = c_alloc_array<float>(static_cast<std::size_t>(k) * kCodeBytes);
     drift = c_alloc_array<double>(k);
     by_drift = c_alloc_array<uint32_t>(k);
     other_lower = c_alloc_array<double>(n);
@@ -271,7 +271,7 @@ void l2sq_screen::set_centroids(const float* centroid_block) {
             const float* now = float_row(centroid_block, c);
             const float* was = float_row(previous.get(), c);
             double s2 = 0.0;
-            for (std::size_t l = 0; l < kRowBytes; ++l) {
+            for (std::size_t l = 0; l < kCodeBytes; ++l) {
                 const double d = static_cast<double>(now[l]) - static_cast<double>(was[l]);
                 s2 += d * d;
             }
@@ -285,7 +285,7 @@ void l2sq_screen::set_centroids(const float* centroid_block) {
         drift_valid = true;
     }
     std::memcpy(previous.get(), centroid_block,
-                static_cast<std::size_t>(k) * kRowBytes * sizeof(float));
+                static_cast<std::size_t>(k) * kCodeBytes * sizeof(float));
     have_previous = true;
 
     // The neighbour lists, from one float distance per pair of centroids. Only worth it once
@@ -326,7 +326,7 @@ void l2sq_screen::set_centroids(const float* centroid_block) {
 void assign_nearest_l2sq(row_source rows, uint32_t n, const float* centroids, uint32_t k,
                          l2sq_screen* screen, uint32_t* assignment) {
     // Room for the rows waiting for the screen (four) and the row at hand.
-    float scratch[5][kRowBytes];
+    float scratch[5][kCodeBytes];
     if (screen == nullptr || !screen->centroids.all_usable) {
         for (uint32_t i = 0; i < n; ++i)
             assignment[i] = nearest_full_scan(rows.get(i, scratch[0]), centroids, k);
@@ -338,7 +338,7 @@ void assign_nearest_l2sq(row_source rows, uint32_t n, const float* centroids, ui
         return;
     }
     l2sq_screen& s = *screen;
-    const screen_kernel& kernel = screen_best();
+    const kernel_table& kernel = kernels();
     const uint32_t k4 = (k + 3u) & ~3u;  // within the zero-filled padding rows
     const std::size_t ld = s.centroids.padded;
     const bool drift = s.drift_valid;
@@ -351,8 +351,8 @@ void assign_nearest_l2sq(row_source rows, uint32_t n, const float* centroids, ui
     auto flush = [&]() {
         const int8_t* four[4];
         for (uint32_t r = 0; r < 4; ++r) four[r] = s.rows.code(pending[r < n_pending ? r : 0]);
-        kernel.dots4(four, s.centroids.codes.get(), s.centroids.code_sums.get(), k4,
-                     s.tile_dots.get(), ld);
+        kernel.screen_dots4(four, s.centroids.codes.get(), s.centroids.code_sums.get(), k4,
+                            s.tile_dots.get(), ld);
         for (uint32_t r = 0; r < n_pending; ++r) {
             const uint32_t i = pending[r];
             assignment[i] = nearest_screened(pending_rows[r], centroids, k, kernel, s, i,
@@ -402,7 +402,7 @@ namespace {
 // d[i] = l2sq_512(row i, row pick) wherever that is smaller than d[i] (replaced only when d[i]
 // is strictly larger). The screen skips rows whose distance to the pick cannot be below d[i].
 void lower_distances(row_source rows, uint32_t n, uint32_t pick, float* d, l2sq_screen* screen) {
-    float pick_row[kRowBytes], scratch[kRowBytes];
+    float pick_row[kCodeBytes], scratch[kCodeBytes];
     const float* p = rows.get(pick, pick_row);
     if (screen == nullptr || !screen->rows.usable[pick]) {
         for (uint32_t i = 0; i < n; ++i) {
@@ -414,8 +414,8 @@ void lower_distances(row_source rows, uint32_t n, uint32_t pick, float* d, l2sq_
     const row_sketches& rs = screen->rows;
     int32_t* dots = screen->row_dots.get();
     float* lo = screen->lo.get();
-    dot512_best().many(rs.code(pick), rs.codes.get(), n, dots);
-    screen_best().bounds(rs.point(pick), rs.columns(), dots, lo);
+    kernels().dot512_many(rs.code(pick), rs.codes.get(), n, dots);
+    kernels().screen_bounds(rs.point(pick), rs.columns(), dots, lo);
     const uint8_t* usable = rs.usable.get();
     for (uint32_t i = 0; i < n; ++i) {
         if (usable[i] && !(lo[i] < d[i])) continue;
@@ -443,7 +443,7 @@ void pick_by_groups(row_source rows, uint32_t n, uint32_t k, unsigned int* state
     uint32_t* look = s.by_drift.get();
     double* to_pick = s.rest_lower.get();
     uint32_t* size = s.candidates.get();
-    float pick_row[kRowBytes], other_row[kRowBytes], scratch[kRowBytes];
+    float pick_row[kCodeBytes], other_row[kCodeBytes], scratch[kCodeBytes];
 
     float largest = 0.0f;
     for (uint32_t i = 0; i < n; ++i) {
@@ -471,8 +471,8 @@ void pick_by_groups(row_source rows, uint32_t n, uint32_t k, unsigned int* state
         const float* lo = s.lo.get();
         if (bulk) {
             const row_sketches& rs = s.rows;
-            dot512_best().many(rs.code(pick), rs.codes.get(), n, s.row_dots.get());
-            screen_best().bounds(rs.point(pick), rs.columns(), s.row_dots.get(), s.lo.get());
+            kernels().dot512_many(rs.code(pick), rs.codes.get(), n, s.row_dots.get());
+            kernels().screen_bounds(rs.point(pick), rs.columns(), s.row_dots.get(), s.lo.get());
         }
         for (uint32_t i = 0; i < n; ++i) {
             const uint32_t g = owner[i];
@@ -502,7 +502,7 @@ int pick_kmeans_pp_indices_screened(row_source rows, uint32_t n, uint32_t k, uns
 
     const uint32_t first = kmeans_rand_index(state, n);
     out[0] = first;
-    float first_row[kRowBytes], scratch[kRowBytes];
+    float first_row[kCodeBytes], scratch[kCodeBytes];
     const float* f = rows.get(first, first_row);
     for (uint32_t i = 0; i < n; ++i) d[i] = l2sq_512(rows.get(i, scratch), f);
     if (k == 1) return 0;

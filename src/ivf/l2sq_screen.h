@@ -24,7 +24,7 @@
 #include <cstddef>
 #include <cstdint>
 
-#include "ivf/screen_kernels.h"
+#include "quant/screen_kernels.h"
 #include "util/c_alloc.h"
 
 namespace orve {

@@ -15,8 +15,8 @@ extern "C" ORVE_API int orve_hivf_route_top_leaves(const orve_hivf_index* index,
         out_count == nullptr || index->b1 == 0 || index->b2 == 0) {
         return -1;
     }
-    // Choice: a record that claims buckets but lacks its arrays is malformed; refuse it rather
-    // than read through a null pointer (a built H-IVF always has them).
+    // A record that claims buckets but lacks its arrays is malformed; refuse it rather than
+    // read through a null pointer (a built H-IVF always has them).
     if (index->l1_centroid_codes == nullptr || index->l1_centroid_scales == nullptr ||
         index->l1_centroid_norms == nullptr || index->l2_indexes == nullptr) {
         return -1;
@@ -25,7 +25,7 @@ extern "C" ORVE_API int orve_hivf_route_top_leaves(const orve_hivf_index* index,
     const uint32_t p1 = n_probe_l1 < b1 ? n_probe_l1 : b1;
     const uint32_t p2 = n_probe_l2 < b2 ? n_probe_l2 : b2;
 
-    orve::c_unique<int8_t[]> qcode = orve::c_alloc_array<int8_t>(orve::kRowBytes);
+    orve::c_unique<int8_t[]> qcode = orve::c_alloc_array<int8_t>(orve::kCodeBytes);
     if (!qcode) return -1;
     float qscale = 0.0f, qnorm = 0.0f;
     if (orve_quantize_float_vector_symmetric(query, ORVE512_DIM, qcode.get(), &qscale, &qnorm) !=
@@ -45,8 +45,8 @@ extern "C" ORVE_API int orve_hivf_route_top_leaves(const orve_hivf_index* index,
         const orve_ivf_index& e = index->l2_indexes[i];
         const uint32_t nb = e.n_buckets;
         if (nb == 0) continue;  // a bucket without rows; no other bucket takes its place
-        // Choice: a leaf count above b2, or a leaf without centroid arrays, cannot come from a
-        // build and would overrun the b2-entry scratch; such a record is refused.
+        // A leaf count above b2, or a leaf without centroid arrays, cannot come from a build
+        // and would overrun the b2-entry scratch; such a record is refused.
         if (nb > b2 || e.centroid_codes == nullptr || e.centroid_scales == nullptr ||
             e.centroid_norms == nullptr) {
             return -1;

@@ -9,7 +9,7 @@
 extern "C" ORVE_API int orve_ivf_build_random_centroids(
     const float* rows, uint32_t n, uint32_t n_buckets, uint32_t seed, const int8_t* codes,
     const float* scales, const float* norms, const uint8_t* row_flags, orve_ivf_index* out) {
-    using orve::kRowBytes;
+    using orve::kCodeBytes;
     (void)row_flags;  // accepted for the caller's convenience, never read
     if (rows == nullptr || codes == nullptr || scales == nullptr || norms == nullptr ||
         out == nullptr || n == 0 || !(n > n_buckets - 1u)) {
@@ -18,7 +18,7 @@ extern "C" ORVE_API int orve_ivf_build_random_centroids(
     const uint32_t k = n_buckets;
     orve::c_unique<uint32_t[]> picks = orve::c_alloc_array<uint32_t>(k);
     orve::c_unique<float[]> centroids =
-        orve::c_alloc_array<float>(static_cast<std::size_t>(k) * kRowBytes);
+        orve::c_alloc_array<float>(static_cast<std::size_t>(k) * kCodeBytes);
     orve::c_unique<uint32_t[]> assignment = orve::c_alloc_array<uint32_t>(n);
     orve::c_unique<uint8_t[]> used = orve::c_calloc_array<uint8_t>(n);
     if (!picks || !centroids || !assignment || !used) return -1;
@@ -32,9 +32,9 @@ extern "C" ORVE_API int orve_ivf_build_random_centroids(
     }
     used.reset();
     for (uint32_t j = 0; j < k; ++j) {
-        std::memcpy(centroids.get() + static_cast<std::size_t>(j) * kRowBytes,
-                    rows + static_cast<std::size_t>(picks[j]) * kRowBytes,
-                    kRowBytes * sizeof(float));
+        std::memcpy(centroids.get() + static_cast<std::size_t>(j) * kCodeBytes,
+                    rows + static_cast<std::size_t>(picks[j]) * kCodeBytes,
+                    kCodeBytes * sizeof(float));
     }
     picks.reset();
 

@@ -9,6 +9,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
@@ -148,7 +149,7 @@ extern "C" ORVE_API int32_t orve_ivf_paged_open(const char* path,
 // store keeps it a single 32-bit write that a running search may see before or after.
 extern "C" ORVE_API void orve_ivf_paged_set_low_memory(orve_ivf_paged_index* handle, uint32_t on) {
     if (handle == nullptr) return;
-    __atomic_store_n(&handle->low_memory, on, __ATOMIC_RELAXED);
+    std::atomic_ref<uint32_t>(handle->low_memory).store(on, std::memory_order_relaxed);
 }
 
 extern "C" ORVE_API void orve_ivf_paged_drop_cache(orve_ivf_paged_index* handle) {

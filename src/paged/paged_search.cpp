@@ -10,6 +10,7 @@
 //
 // Every offset used here was checked against the file length by open, so nothing outside the
 // mapping is ever read whatever the file held.
+#include <atomic>
 #include <cstring>
 
 #include "paged/paged_search.h"
@@ -17,7 +18,7 @@
 #include "paged/page_advice.h"
 #include "paged/paged_format.h"
 #include "quant/cosine.h"
-#include "quant/dot512_kernels.h"
+#include "quant/kernel_table.h"
 #include "semantic_vector_indexing.h"
 #include "util/topk_heap.h"
 
@@ -74,7 +75,7 @@ void scan_leaf(const probe& pr, const orve::dot512_many_fn many, uint64_t codes_
     int32_t dots[kRowBlock];
     for (uint32_t k0 = 0; k0 < m; k0 += kRowBlock) {
         const uint32_t n = m - k0 < kRowBlock ? m - k0 : kRowBlock;
-        many(pr.query, codes + orve::kRowBytes * k0, n, dots);
+        many(pr.query, codes + orve::kCodeBytes * k0, n, dots);
         for (uint32_t t = 0; t < n; ++t) {
             const uint32_t k = k0 + t;
             const float score = orve::cosine_from_dot(dots[t], pr.q_scale, load_f32(scales + 4 * k),
@@ -126,7 +127,7 @@ int32_t search_mapped(const orve_ivf_paged_index* handle, uint32_t n_probe_l1, u
                    candidates,
                    found,
                    budget};
-    const orve::dot512_many_fn many = orve::dot512_best().many;
+    const orve::dot512_many_fn many = orve::kernels().dot512_many;
     const auto* l1_pairs = reinterpret_cast<const uint8_t*>(handle->l1_scales);
 
     float scores[kMaxB];
@@ -158,7 +159,10 @@ int32_t search_mapped(const orve_ivf_paged_index* handle, uint32_t n_probe_l1, u
             const uint64_t codes_offset = load_u64(d + kLeafDirCodes);
             const uint64_t meta_offset = load_u64(d + kLeafDirMeta);
             scan_leaf(pr, many, codes_offset, meta_offset, m);
-            if (__atomic_load_n(&handle->low_memory, __ATOMIC_RELAXED) != 0) {
+            // atomic_ref takes a mutable object (until C++26); the handle open allocated is
+            // mutable, only this view of it is const.
+            const std::atomic_ref<uint32_t> low_memory(const_cast<uint32_t&>(handle->low_memory));
+            if (low_memory.load(std::memory_order_relaxed) != 0) {
                 advise_range(handle->base, handle->length, codes_offset, kCodeBytes * m, MADV_COLD);
                 advise_range(handle->base, handle->length, meta_offset,
                              meta_bytes_per_row(handle->version) * m, MADV_COLD);

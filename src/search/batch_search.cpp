@@ -1,46 +1,19 @@
 // Several queries in one call. With the IVF, one pin serves the whole batch, so every answer
-// comes from the same index even if a rebuild publishes another meanwhile.
+// comes from the same index even if a rebuild publishes another meanwhile, and the batch is
+// scanned bucket by bucket (search/ivf_batch_scan.h).
 #include <cstring>
 
 #include "core/publication.h"
 #include "core/system.h"
 #include "search/brute_force.h"
-#include "search/ivf_pinned_search.h"
+#include "search/ivf_batch_scan.h"
 
 namespace {
-
-vector_similarity_query query_for(const orve512_batch_query* b, uint32_t i, bool use_ivf) {
-    vector_similarity_query q;
-    std::memset(&q, 0, sizeof q);
-    q.max_results = b->k;
-    q.min_similarity = b->min_similarity;
-    q.use_orve512 = 1;
-    q.query_vector = b->queries + static_cast<std::size_t>(i) * ORVE512_DIM;
-    q.use_ivf = use_ivf ? 1 : 0;
-    q.n_probe = b->n_probe;
-    q.rerank = b->rerank != 0 ? 1 : 0;
-    q.rerank_factor = b->rerank_factor;
-    return q;
-}
 
 vector_similarity_result* block_of(const orve512_batch_query* b, uint32_t i) {
     vector_similarity_result* block = b->results + static_cast<std::size_t>(b->k) * i;
     std::memset(block, 0, sizeof(vector_similarity_result) * b->k);
     return block;
-}
-
-// Every query against one pinned IVF; false when a query could not run on it.
-bool answer_pinned(semantic_vector_indexing_system* sys, const orve512_batch_query* b,
-                   ivf_live* pinned) {
-    for (uint32_t i = 0; i < b->n_queries; ++i) {
-        const vector_similarity_query q = query_for(b, i, true);
-        uint32_t n = 0;
-        if (search_similar_orve512_ivf_rcu_pinned(sys, pinned, &q, block_of(b, i), &n) != 0) {
-            return false;
-        }
-        if (b->counts != nullptr) b->counts[i] = n;
-    }
-    return true;
 }
 
 // Brute force a block of queries at a time, each block in one pass over the store; every
@@ -54,7 +27,7 @@ bool answer_brute_force(semantic_vector_indexing_system* sys, const orve512_batc
     for (uint32_t i0 = 0; i0 < b->n_queries; i0 += orve::kBruteForceBlock) {
         const uint32_t left = b->n_queries - i0;
         const uint32_t m = left < orve::kBruteForceBlock ? left : orve::kBruteForceBlock;
-        for (uint32_t j = 0; j < m; ++j) qs[j] = query_for(b, i0 + j, false);
+        for (uint32_t j = 0; j < m; ++j) qs[j] = orve::batch_query_for(b, i0 + j, false);
         if (orve::brute_force_search_block(
                 sys, qs, m, b->results + static_cast<std::size_t>(b->k) * i0, b->k, counts) != 0) {
             return false;
@@ -76,7 +49,7 @@ extern "C" ORVE_API int semantic_vector_indexing_system_search_similar_orve512_b
         ivf_live* pinned = nullptr;
         if (ivf_rcu_pin_live(sys, &pinned) == 0) {
             const ivf_pin guard(pinned);
-            if (answer_pinned(sys, b, pinned)) return 0;
+            if (orve::answer_batch_by_bucket(sys, b, pinned)) return 0;
             // A query failed on the pinned index: answer the whole batch again, one query at a
             // time through the front end.
         } else if (answer_brute_force(sys, b)) {
@@ -86,7 +59,7 @@ extern "C" ORVE_API int semantic_vector_indexing_system_search_similar_orve512_b
         return 0;
     }
     for (uint32_t i = 0; i < b->n_queries; ++i) {
-        const vector_similarity_query q = query_for(b, i, b->use_ivf != 0);
+        const vector_similarity_query q = orve::batch_query_for(b, i, b->use_ivf != 0);
         uint32_t n = 0;
         if (semantic_vector_indexing_system_search_similar(sys, &q, block_of(b, i), &n) != 0) {
             return -1;

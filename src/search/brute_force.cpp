@@ -13,7 +13,7 @@
 #include "core/flat_pin.h"
 #include "core/system.h"
 #include "quant/cosine.h"
-#include "quant/dot512_kernels.h"
+#include "quant/kernel_table.h"
 #include "search/query_context.h"
 
 namespace {
@@ -29,14 +29,14 @@ void scan_rows(const semantic_vector_indexing_system* sys, const flat_rows* stor
                uint32_t end, orve::query_context& ctx) {
     orve::candidate_sink& sink = ctx.sink;
     if (sink.capacity == 0) return;
-    const orve::dot512_many_fn many = orve::dot512_best().many;
+    const orve::dot512_many_fn many = orve::kernels().dot512_many;
     const uint8_t* valid = store != nullptr ? store->valid : nullptr;
     int32_t dots[kBlockRows];
     for (uint32_t s = begin; s < end;) {
         if (valid != nullptr && valid[s]) {
             uint32_t stop = s + 1;
             while (stop < end && stop - s < kBlockRows && valid[stop]) ++stop;
-            many(ctx.codes, store->codes + static_cast<std::size_t>(s) * orve::kRowBytes, stop - s,
+            many(ctx.codes, store->codes + static_cast<std::size_t>(s) * orve::kCodeBytes, stop - s,
                  dots);
             for (uint32_t r = s; r < stop; ++r) {
                 sink.offer(r, orve::cosine_from_dot(dots[r - s], ctx.scale, store->scale[r],

@@ -1,26 +1,66 @@
 #include "search/index_scan.h"
 
+#include <cstring>
+
 #include "quant/cosine.h"
-#include "quant/dot512_kernels.h"
+#include "quant/kernel_table.h"
 
 namespace orve {
+namespace {
+
+// Offers rows p0 .. p0 + len of the index, whose dot products with the query are dots[0 ..
+// len). The row arrays are read in order, so this part of the scan streams like brute force.
+inline void offer_rows(const orve_ivf_index& index, uint32_t p0, uint32_t len, const int32_t* dots,
+                       query_context& ctx) {
+    candidate_sink& sink = ctx.sink;
+    const uint32_t* ids = index.row_ids + p0;
+    const float* scales = index.row_scales + p0;
+    const float* norms = index.row_norms + p0;
+    for (uint32_t j = 0; j < len; ++j) {
+        sink.offer(ids[j], cosine_from_dot(dots[j], ctx.scale, scales[j], ctx.norm, norms[j]));
+    }
+}
+
+}  // namespace
 
 void scan_bucket(const orve_ivf_index& index, uint32_t b, query_context& ctx) {
-    candidate_sink& sink = ctx.sink;
-    if (sink.capacity == 0 || index.codes == nullptr) return;
-    constexpr uint32_t kBlock = 128;
-    int32_t dots[kBlock];
-    const dot512_many_fn many = dot512_best().many;
+    if (ctx.sink.capacity == 0 || index.codes == nullptr) return;
+    int32_t dots[kScanBlockRows];
+    const dot512_many_fn many = kernels().dot512_many;
     const uint32_t first = index.bucket_offsets[b];
     const uint32_t end = first + index.bucket_sizes[b];
-    for (uint32_t p0 = first; p0 < end; p0 += kBlock) {
-        const uint32_t len = end - p0 < kBlock ? end - p0 : kBlock;
-        many(ctx.codes, index.codes + static_cast<std::size_t>(p0) * kRowBytes, len, dots);
-        for (uint32_t j = 0; j < len; ++j) {
-            const uint32_t p = p0 + j;
-            sink.offer(index.row_ids[p], cosine_from_dot(dots[j], ctx.scale, index.row_scales[p],
-                                                         ctx.norm, index.row_norms[p]));
+    for (uint32_t p0 = first; p0 < end; p0 += kScanBlockRows) {
+        const uint32_t len = end - p0 < kScanBlockRows ? end - p0 : kScanBlockRows;
+        many(ctx.codes, index.codes + static_cast<std::size_t>(p0) * kCodeBytes, len, dots);
+        offer_rows(index, p0, len, dots, ctx);
+    }
+}
+
+void offer_bucket(const orve_ivf_index& index, uint32_t b, const int32_t* dots,
+                  query_context& ctx) {
+    if (ctx.sink.capacity == 0 || index.codes == nullptr) return;
+    offer_rows(index, index.bucket_offsets[b], index.bucket_sizes[b], dots, ctx);
+}
+
+void score_bucket_rows(const orve_ivf_index& index, uint32_t b, const int8_t* const* queries,
+                       uint32_t n, int32_t* const* out) {
+    if (index.codes == nullptr) return;
+    const kernel_table& k = kernels();
+    const uint32_t first = index.bucket_offsets[b];
+    const uint32_t size = index.bucket_sizes[b];
+    // Blocks of rows small enough to stay in cache while every group of queries passes them.
+    int32_t tmp[kMultiQueries * kScanBlockRows];
+    for (uint32_t r0 = 0; r0 < size; r0 += kScanBlockRows) {
+        const uint32_t len = size - r0 < kScanBlockRows ? size - r0 : kScanBlockRows;
+        const int8_t* rows = index.codes + (static_cast<std::size_t>(first) + r0) * kCodeBytes;
+        uint32_t j = 0;
+        for (; j + kMultiQueries <= n; j += kMultiQueries) {
+            k.dot512_multi(queries + j, rows, len, tmp, kScanBlockRows);
+            for (uint32_t t = 0; t < kMultiQueries; ++t) {
+                std::memcpy(out[j + t] + r0, tmp + t * kScanBlockRows, len * sizeof(int32_t));
+            }
         }
+        for (; j < n; ++j) k.dot512_many(queries[j], rows, len, out[j] + r0);
     }
 }
 

@@ -26,11 +26,14 @@ struct candidate_sink {
     // a node, matches the cluster filter and beats the weakest kept candidate of a full heap.
     void offer(uint32_t slot, float score) {
         if (nan_passes ? score < q->min_similarity : !(score >= q->min_similarity)) return;
+        // The common case on a long scan: not better than the weakest kept candidate. Tested
+        // before the node is read, since an index's rows name nodes in no particular order and
+        // that read would miss the cache on most rows; the tests only refuse, so their order
+        // changes no answer.
+        if (count == capacity && !(score > heap[0].score)) return;
         if (slot >= slot_limit) return;
         const indexed_node& n = nodes[slot];
         if (q->cluster_filter != 0 && n.cluster_id != q->cluster_filter) return;
-        // The common case on a long scan: not better than the weakest kept candidate.
-        if (count == capacity && !(score > heap[0].score)) return;
         const bf_topk_entry e{score, n.node_id, n.cluster_id, n.score, slot};
         bf_topk_heap_push(heap, &count, capacity, &e);
     }
@@ -39,7 +42,7 @@ struct candidate_sink {
 // One query as every path holds it: the quantised query, and the candidate heap sized by the
 // query's budget.
 struct query_context {
-    alignas(64) int8_t codes[kRowBytes];
+    alignas(64) int8_t codes[kCodeBytes];
     float scale = 0.0f;
     float norm = 0.0f;
     c_unique<bf_topk_entry[]> heap;

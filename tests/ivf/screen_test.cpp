@@ -1,5 +1,5 @@
-// The int8 screen of the float k-means must never change a decision: its kernels are exact, its
-// intervals hold, and screened assignments, seedings and whole trainings equal the full scans.
+// The int8 screen of the float k-means must never change a decision: its intervals hold, and
+// screened assignments, seedings and whole trainings equal the full scans.
 #include <gtest/gtest.h>
 
 #include <cfloat>
@@ -9,17 +9,12 @@
 
 #include "ivf/ivf_internal.h"
 #include "ivf/l2sq_screen.h"
+#include "quant/kernel_table.h"
 #include "ivf_test_data.h"
 
 namespace {
 
 using ivf_test::dataset;
-
-std::vector<orve::screen_kernel> screen_kernels() {
-    size_t n = 0;
-    const orve::screen_kernel* k = orve::screen_kernels_available(&n);
-    return {k, k + n};
-}
 
 std::vector<uint32_t> full_assignment(const dataset& d, const std::vector<float>& centroids) {
     std::vector<uint32_t> a(d.n, 0);
@@ -43,59 +38,6 @@ std::vector<float> centroids_from(const dataset& d, uint32_t k, uint32_t stride)
     return c;
 }
 
-TEST(ScreenKernels, DotProductsAreExactForEveryKernel) {
-    constexpr uint32_t k = 22, k4 = 24;
-    ivf_test::int_rng g(41);
-    orve::row_sketches block;
-    ASSERT_TRUE(block.allocate(k));  // codes padded to 32 zero rows
-    std::vector<int8_t> rows(512 * 4);
-    for (auto& v : rows) v = static_cast<int8_t>(g.next());
-    for (uint32_t c = 0; c < k; ++c) {
-        int32_t sum = 0;
-        for (int l = 0; l < 512; ++l) {
-            const int8_t v = static_cast<int8_t>(g.next());
-            block.codes[512 * c + l] = v;
-            sum += v;
-        }
-        block.code_sums[c] = sum;
-    }
-    // Extremes in one row and one centroid.
-    std::memset(rows.data(), 0x80, 512);
-    std::memset(block.codes.get() + 512 * 5, 0x80, 512);
-    block.code_sums[5] = -128 * 512;
-    const int8_t* four[4] = {rows.data(), rows.data() + 512, rows.data() + 1024,
-                             rows.data() + 1536};
-    for (const auto& kernel : screen_kernels()) {
-        std::vector<int32_t> out(4 * 32, 0x5a5a5a5a);
-        kernel.dots4(four, block.codes.get(), block.code_sums.get(), k4, out.data(), 32);
-        for (uint32_t r = 0; r < 4; ++r) {
-            for (uint32_t c = 0; c < k4; ++c) {
-                int64_t want = 0;
-                for (int l = 0; l < 512; ++l)
-                    want += int64_t{four[r][l]} * block.codes[512 * c + l];
-                ASSERT_EQ(out[32 * r + c], want) << kernel.name << " r" << r << " c" << c;
-            }
-            EXPECT_EQ(out[32 * r + k4], 0x5a5a5a5a) << "wrote past k4";
-        }
-    }
-}
-
-TEST(ScreenKernels, CandidatesMatchThePlainComparison) {
-    ivf_test::int_rng g(42);
-    std::vector<float> lo(77);
-    for (auto& v : lo) v = static_cast<float>(g.next() % 9);
-    lo[3] = NAN;
-    for (const auto& kernel : screen_kernels()) {
-        std::vector<uint32_t> want, got(lo.size());
-        for (uint32_t c = 0; c < lo.size(); ++c) {
-            if (lo[c] <= 4.0f) want.push_back(c);
-        }
-        got.resize(
-            kernel.candidates(lo.data(), static_cast<uint32_t>(lo.size()), 4.0f, got.data()));
-        EXPECT_EQ(got, want) << kernel.name;
-    }
-}
-
 TEST(ScreenBounds, IntervalsContainTheFloatDistance) {
     // Unit rows, raw rows of magnitudes 2^-25 .. 2^4, a zero row and a row below the
     // quantiser's zero threshold.
@@ -112,18 +54,18 @@ TEST(ScreenBounds, IntervalsContainTheFloatDistance) {
     ASSERT_TRUE(one.allocate(1));
     all.fill(d.rows.data());
     ASSERT_TRUE(all.all_usable);
-    for (const auto& kernel : screen_kernels()) {
-        for (uint32_t c = 0; c < d.n; ++c) {
-            one.fill(d.row(c));  // a block of one row: its smallest upper bound is its own
-            for (uint32_t i = 0; i < d.n; ++i) {
-                int32_t dots[16] = {};
-                for (int l = 0; l < 512; ++l) dots[0] += all.code(i)[l] * one.code(0)[l];
-                float lo[16];
-                const float hi = kernel.bounds(all.point(i), one.columns(), dots, lo);
-                const float f = l2sq_512(d.row(i), d.row(c));
-                ASSERT_LE(lo[0], f) << kernel.name << " " << i << "," << c;
-                ASSERT_GE(hi, f) << kernel.name << " " << i << "," << c;
-            }
+    // Every table computes the same bits (tests/quant/kernel_table_test.cpp), so one suffices.
+    const orve::kernel_table& kernel = orve::kernels();
+    for (uint32_t c = 0; c < d.n; ++c) {
+        one.fill(d.row(c));  // a block of one row: its smallest upper bound is its own
+        for (uint32_t i = 0; i < d.n; ++i) {
+            int32_t dots[16] = {};
+            for (int l = 0; l < 512; ++l) dots[0] += all.code(i)[l] * one.code(0)[l];
+            float lo[16];
+            const float hi = kernel.screen_bounds(all.point(i), one.columns(), dots, lo);
+            const float f = l2sq_512(d.row(i), d.row(c));
+            ASSERT_LE(lo[0], f) << i << "," << c;
+            ASSERT_GE(hi, f) << i << "," << c;
         }
     }
 }

@@ -257,27 +257,71 @@ TEST_F(IndexedSearch, ObjectBuildEqualsTheFloatBuildOnDequantisedRows) {
 }
 
 TEST_F(IndexedSearch, BatchMatchesSingleQueries) {
+    // Copies of 60 rows make exact ties, whose winners depend on the order candidates are
+    // offered in: the batch must keep each query's own bucket order to give the same ids.
+    ASSERT_EQ(semantic_vector_indexing_system_load_vectors_f32(sys(), vecs.data(), 60), 60);
     ASSERT_EQ(semantic_vector_indexing_system_build_ivf(sys(), 16, 9), 0);
+    const std::vector<float> pool = orve_test::gaussian_vectors(40, 92);
+    struct Case {
+        uint32_t n_queries, k, n_probe, repeat;  // query i is pool row (i % repeat)
+        float min_similarity;
+    } cases[] = {
+        {1, 10, 4, 40, -2.0f}, {7, 5, 3, 40, -2.0f},  {37, 20, 16, 40, -2.0f},
+        {13, 1, 1, 5, -2.0f},  {9, 64, 99, 3, 0.05f}, {20, 300, 6, 40, -2.0f},
+    };
+    for (const Case& c : cases) {
+        std::vector<float> qs(static_cast<std::size_t>(c.n_queries) * 512);
+        for (uint32_t i = 0; i < c.n_queries; ++i) {
+            std::memcpy(&qs[512 * i], &pool[512 * (i % c.repeat)], 2048);
+        }
+        std::vector<vector_similarity_result> results(c.n_queries * c.k);
+        std::vector<uint32_t> counts(c.n_queries, 99);
+        orve512_batch_query bq;
+        std::memset(&bq, 0, sizeof bq);
+        bq.n_queries = c.n_queries;
+        bq.k = c.k;
+        bq.min_similarity = c.min_similarity;
+        bq.use_ivf = 1;
+        bq.n_probe = c.n_probe;
+        bq.queries = qs.data();
+        bq.results = results.data();
+        bq.counts = counts.data();
+        ASSERT_EQ(semantic_vector_indexing_system_search_similar_orve512_batch(sys(), &bq), 0);
+        for (uint32_t i = 0; i < c.n_queries; ++i) {
+            auto q = orve_test::int8_query(&qs[512 * i], c.k);
+            q.use_ivf = 1;
+            q.n_probe = c.n_probe;
+            q.min_similarity = c.min_similarity;
+            std::vector<vector_similarity_result> single(c.k);
+            std::memset(single.data(), 0, single.size() * sizeof single[0]);
+            uint32_t n = 0;
+            ASSERT_EQ(semantic_vector_indexing_system_search_similar(sys(), &q, single.data(), &n),
+                      0);
+            ASSERT_EQ(counts[i], n) << "k " << c.k << " query " << i;
+            // Whole records, so ids, ranks and score bits all count.
+            EXPECT_EQ(std::memcmp(&results[i * c.k], single.data(), c.k * sizeof single[0]), 0)
+                << "k " << c.k << " probes " << c.n_probe << " query " << i;
+        }
+    }
     std::vector<vector_similarity_result> results(3 * 2);
-    std::vector<uint32_t> counts(3, 99);
     orve512_batch_query bq;
     std::memset(&bq, 0, sizeof bq);
     bq.n_queries = 3;
     bq.k = 2;
     bq.min_similarity = -2.0f;
-    bq.use_ivf = 1;
-    bq.n_probe = 4;
     bq.queries = queries.data();
     bq.results = results.data();
-    bq.counts = counts.data();
+    // No IVF: every query through brute force.
+    semantic_vector_indexing_system_destroy_ivf(sys());
+    bq.counts = nullptr;
     ASSERT_EQ(semantic_vector_indexing_system_search_similar_orve512_batch(sys(), &bq), 0);
-    for (uint32_t i = 0; i < 3; ++i) {
-        auto q = orve_test::int8_query(&queries[i * 512], 2);
-        q.use_ivf = 1;
-        q.n_probe = 4;
-        EXPECT_EQ(counts[i], 2u);
-        EXPECT_EQ(std::memcmp(search(q).data(), &results[i * 2], 2 * sizeof results[0]), 0) << i;
-    }
+    EXPECT_EQ(results[0].node_id, search(orve_test::int8_query(queries.data(), 2))[0].node_id);
+    // A query that finds fewer than k: the rest of its block is zero bytes.
+    bq.min_similarity = 0.99f;
+    ASSERT_EQ(semantic_vector_indexing_system_search_similar_orve512_batch(sys(), &bq), 0);
+    vector_similarity_result zero;
+    std::memset(&zero, 0, sizeof zero);
+    EXPECT_EQ(std::memcmp(&results[1], &zero, sizeof zero), 0);
     // Bad arguments; and brute force refused after the drop fails the batch.
     bq.k = 0;
     EXPECT_EQ(semantic_vector_indexing_system_search_similar_orve512_batch(sys(), &bq), -1);

@@ -25,7 +25,7 @@ static_assert(std::endian::native == std::endian::little,
 namespace {
 
 constexpr uint8_t kNpyMagic[6] = {0x93, 'N', 'U', 'M', 'P', 'Y'};
-constexpr uint64_t kRowBytes = uint64_t{kDim} * sizeof(float);
+constexpr uint64_t kFloatRowBytes = uint64_t{kDim} * sizeof(float);
 
 uint32_t load_le32(const uint8_t* p) {
     return uint32_t{p[0]} | uint32_t{p[1]} << 8 | uint32_t{p[2]} << 16 | uint32_t{p[3]} << 24;
@@ -351,7 +351,7 @@ vector_file::vector_file(const std::string& path) : file_(path) {
     } else if (ends_with(path, ".fvecs")) {
         format_ = vector_format::fvecs;
         // Each vector is an int32 dimension followed by that many float32 values.
-        const uint64_t record = 4 + kRowBytes;
+        const uint64_t record = 4 + kFloatRowBytes;
         if (size >= 4) {
             const uint32_t dim = load_le32(d);
             if (dim != kDim) {
@@ -393,7 +393,7 @@ void vector_file::read_rows(uint64_t first, uint64_t count, float* out) const {
                 dst[j] = static_cast<float>(v);
             }
         } else {
-            std::memcpy(dst, src, kRowBytes);
+            std::memcpy(dst, src, kFloatRowBytes);
         }
         for (uint32_t j = 0; j < kDim; ++j) {
             if (!std::isfinite(dst[j])) {

@@ -1,21 +1,32 @@
-// The fuzz build's kernel table: the portable 512-lane kernel only (see CMakeLists.txt here).
+// The fuzz build's kernel table: the portable set only (see CMakeLists.txt here).
 #include <cstddef>
 
-#include "quant/dot512_kernels.h"
+#include "quant/kernel_table.h"
 
 namespace orve {
 
 namespace {
-constexpr dot512_kernel kReference{"reference", dot512_reference, dot512_reference_many};
+void screen_dots4_portable(const int8_t* const* rows, const int8_t* codes, const int32_t*,
+                           uint32_t k4, int32_t* out, std::size_t ld) {
+    for (int r = 0; r < 4; ++r) dot512_reference_many(rows[r], codes, k4, out + r * ld);
+}
+constexpr kernel_table kPortable{"portable",
+                                 dot512_reference,
+                                 dot512_reference_many,
+                                 dot512_reference_multi,
+                                 l2sq_partials_portable,
+                                 screen_dots4_portable,
+                                 screen_bounds_portable,
+                                 screen_candidates_portable};
 }  // namespace
 
-const dot512_kernel* dot512_kernels_available(std::size_t* count) {
+const kernel_table* kernel_tables_available(std::size_t* count) {
     *count = 1;
-    return &kReference;
+    return &kPortable;
 }
 
-const dot512_kernel& dot512_best() {
-    return kReference;
+const kernel_table& kernels() {
+    return kPortable;
 }
 
 }  // namespace orve

@@ -1,8 +1,8 @@
-// Neon partial sums of l2sq_512: four 4-lane registers hold partial sums 0-3, 4-7, 8-11 and
+// Neon partial sums: four 4-lane registers hold partial sums 0-3, 4-7, 8-11 and
 // 12-15; vfmaq_f32 is the fused multiply-add, rounded once per lane like std::fmaf.
 #include <arm_neon.h>
 
-#include "ivf/l2sq_512_kernels.h"
+#include "quant/l2sq_partials.h"
 
 namespace orve {
 

@@ -1,4 +1,4 @@
-// Kernels of the int8 screen (l2sq_screen.h): integer dot products of a few sketch rows against
+// Kernels of the k-means training's int8 screen: integer dot products of a few sketch rows against
 // a block of centroid sketches, and the distance bounds computed from them. The dot products
 // are exact in every kernel; the bounds only filter, so a kernel's rounding of them never
 // changes a decision, but every kernel computes them with the same plain float operations.
@@ -39,18 +39,8 @@ using screen_bounds_fn = float (*)(const sketch_point& x, const sketch_columns& 
 // Writes to out, in ascending order, every c < k with lo[c] <= h; returns how many.
 using screen_candidates_fn = uint32_t (*)(const float* lo, uint32_t k, float h, uint32_t* out);
 
-struct screen_kernel {
-    const char* name;
-    screen_dots4_fn dots4;
-    screen_bounds_fn bounds;
-    screen_candidates_fn candidates;
-};
-
-// The portable kernel is first; the fastest one is chosen once when the library is loaded.
-const screen_kernel* screen_kernels_available(std::size_t* count);
-const screen_kernel& screen_best();
-
-// Relative and absolute widening of every interval (see l2sq_screen.h).
+// Relative and absolute widening of every interval, wide enough to cover the float rounding of
+// the bound arithmetic below.
 constexpr float kScreenRel = 1e-4f;
 constexpr float kScreenAbs = 1e-20f;
 
@@ -93,8 +83,6 @@ float screen_bounds_generic(const sketch_point& x, const sketch_columns& y, cons
 }
 }  // namespace
 
-void screen_dots4_portable(const int8_t* const* rows, const int8_t* codes, const int32_t* code_sums,
-                           uint32_t k4, int32_t* out, std::size_t ld);
 float screen_bounds_portable(const sketch_point& x, const sketch_columns& y, const int32_t* dots,
                              float* lo);
 uint32_t screen_candidates_portable(const float* lo, uint32_t k, float h, uint32_t* out);
@@ -102,9 +90,9 @@ uint32_t screen_candidates_portable(const float* lo, uint32_t k, float h, uint32
 #if defined(__x86_64__)
 void screen_dots4_avx512vnni(const int8_t* const* rows, const int8_t* codes,
                              const int32_t* code_sums, uint32_t k4, int32_t* out, std::size_t ld);
-float screen_bounds_avx512(const sketch_point& x, const sketch_columns& y, const int32_t* dots,
-                           float* lo);
-uint32_t screen_candidates_avx512(const float* lo, uint32_t k, float h, uint32_t* out);
+float screen_bounds_avx512vnni(const sketch_point& x, const sketch_columns& y, const int32_t* dots,
+                               float* lo);
+uint32_t screen_candidates_avx512vnni(const float* lo, uint32_t k, float h, uint32_t* out);
 #endif
 
 }  // namespace orve

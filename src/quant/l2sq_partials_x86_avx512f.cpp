@@ -1,17 +1,17 @@
-// AVX-512 partial sums of l2sq_512: one 16-lane register holds exactly the 16 partial sums, and
-// each vfmadd231ps performs the same correctly rounded fused multiply-add on every lane as
-// std::fmaf does on one. (Built with this folder's AVX-512 flags; only AVX-512F is used.)
+// AVX-512F partial sums: one 16-lane register holds exactly the 16 partial sums, and each
+// vfmadd231ps performs the same correctly rounded fused multiply-add on every lane as std::fmaf
+// does on one.
 #if defined(__GNUC__) && !defined(__clang__)  // clang has no such group and would warn
 #pragma GCC diagnostic ignored "-Wuninitialized"
 #pragma GCC diagnostic ignored "-Wmaybe-uninitialized"
 #endif
 #include <immintrin.h>
 
-#include "ivf/l2sq_512_kernels.h"
+#include "quant/l2sq_partials.h"
 
 namespace orve {
 
-void l2sq_partials_avx512(const float* a, const float* b, float* partial) {
+void l2sq_partials_avx512f(const float* a, const float* b, float* partial) {
     __m512 acc = _mm512_setzero_ps();
     for (std::size_t i = 0; i < 512; i += 16) {
         const __m512 d = _mm512_sub_ps(_mm512_loadu_ps(a + i), _mm512_loadu_ps(b + i));

@@ -9,7 +9,7 @@
 #endif
 #include <immintrin.h>
 
-#include "ivf/screen_kernels.h"
+#include "quant/screen_kernels.h"
 
 namespace orve {
 namespace {
@@ -91,12 +91,12 @@ void screen_dots4_avx512vnni(const int8_t* const* rows, const int8_t* codes,
     }
 }
 
-float screen_bounds_avx512(const sketch_point& x, const sketch_columns& y, const int32_t* dots,
-                           float* lo) {
+float screen_bounds_avx512vnni(const sketch_point& x, const sketch_columns& y, const int32_t* dots,
+                               float* lo) {
     return screen_bounds_generic(x, y, dots, lo);
 }
 
-uint32_t screen_candidates_avx512(const float* lo, uint32_t k, float h, uint32_t* out) {
+uint32_t screen_candidates_avx512vnni(const float* lo, uint32_t k, float h, uint32_t* out) {
     const __m512 hv = _mm512_set1_ps(h);
     const __m512i step = _mm512_set1_epi32(16);
     __m512i idx = _mm512_setr_epi32(0, 1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12, 13, 14, 15);
