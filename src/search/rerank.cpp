@@ -15,32 +15,60 @@
 namespace {
 
 // Candidates scored side by side: each lane keeps its own sums in the one-candidate order, so
-// the scores are bit for bit those of scoring one candidate at a time, while the independent
-// sums keep the processor busy instead of waiting on one chain of additions.
-constexpr uint32_t kLanes = 4;
+// the scores are bit for bit those of scoring one candidate at a time (lane-wise products and
+// sums are the same IEEE operations, and nothing is fused), while the independent sums keep
+// the processor busy instead of waiting on one chain of additions.
+constexpr uint32_t kLanes = 8;
+typedef float lanes_f32 __attribute__((vector_size(kLanes * sizeof(float))));
+typedef double lanes_f64 __attribute__((vector_size(kLanes * sizeof(double))));
 
-// Row `at`'s floats into out; false when the file cannot give them back.
-bool fetch_row(const orve::sidecar_attachment* a, uint32_t at, float* out) {
-    if (const uint8_t* v = orve::sidecar::mapped_values(a->mapped, at)) {
-        orve::sidecar::decode_values(v, out);
+// The rows of one group, value by value: row l's value i at [i][l] (16 KB).
+struct lane_rows {
+    lanes_f32 v[ORVE512_DIM];
+};
+
+// Row `at`'s values into lane l; false when the file cannot give them back.
+bool fetch_row(const orve::sidecar_attachment* a, uint32_t at, lane_rows& rows, uint32_t l) {
+    const uint8_t* bytes = orve::sidecar::mapped_values(a->mapped, at);
+    float read[ORVE512_DIM];
+    if (bytes == nullptr) {
+        if (orve_vec_sidecar_read_row_floats(&a->file, at, read) != 0) return false;
+        for (int i = 0; i < ORVE512_DIM; ++i) rows.v[i][l] = read[i];
         return true;
     }
-    return orve_vec_sidecar_read_row_floats(&a->file, at, out) == 0;
+    for (int i = 0; i < ORVE512_DIM; ++i) rows.v[i][l] = orve::sidecar::load_f32(bytes + 4 * i);
+    return true;
+}
+
+// Asks the memory system for `lines` cache lines of candidate c's row, when it is mapped:
+// rows are scattered over the file, and waiting on each one in turn would cost more than
+// scoring it.
+void prefetch_row(const bf_topk_entry* candidates, uint32_t count, uint32_t c,
+                  const semantic_vector_indexing_system* sys, uint32_t lines) {
+    if (c >= count) return;
+    const uint32_t at = orve::sidecar_file_row_of(sys, candidates[c].row);
+    if (at == orve::kNoFileRow) return;
+    const uint8_t* bytes =
+        orve::sidecar::mapped_values(orve::attachment_of(sys->sidecar)->mapped, at);
+    if (bytes == nullptr) return;
+    for (uint32_t k = 0; k < lines; ++k) __builtin_prefetch(bytes + 64 * k);
 }
 
 // Exact cosine of the query against each filled lane, written into those candidates. qq is the
 // query's sum of squares, taken in the same order the one-candidate formula takes it.
-void score_lanes(const float* query, double qq, const float (&rows)[kLanes][ORVE512_DIM],
-                 const uint32_t* which, uint32_t lanes, bf_topk_entry* candidates) {
-    double qr[kLanes] = {}, rr[kLanes] = {};
+void score_lanes(const float* query, double qq, const lane_rows& rows, const uint32_t* which,
+                 uint32_t lanes, bf_topk_entry* candidates) {
+    lanes_f64 qr_sum = {}, rr_sum = {};
     for (int i = 0; i < ORVE512_DIM; ++i) {
         const double q = query[i];
-        for (uint32_t l = 0; l < kLanes; ++l) {
-            const double r = rows[l][i];
-            qr[l] += q * r;
-            rr[l] += r * r;
-        }
+        const lanes_f64 r = __builtin_convertvector(rows.v[i], lanes_f64);
+        qr_sum += q * r;
+        rr_sum += r * r;
     }
+    // Copied out once, so that the sums above stay in registers.
+    double qr[kLanes], rr[kLanes];
+    std::memcpy(qr, &qr_sum, sizeof qr);
+    std::memcpy(rr, &rr_sum, sizeof rr);
     for (uint32_t l = 0; l < lanes; ++l) {
         if (qq > 0.0 && rr[l] > 0.0) {
             candidates[which[l]].score =
@@ -60,14 +88,20 @@ void rerank_from_sidecar(bf_topk_entry* candidates, uint32_t count, const float*
         const double q = query[i];
         qq += q * q;
     }
-    float rows[kLanes][ORVE512_DIM];
+    lane_rows rows;
     uint32_t which[kLanes];
     uint32_t lanes = 0;
+    // The first line of every row first (that also finds each row's page), then whole rows a
+    // few candidates ahead of the one being read.
+    constexpr uint32_t kAhead = 2 * kLanes;
+    for (uint32_t c = 0; c < count; ++c) prefetch_row(candidates, count, c, sys, 1);
+    for (uint32_t c = 0; c < kAhead; ++c) prefetch_row(candidates, count, c, sys, 33);
     for (uint32_t c = 0; c < count; ++c) {
+        prefetch_row(candidates, count, c + kAhead, sys, 33);
         // A row the file does not hold, or cannot give back, keeps its int8 score and still
         // takes part in the order.
         const uint32_t at = orve::sidecar_file_row_of(sys, candidates[c].row);
-        if (at == orve::kNoFileRow || !fetch_row(a, at, rows[lanes])) continue;
+        if (at == orve::kNoFileRow || !fetch_row(a, at, rows, lanes)) continue;
         which[lanes++] = c;
         if (lanes == kLanes) {
             score_lanes(query, qq, rows, which, lanes, candidates);
@@ -76,7 +110,9 @@ void rerank_from_sidecar(bf_topk_entry* candidates, uint32_t count, const float*
     }
     if (lanes != 0) {
         // The unused lanes are summed too (the loop has a fixed width); zeros keep them defined.
-        std::memset(rows[lanes], 0, sizeof(float) * ORVE512_DIM * (kLanes - lanes));
+        for (uint32_t l = lanes; l < kLanes; ++l) {
+            for (int i = 0; i < ORVE512_DIM; ++i) rows.v[i][l] = 0.0f;
+        }
         score_lanes(query, qq, rows, which, lanes, candidates);
     }
     std::qsort(candidates, count, sizeof(bf_topk_entry), cmp_bf_topk_desc);

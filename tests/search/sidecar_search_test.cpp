@@ -9,6 +9,7 @@
 #include <string>
 #include <vector>
 
+#include "core/sidecar_attachment.h"
 #include "core/system.h"
 #include "search/topk.h"
 #include "support/system_fixture.h"
@@ -194,6 +195,67 @@ TEST_F(SidecarSearch, RerankReadsEachRowsOwnVectorWhenRowsAndFilePositionsDiffer
     float back[512];
     ASSERT_EQ(orve_vec_sidecar_read_row_floats(b.get()->sidecar, 3, back), 0);
     EXPECT_EQ(std::memcmp(back, vec_of[5], sizeof back), 0);
+}
+
+// Re-ranking reads rows through the file's mapping, or by positional reads when there is none:
+// both give every candidate its own row's exact cosine, bit for bit, in the same order. Rows
+// appended after the mapping was made (two vectored writes' worth), rows before the attach
+// (no file row) and a dead file row all take part.
+TEST_F(SidecarSearch, MappedRerankEqualsTheReadPathAndTheExactCosine) {
+    const auto v = orve_test::gaussian_vectors(340, 73);
+    for (int layout = 0; layout < 2; ++layout) {
+        SCOPED_TRACE(layout);
+        unlink(path.c_str());
+        std::vector<uint32_t> file_ids;  // ids the file holds alive, in row order
+        if (layout == 1) {               // the file: ids 1 .. 30, id 2 dead
+            orve_vec_sidecar* h = nullptr;
+            ASSERT_EQ(orve_vec_sidecar_open(path.c_str(), &h), 0);
+            for (uint32_t id = 1; id <= 30; ++id) {
+                ASSERT_EQ(orve_vec_sidecar_append(h, id, &v[(id - 1) * 512]), 0);
+            }
+            const uint8_t dead = 0;
+            ASSERT_EQ(pwrite(h->fd, &dead, 1, 32 + 2056 + 4), 1);
+            orve_vec_sidecar_close(h);
+        }
+        system_block b;
+        auto* sys = b.get();
+        ASSERT_EQ(create_with_capacity(sys, "1000"), 0);
+        if (layout == 1) {
+            ASSERT_EQ(
+                semantic_vector_indexing_system_add_embedding_orve512(sys, 331, &v[330 * 512]), 0);
+        }
+        ASSERT_EQ(semantic_vector_indexing_system_open_sidecar(sys, path.c_str()), 0);
+        ASSERT_NE(orve::attachment_of(sys->sidecar)->mapped.base, nullptr);
+        // After the mapping: 300 rows in one load, ids their 1-based row positions.
+        const uint32_t before = sys->node_count;
+        ASSERT_EQ(semantic_vector_indexing_system_load_vectors_f32(sys, &v[30 * 512], 300), 300);
+        const uint32_t rows = sys->node_count;
+        std::vector<const float*> vec_of(rows);
+        for (uint32_t r = 0; r < rows; ++r) {
+            const uint32_t id = sys->nodes[r].node_id;
+            vec_of[r] = r >= before ? &v[(30 + r - before) * 512] : &v[(id - 1) * 512];
+        }
+        const float* query = &v[5 * 512];
+        std::vector<bf_topk_entry> mapped(rows), read;
+        for (uint32_t r = 0; r < rows; ++r) mapped[r] = {-1.0f, sys->nodes[r].node_id, 0, 0, r};
+        read = mapped;
+        rerank_from_sidecar(mapped.data(), rows, query, sys);
+        auto* a = orve::attachment_of(sys->sidecar);
+        const auto kept = a->mapped;
+        a->mapped = {};
+        rerank_from_sidecar(read.data(), rows, query, sys);
+        a->mapped = kept;
+        for (uint32_t i = 0; i < rows; ++i) {
+            ASSERT_EQ(mapped[i].row, read[i].row) << i;
+            ASSERT_EQ(std::memcmp(&mapped[i].score, &read[i].score, sizeof(float)), 0) << i;
+            // Rows the file does not hold (before the attach) keep the score they came with.
+            const bool in_file = orve::sidecar_file_row_of(sys, mapped[i].row) != orve::kNoFileRow;
+            EXPECT_EQ(
+                mapped[i].score,
+                in_file ? static_cast<float>(exact_cosine(query, vec_of[mapped[i].row])) : -1.0f)
+                << i;
+        }
+    }
 }
 
 }  // namespace
