@@ -40,20 +40,6 @@ bool fetch_row(const orve::sidecar_attachment* a, uint32_t at, lane_rows& rows, 
     return true;
 }
 
-// Asks the memory system for `lines` cache lines of candidate c's row, when it is mapped:
-// rows are scattered over the file, and waiting on each one in turn would cost more than
-// scoring it.
-void prefetch_row(const bf_topk_entry* candidates, uint32_t count, uint32_t c,
-                  const semantic_vector_indexing_system* sys, uint32_t lines) {
-    if (c >= count) return;
-    const uint32_t at = orve::sidecar_file_row_of(sys, candidates[c].row);
-    if (at == orve::kNoFileRow) return;
-    const uint8_t* bytes =
-        orve::sidecar::mapped_values(orve::attachment_of(sys->sidecar)->mapped, at);
-    if (bytes == nullptr) return;
-    for (uint32_t k = 0; k < lines; ++k) __builtin_prefetch(bytes + 64 * k);
-}
-
 // Exact cosine of the query against each filled lane, written into those candidates. qq is the
 // query's sum of squares, taken in the same order the one-candidate formula takes it.
 void score_lanes(const float* query, double qq, const lane_rows& rows, const uint32_t* which,
@@ -91,13 +77,7 @@ void rerank_from_sidecar(bf_topk_entry* candidates, uint32_t count, const float*
     lane_rows rows;
     uint32_t which[kLanes];
     uint32_t lanes = 0;
-    // The first line of every row first (that also finds each row's page), then whole rows a
-    // few candidates ahead of the one being read.
-    constexpr uint32_t kAhead = 2 * kLanes;
-    for (uint32_t c = 0; c < count; ++c) prefetch_row(candidates, count, c, sys, 1);
-    for (uint32_t c = 0; c < kAhead; ++c) prefetch_row(candidates, count, c, sys, 33);
     for (uint32_t c = 0; c < count; ++c) {
-        prefetch_row(candidates, count, c + kAhead, sys, 33);
         // A row the file does not hold, or cannot give back, keeps its int8 score and still
         // takes part in the order.
         const uint32_t at = orve::sidecar_file_row_of(sys, candidates[c].row);
