@@ -6,6 +6,7 @@
 #include <cmath>
 #include <cstring>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "core/sidecar_attachment.h"
@@ -182,6 +183,36 @@ TEST_F(SidecarSearch, MappedRerankEqualsTheReadPathAndTheExactCosine) {
                 << i;
         }
     }
+}
+
+// Searches re-rank while another thread appends rows: every row a search can see was written
+// before it was counted, so each answer carries its own row's exact cosine, however far the
+// file has grown past the length it had at the attach.
+TEST_F(SidecarSearch, RerankDuringIngestionReadsOnlyWrittenRows) {
+    const auto v = orve_test::gaussian_vectors(1200, 74);
+    system_block b;
+    auto* sys = b.get();
+    ASSERT_EQ(create_with_capacity(sys, "2000"), 0);
+    ASSERT_EQ(semantic_vector_indexing_system_open_sidecar(sys, path.c_str()), 0);
+    ASSERT_EQ(semantic_vector_indexing_system_load_vectors_f32(sys, v.data(), 100), 100);
+    std::thread writer([&] {
+        for (uint32_t r = 100; r < 1200; r += 100) {
+            EXPECT_EQ(semantic_vector_indexing_system_load_vectors_f32(sys, &v[r * 512], 100), 100);
+        }
+    });
+    for (int i = 0; i < 60; ++i) {
+        const float* query = &v[(i * 37 % 1200) * 512];
+        auto q = orve_test::int8_query(query, 5);
+        q.rerank = 1;
+        vector_similarity_result res[5];
+        uint32_t n = 0;
+        ASSERT_EQ(semantic_vector_indexing_system_search_similar(sys, &q, res, &n), 0);
+        for (uint32_t k = 0; k < n; ++k) {
+            EXPECT_EQ(res[k].similarity,
+                      static_cast<float>(exact_cosine(query, &v[(res[k].node_id - 1) * 512])));
+        }
+    }
+    writer.join();
 }
 
 }  // namespace
