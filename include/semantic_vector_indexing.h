@@ -291,7 +291,9 @@ ORVE_API int semantic_vector_indexing_system_search_similar_orve512_batch(
  * than it ingested, an append failed, and the file receives no more rows until it is attached
  * again. Re-ranking reads each row's own vector from the file; rows the file does not hold
  * (ingested before the attach or without a vector) keep their int8 scores, and dead rows of
- * the file are skipped without shifting any other row. */
+ * the file are skipped without shifting any other row. Searches read the rows through a
+ * read-only mapping of the file: like a served paged file, an attached sidecar must never be
+ * truncated or rewritten by anyone else while attached. */
 ORVE_API int semantic_vector_indexing_system_open_sidecar(semantic_vector_indexing_system* sys,
                                                           const char* path);
 /* Paged index attachment. build_ivf_paged writes the published H-IVF (with the node

@@ -6,12 +6,14 @@
 #include <cstdlib>
 #include <ctime>
 
+#include "core/ingestion.h"
 #include "core/sidecar_attachment.h"
 #include "core/system.h"
 #include "lsh_cluster/clustering_common.h"
 #include "lsh_cluster/lsh_hash.h"
 #include "quant/dot512_kernels.h"
 #include "quant/quantize_bulk.h"
+#include "sidecar/append_rows.h"
 
 namespace {
 
@@ -100,6 +102,91 @@ void commit_row(semantic_vector_indexing_system* sys, uint32_t r, uint32_t node_
     sys->ingest_generation.fetch_add(1, std::memory_order_relaxed);
 }
 
+// Appends rows r0 .. r0 + count - 1, ids r0 + 1 onwards, to the attached sidecar in vectored
+// writes, recording each written row's position. Rows past a failed write stop the attachment
+// exactly as a failed single append does: the file keeps the rows before them, whole.
+void append_block_to_sidecar(semantic_vector_indexing_system* sys, uint32_t r0, uint32_t count,
+                             const float* vecs) {
+    if (sys->sidecar == nullptr) return;
+    orve::sidecar_attachment* a = orve::attachment_of(sys->sidecar);
+    if (a->stopped.load(std::memory_order_relaxed) != 0) return;
+    // The one-row path appends while the file's row count is below kNoFileRow; so does this.
+    const uint32_t room = orve::kNoFileRow - a->file_rows;
+    const uint32_t asked = count < room ? count : room;
+    const uint32_t written = orve::sidecar::append_rows(sys->sidecar, r0 + 1, vecs, asked);
+    for (uint32_t i = 0; i < written; ++i) a->file_row[r0 + i] = a->file_rows++;
+    if (written != count) a->stopped.store(1, std::memory_order_release);
+}
+
+// Rows written to the store but not yet counted: rows node_count .. node_count + count - 1.
+// Their file positions are recorded before the row count publishes them, as for one row.
+void commit_block(semantic_vector_indexing_system* sys, const uint32_t* ids, uint32_t count,
+                  const float* vecs) {
+    if (count == 0) return;
+    const uint32_t r0 = sys->node_count;
+    if (ids == nullptr) {
+        append_block_to_sidecar(sys, r0, count, vecs);
+    } else {
+        // Replayed rows: the sidecar is not attached while its own rows are replayed.
+        for (uint32_t i = 0; i < count; ++i) {
+            append_to_sidecar(sys, r0 + i, ids[i], vecs + std::size_t{i} * ORVE512_DIM);
+        }
+    }
+    orve::store_node_count(sys, r0 + count);
+    sys->ingest_generation.fetch_add(count, std::memory_order_relaxed);
+}
+
+// Stores n rows from row node_count on: ids from `ids`, or the 1-based row positions when it is
+// null. Returns the rows stored; a row that fails ends the call and leaves no trace, the rows
+// before it stay. The caller holds the lock and has ensured the store and the room.
+//
+// Rows are quantised a block at a time into a stack buffer (the bulk quantiser runs one row
+// per vector lane), stored row by row, and counted, with their sidecar appends, a larger block
+// at a time, so a row that fails leaves the slab rows after it exactly as the one-row path would.
+uint32_t store_rows(semantic_vector_indexing_system* sys, const uint32_t* ids, const float* vecs,
+                    uint32_t n, int64_t t) {
+    constexpr uint32_t kBlock = 32;
+    constexpr uint32_t kCommitRows = 8 * kBlock;
+    int8_t codes[kBlock * orve::kCodeBytes];
+    float scales[kBlock];
+    float norms[kBlock];
+    // The legacy indexes' hashes and clusters of the block, worked out a block at a time too.
+    uint64_t hashes[kBlock * ENHANCED_LSH_MAX_HASHES];
+    uint32_t clusters[kBlock];
+    const bool legacy_ready = sys->lsh_index != nullptr && sys->clustering_index != nullptr;
+    uint32_t committed = 0;
+    for (uint32_t k0 = 0; k0 < n; k0 += kBlock) {
+        const uint32_t m = n - k0 < kBlock ? n - k0 : kBlock;
+        const float* block = vecs + static_cast<std::size_t>(k0) * ORVE512_DIM;
+        orve::quantize_rows(block, m, codes, scales, norms);
+        if (legacy_ready) {
+            orve::lsh_hash_rows(sys->lsh_index, block, ORVE512_DIM, m, hashes);
+            orve::nearest_active_clusters(sys->clustering_index, block, ORVE512_DIM, m, clusters);
+        }
+        for (uint32_t j = 0; j < m; ++j) {
+            const uint32_t k = k0 + j;
+            const uint32_t r = sys->node_count + (k - committed);
+            const uint32_t id = ids != nullptr ? ids[k] : r + 1;
+            const float* vec = vecs + static_cast<std::size_t>(k) * ORVE512_DIM;
+            fill_embedding_node(&sys->nodes[r], id, t);
+            const legacy_placement pre{hashes + j * ENHANCED_LSH_MAX_HASHES, clusters[j]};
+            if (write_row(sys, r, id, vec, codes + j * orve::kCodeBytes, scales[j], norms[j],
+                          legacy_ready ? &pre : nullptr) != 0) {
+                commit_block(sys, ids == nullptr ? nullptr : ids + committed, k - committed,
+                             vecs + static_cast<std::size_t>(committed) * ORVE512_DIM);
+                return k;
+            }
+        }
+        const uint32_t end = k0 + m;
+        if (end - committed >= kCommitRows || end == n) {
+            commit_block(sys, ids == nullptr ? nullptr : ids + committed, end - committed,
+                         vecs + static_cast<std::size_t>(committed) * ORVE512_DIM);
+            committed = end;
+        }
+    }
+    return n;
+}
+
 }  // namespace
 
 extern "C" ORVE_API int semantic_vector_indexing_system_add_embedding_orve512(
@@ -134,42 +221,27 @@ extern "C" ORVE_API int semantic_vector_indexing_system_load_vectors_f32(
     if (static_cast<uint64_t>(sys->node_count) + n > sys->capacity) return -1;
     if (sys->slabs_dropped || orve_flat_index_ensure(sys) != 0) return -1;
     const int64_t t = static_cast<int64_t>(std::time(nullptr));
-    // Rows are quantised a block at a time into this stack buffer (the bulk quantiser runs
-    // one row per vector lane) and then stored row by row, so a row that fails leaves the slab
-    // rows after it exactly as the one-row path would.
-    constexpr uint32_t kBlock = 32;
-    int8_t codes[kBlock * orve::kCodeBytes];
-    float scales[kBlock];
-    float norms[kBlock];
-    // The legacy indexes' hashes and clusters of the block, worked out a block at a time too.
-    uint64_t hashes[kBlock * ENHANCED_LSH_MAX_HASHES];
-    uint32_t clusters[kBlock];
-    const bool legacy_ready = sys->lsh_index != nullptr && sys->clustering_index != nullptr;
-    for (uint32_t k0 = 0; k0 < n; k0 += kBlock) {
-        const uint32_t m = n - k0 < kBlock ? n - k0 : kBlock;
-        const float* block = vecs + static_cast<std::size_t>(k0) * ORVE512_DIM;
-        orve::quantize_rows(block, m, codes, scales, norms);
-        if (legacy_ready) {
-            orve::lsh_hash_rows(sys->lsh_index, block, ORVE512_DIM, m, hashes);
-            orve::nearest_active_clusters(sys->clustering_index, block, ORVE512_DIM, m, clusters);
-        }
-        for (uint32_t j = 0; j < m; ++j) {
-            const uint32_t k = k0 + j;
-            const uint32_t r = sys->node_count;
-            const uint32_t id = r + 1;  // identifiers are 1-based row positions
-            const float* vec = vecs + static_cast<std::size_t>(k) * ORVE512_DIM;
-            fill_embedding_node(&sys->nodes[r], id, t);
-            const legacy_placement pre{hashes + j * ENHANCED_LSH_MAX_HASHES, clusters[j]};
-            if (write_row(sys, r, id, vec, codes + j * orve::kCodeBytes, scales[j], norms[j],
-                          legacy_ready ? &pre : nullptr) != 0) {
-                return static_cast<int>(k);
-            }
-            commit_row(sys, r, id, vec);
-        }
-    }
+    // Identifiers are 1-based row positions.
+    const uint32_t stored = store_rows(sys, nullptr, vecs, n, t);
     sys->last_update_time = t;
-    return static_cast<int>(n);
+    return static_cast<int>(stored);
 }
+
+namespace orve {
+
+uint32_t ingest_replayed_rows(semantic_vector_indexing_system* sys, const uint32_t* ids,
+                              const float* vecs, uint32_t n) {
+    object_lock guard(sys);
+    if (sys->slabs_dropped || orve_flat_index_ensure(sys) != 0) return 0;
+    // The one-row path refuses a row once the object is full; so do these, row by row.
+    const uint32_t room = sys->capacity - sys->node_count;
+    const int64_t t = static_cast<int64_t>(std::time(nullptr));
+    const uint32_t stored = store_rows(sys, ids, vecs, n < room ? n : room, t);
+    if (stored != 0) sys->last_update_time = t;
+    return stored;
+}
+
+}  // namespace orve
 
 extern "C" ORVE_API int semantic_vector_indexing_system_add_node(
     semantic_vector_indexing_system* sys, const void* host_node) {

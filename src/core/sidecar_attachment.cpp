@@ -13,6 +13,7 @@
 #include <memory>
 #include <new>
 
+#include "core/ingestion.h"
 #include "core/system.h"
 #include "sidecar/sidecar_format.h"
 #include "sidecar/sidecar_replay.h"
@@ -27,17 +28,18 @@ struct replay_context {
     int32_t error;
 };
 
-int32_t replay_row(uint32_t id, const float* values, uint32_t position, void* user) {
+int32_t replay_block(const uint32_t* ids, const float* values, const uint32_t* positions,
+                     uint32_t n, void* user) {
     auto* ctx = static_cast<replay_context*>(user);
-    // The lock is recursive: it keeps the row ingestion takes and the row recorded the same.
+    // The lock is recursive: it keeps the rows ingestion takes and the rows recorded the same.
     orve::object_lock guard(ctx->sys);
-    const uint32_t r = ctx->sys->node_count;
-    const int rc = semantic_vector_indexing_system_add_embedding_orve512(ctx->sys, id, values);
-    if (rc != 0) {
-        ctx->error = rc;
+    const uint32_t r0 = ctx->sys->node_count;
+    const uint32_t stored = orve::ingest_replayed_rows(ctx->sys, ids, values, n);
+    for (uint32_t i = 0; i < stored; ++i) ctx->file_row[r0 + i] = positions[i];
+    if (stored != n) {
+        ctx->error = -1;
         return -1;
     }
-    ctx->file_row[r] = position;
     return 0;
 }
 
@@ -45,6 +47,7 @@ int32_t replay_row(uint32_t id, const float* values, uint32_t position, void* us
 struct attachment_closer {
     void operator()(orve::sidecar_attachment* a) const noexcept {
         std::free(a->file_row);
+        orve::sidecar::unmap_rows(a->mapped);
         // The handle is the attachment's first member, so closing it frees the whole block.
         orve_vec_sidecar_close(&a->file);
     }
@@ -102,10 +105,13 @@ extern "C" ORVE_API int semantic_vector_indexing_system_open_sidecar(
     a->file_rows = static_cast<uint32_t>(rows);
 
     replay_context ctx{sys, a->file_row, 0};
-    if (orve::sidecar::replay_rows(a->file.fd, replay_row, &ctx) != 0 || ctx.error != 0) {
+    if (orve::sidecar::replay_rows(a->file.fd, replay_block, &ctx) != 0 || ctx.error != 0) {
         return -1;
     }
     orve::object_lock guard(sys);
+    // Every row the file can hold while attached: its rows now and one per row the object can
+    // still take (rows only reach the file through this object's ingestion, under the lock).
+    a->mapped = orve::sidecar::map_rows(a->file.fd, rows + (sys->capacity - sys->node_count));
     sys->sidecar = &a.release()->file;
     return 0;
 }

@@ -11,6 +11,7 @@
 #include <type_traits>
 
 #include "core/system.h"
+#include "sidecar/row_mapping.h"
 
 namespace orve {
 
@@ -29,6 +30,11 @@ struct sidecar_attachment {
     // Nonzero once an append failed: from then on the file is neither appended to nor read
     // for re-ranking. Searches read it without the lock.
     std::atomic<uint8_t> stopped;
+    // The file's rows mapped read-only for re-ranking, made at attach and long enough for
+    // every row the file can receive while attached, so it never has to move while searches
+    // read it; unmapped only when the file is closed. Empty when the system refused it:
+    // re-ranking then reads rows with positional reads.
+    sidecar::row_mapping mapped;
 };
 static_assert(std::is_standard_layout_v<sidecar_attachment>,
               "the handle must be the attachment's first byte");

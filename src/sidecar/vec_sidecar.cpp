@@ -11,14 +11,18 @@
 //     at and moves the position there, so the handle stays usable and the next append lands on
 //     the right offset. The short write itself is not retried; the row is reported as failed.
 #include <fcntl.h>
+#include <limits.h>
 #include <sys/file.h>
+#include <sys/uio.h>
 #include <unistd.h>
 
+#include <bit>
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
 
 #include "semantic_vector_indexing.h"
+#include "sidecar/append_rows.h"
 #include "sidecar/sidecar_format.h"
 #include "util/c_alloc.h"
 #include "util/fd_io.h"
@@ -117,6 +121,56 @@ extern "C" ORVE_API int32_t orve_vec_sidecar_append(orve_vec_sidecar* handle, ui
     if (written > 0) undo_partial_row(handle->fd, written);
     return -1;
 }
+
+namespace orve::sidecar {
+
+uint32_t append_rows(orve_vec_sidecar* handle, uint32_t first_id, const float* vecs, uint32_t n) {
+    if (handle == nullptr || handle->fd < 0 || vecs == nullptr) return 0;
+    if constexpr (std::endian::native != std::endian::little) {
+        // The floats in memory are not the file's bytes here: encode and append row by row.
+        for (uint32_t i = 0; i < n; ++i) {
+            if (orve_vec_sidecar_append(handle, first_id + i, vecs + std::size_t{i} * kDim) != 0) {
+                return i;
+            }
+        }
+        return n;
+    }
+    // Each row goes out as two pieces: its 8-byte id and live field, then the caller's floats,
+    // which on this host already are the file's little-endian bytes. Two pieces per row, so a
+    // call carries at most IOV_MAX / 2 rows (about 1 MB).
+    constexpr uint32_t kRowsPerCall = IOV_MAX / 2 < 256 ? IOV_MAX / 2 : 256;
+    uint8_t heads[kRowsPerCall][kRowValuesOffset];
+    iovec pieces[2 * kRowsPerCall];
+    uint32_t done = 0;
+    while (done < n) {
+        const uint32_t m = n - done < kRowsPerCall ? n - done : kRowsPerCall;
+        for (uint32_t i = 0; i < m; ++i) {
+            std::memset(heads[i], 0, kRowValuesOffset);
+            store_u32(heads[i] + kRowIdOffset, first_id + done + i);
+            heads[i][kRowLiveOffset] = 1;
+            pieces[2 * i] = {heads[i], kRowValuesOffset};
+            pieces[2 * i + 1] = {const_cast<float*>(vecs + std::size_t{done + i} * kDim),
+                                 kValueBytes};
+        }
+        ssize_t w;
+        do {
+            w = ::writev(handle->fd, pieces, static_cast<int>(2 * m));
+        } while (w < 0 && errno == EINTR);
+        const std::size_t written = w < 0 ? 0 : static_cast<std::size_t>(w);
+        const auto whole = static_cast<uint32_t>(written / kSidecarRowBytes);
+        done += whole;
+        if (whole == m) continue;
+        // Not retried, as a single append is not: the rows past the last whole one count as
+        // failed and the caller stops appending.
+        if (written % kSidecarRowBytes != 0) {
+            undo_partial_row(handle->fd, written % kSidecarRowBytes);
+        }
+        return done;
+    }
+    return done;
+}
+
+}  // namespace orve::sidecar
 
 // `out` is written only once all 2048 bytes are in, so a failed read leaves it as it was.
 extern "C" ORVE_API int32_t orve_vec_sidecar_read_row_floats(const orve_vec_sidecar* handle,

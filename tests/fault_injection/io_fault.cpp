@@ -1,12 +1,14 @@
 #include "io_fault.h"
 
 #include <sys/types.h>
+#include <sys/uio.h>
 
 #include <cerrno>
 #include <cstddef>
 
 extern "C" {
 ssize_t __real_write(int fd, const void* buf, size_t n);
+ssize_t __real_writev(int fd, const struct iovec* iov, int count);
 int __real_msync(void* addr, size_t length, int flags);
 int __real_fsync(int fd);
 int __real_fdatasync(int fd);
@@ -40,6 +42,23 @@ ssize_t __wrap_write(int fd, const void* buf, size_t n) {
     if (!fires(orve_test::io_call::write)) return __real_write(fd, buf, n);
     if (g_how == orve_test::io_failure::short_write && n > 1) return __real_write(fd, buf, n / 2);
     return fail();
+}
+// A short vectored write stops halfway through its bytes, which for many rows lands inside a
+// row in the middle of the vector.
+ssize_t __wrap_writev(int fd, const struct iovec* iov, int count) {
+    if (!fires(orve_test::io_call::write)) return __real_writev(fd, iov, count);
+    if (g_how != orve_test::io_failure::short_write) return fail();
+    size_t total = 0;
+    for (int i = 0; i < count; ++i) total += iov[i].iov_len;
+    size_t left = total / 2;
+    int used = 0;
+    struct iovec half[1024];
+    for (; used < count && used < 1024 && left > 0; ++used) {
+        half[used] = iov[used];
+        if (half[used].iov_len > left) half[used].iov_len = left;
+        left -= half[used].iov_len;
+    }
+    return total > 1 ? __real_writev(fd, half, used) : fail();
 }
 int __wrap_msync(void* addr, size_t length, int flags) {
     return fires(orve_test::io_call::msync) ? fail() : __real_msync(addr, length, flags);

@@ -7,8 +7,10 @@
 #include <cmath>
 #include <cstring>
 #include <string>
+#include <thread>
 #include <vector>
 
+#include "core/sidecar_attachment.h"
 #include "core/system.h"
 #include "search/topk.h"
 #include "support/system_fixture.h"
@@ -94,106 +96,104 @@ TEST_F(SidecarSearch, RestartGivesIdenticalAnswers) {
     EXPECT_EQ(orve_vec_sidecar_read_row_floats(b.get()->sidecar, 501, row), -1);
 }
 
-TEST_F(SidecarSearch, RerankUsesExactCosineAndOrdersByIt) {
-    // Rows close to the query in several directions: int8 rounding reorders near-ties, the
-    // exact pass must restore the true order.
-    const auto base = orve_test::gaussian_vectors(1, 80);
-    const auto noise = orve_test::gaussian_vectors(200, 81);
-    std::vector<float> vecs(200 * 512);
-    for (int r = 0; r < 200; ++r) {
-        for (int i = 0; i < 512; ++i) vecs[r * 512 + i] = base[i] + 0.3f * noise[r * 512 + i];
-    }
-    system_block b;
-    ASSERT_EQ(create_with_capacity(b.get(), "1000"), 0);
-    ASSERT_EQ(semantic_vector_indexing_system_open_sidecar(b.get(), path.c_str()), 0);
-    ASSERT_EQ(semantic_vector_indexing_system_load_vectors_f32(b.get(), vecs.data(), 200), 200);
-
-    auto q = orve_test::int8_query(base.data(), 10);
-    q.rerank = 1;  // factor 0 means 5: 50 candidates
-    vector_similarity_result res[10];
-    uint32_t n = 0;
-    ASSERT_EQ(semantic_vector_indexing_system_search_similar(b.get(), &q, res, &n), 0);
-    ASSERT_EQ(n, 10u);
-    orve_test::expect_well_formed(res, n);
-    std::vector<double> exact(200);
-    for (int r = 0; r < 200; ++r) exact[r] = exact_cosine(base.data(), &vecs[r * 512]);
-    std::vector<double> sorted = exact;
-    std::sort(sorted.rbegin(), sorted.rend());
-    for (uint32_t i = 0; i < n; ++i) {
-        EXPECT_EQ(res[i].similarity, static_cast<float>(exact[res[i].node_id - 1]));
-        EXPECT_EQ(res[i].similarity, static_cast<float>(sorted[i])) << i;
-    }
-}
-
-TEST_F(SidecarSearch, RerankKeepsInt8ScoreForUnreadableOrZeroRows) {
-    system_block b;
-    ASSERT_EQ(create_with_capacity(b.get(), "100"), 0);
-    ASSERT_EQ(semantic_vector_indexing_system_open_sidecar(b.get(), path.c_str()), 0);
-    std::vector<float> v(3 * 512, 0.0f);
-    for (int i = 0; i < 512; ++i) v[i] = (i % 5) - 2.0f;
-    ASSERT_EQ(semantic_vector_indexing_system_load_vectors_f32(b.get(), v.data(), 3), 3);
-    bf_topk_entry c[3] = {{0.80f, 1, 0, 0, 0}, {0.79f, 2, 0, 0, 1}, {0.5f, 3, 0, 0, 57}};
-    rerank_from_sidecar(c, 3, v.data(), b.get());
-    // Row 0 is the query itself (exact cosine 1); row 1 is all zero and row 57 does not
-    // exist, so both keep their int8 scores.
-    EXPECT_EQ(c[0].row, 0u);
-    EXPECT_EQ(c[0].score, 1.0f);
-    EXPECT_EQ(c[1].score, 0.79f);
-    EXPECT_EQ(c[2].score, 0.5f);
-    EXPECT_EQ(c[2].row, 57u);
-    // Null query or sidecar: untouched.
-    bf_topk_entry d[2] = {{0.1f, 1, 0, 0, 0}, {0.9f, 2, 0, 0, 1}};
-    rerank_from_sidecar(d, 2, nullptr, b.get());
-    EXPECT_EQ(d[0].score, 0.1f);
-}
-
-// Object rows and file rows part ways when the object held rows before the attach, a row came
-// without a vector, or the file held a dead row: re-ranking must still score every row with its
-// own vector, and later rows must land behind the file's last row.
-TEST_F(SidecarSearch, RerankReadsEachRowsOwnVectorWhenRowsAndFilePositionsDiffer) {
-    const auto v = orve_test::gaussian_vectors(5, 72);
-    const float* vec_of[6] = {nullptr, &v[0], &v[512], &v[1024], &v[1536], &v[2048]};
-    {  // the file: nodes 1, 2 (then marked dead), 3
-        orve_vec_sidecar* h = nullptr;
-        ASSERT_EQ(orve_vec_sidecar_open(path.c_str(), &h), 0);
-        for (uint32_t id = 1; id <= 3; ++id)
-            ASSERT_EQ(orve_vec_sidecar_append(h, id, vec_of[id]), 0);
-        const uint8_t dead = 0;
-        ASSERT_EQ(pwrite(h->fd, &dead, 1, 32 + 2056 + 4), 1);
-        orve_vec_sidecar_close(h);
-    }
-    system_block b;
-    ASSERT_EQ(create_with_capacity(b.get(), "16"), 0);
-    ASSERT_EQ(semantic_vector_indexing_system_add_embedding_orve512(b.get(), 4, vec_of[4]), 0);
-    ASSERT_EQ(semantic_vector_indexing_system_open_sidecar(b.get(), path.c_str()), 0);
-    ASSERT_EQ(semantic_vector_indexing_system_add_embedding_orve512(b.get(), 5, vec_of[5]), 0);
-    ASSERT_EQ(b.get()->node_count, 4u);  // rows: node 4, 1, 3, 5
-
-    for (uint32_t want : {1u, 3u, 5u}) {
-        auto q = orve_test::int8_query(vec_of[want], 4);
-        q.rerank = 1;
-        vector_similarity_result res[4];
-        uint32_t n = 0;
-        ASSERT_EQ(semantic_vector_indexing_system_search_similar(b.get(), &q, res, &n), 0);
-        ASSERT_EQ(n, 4u);
-        EXPECT_EQ(res[0].node_id, want);
-        for (uint32_t i = 0; i < n; ++i) {
-            const double own = exact_cosine(vec_of[want], vec_of[res[i].node_id]);
-            // Rows the file holds get their exact cosine; node 4 keeps its int8 estimate.
-            if (res[i].node_id == 4) {
-                EXPECT_NEAR(res[i].similarity, own, 0.02) << want;
-            } else {
-                EXPECT_EQ(res[i].similarity, static_cast<float>(own)) << want << " " << i;
+// Re-ranking reads rows through the file's mapping, or by positional reads when there is none:
+// both give every candidate its own row's exact cosine, bit for bit, in the same descending
+// order. Object rows and file rows part ways here: rows appended after the mapping was made
+// (two vectored writes' worth), a row ingested before the attach (no file row) and an all-zero row
+// (no cosine) keep the score they came with; a dead file row is never replayed and later rows
+// land behind it.
+TEST_F(SidecarSearch, MappedRerankEqualsTheReadPathAndTheExactCosine) {
+    auto v = orve_test::gaussian_vectors(340, 73);
+    std::fill(v.begin() + 100 * 512, v.begin() + 101 * 512, 0.0f);  // a row with no direction
+    for (int layout = 0; layout < 2; ++layout) {
+        SCOPED_TRACE(layout);
+        unlink(path.c_str());
+        std::vector<uint32_t> file_ids;  // ids the file holds alive, in row order
+        if (layout == 1) {               // the file: ids 1 .. 30, id 2 dead
+            orve_vec_sidecar* h = nullptr;
+            ASSERT_EQ(orve_vec_sidecar_open(path.c_str(), &h), 0);
+            for (uint32_t id = 1; id <= 30; ++id) {
+                ASSERT_EQ(orve_vec_sidecar_append(h, id, &v[(id - 1) * 512]), 0);
             }
+            const uint8_t dead = 0;
+            ASSERT_EQ(pwrite(h->fd, &dead, 1, 32 + 2056 + 4), 1);
+            orve_vec_sidecar_close(h);
+        }
+        system_block b;
+        auto* sys = b.get();
+        ASSERT_EQ(create_with_capacity(sys, "1000"), 0);
+        if (layout == 1) {
+            ASSERT_EQ(
+                semantic_vector_indexing_system_add_embedding_orve512(sys, 331, &v[330 * 512]), 0);
+        }
+        ASSERT_EQ(semantic_vector_indexing_system_open_sidecar(sys, path.c_str()), 0);
+        ASSERT_NE(orve::attachment_of(sys->sidecar)->mapped.base, nullptr);
+        // After the mapping: 300 rows in one load, ids their 1-based row positions.
+        const uint32_t before = sys->node_count;
+        ASSERT_EQ(semantic_vector_indexing_system_load_vectors_f32(sys, &v[30 * 512], 300), 300);
+        const uint32_t rows = sys->node_count;
+        std::vector<const float*> vec_of(rows);
+        for (uint32_t r = 0; r < rows; ++r) {
+            const uint32_t id = sys->nodes[r].node_id;
+            vec_of[r] = r >= before ? &v[(30 + r - before) * 512] : &v[(id - 1) * 512];
+        }
+        const float* query = &v[5 * 512];
+        std::vector<bf_topk_entry> mapped(rows), read;
+        for (uint32_t r = 0; r < rows; ++r) mapped[r] = {-1.0f, sys->nodes[r].node_id, 0, 0, r};
+        read = mapped;
+        rerank_from_sidecar(mapped.data(), rows, query, sys);
+        auto* a = orve::attachment_of(sys->sidecar);
+        const auto kept = a->mapped;
+        a->mapped = {};
+        rerank_from_sidecar(read.data(), rows, query, sys);
+        a->mapped = kept;
+        struct stat st;
+        ASSERT_EQ(stat(path.c_str(), &st), 0);
+        EXPECT_EQ(st.st_size, 32 + (layout == 1 ? 330 : 300) * 2056);
+        for (uint32_t i = 0; i < rows; ++i) {
+            ASSERT_EQ(mapped[i].row, read[i].row) << i;
+            if (i > 0) {
+                EXPECT_GE(mapped[i - 1].score, mapped[i].score) << i;
+            }
+            ASSERT_EQ(std::memcmp(&mapped[i].score, &read[i].score, sizeof(float)), 0) << i;
+            const bool in_file = orve::sidecar_file_row_of(sys, mapped[i].row) != orve::kNoFileRow;
+            const bool zero = vec_of[mapped[i].row] == &v[100 * 512];
+            EXPECT_EQ(mapped[i].score, in_file && !zero ? static_cast<float>(exact_cosine(
+                                                              query, vec_of[mapped[i].row]))
+                                                        : -1.0f)
+                << i;
         }
     }
-    // Node 5 went behind the file's last row, the dead one included.
-    struct stat st;
-    ASSERT_EQ(stat(path.c_str(), &st), 0);
-    EXPECT_EQ(st.st_size, 32 + 4 * 2056);
-    float back[512];
-    ASSERT_EQ(orve_vec_sidecar_read_row_floats(b.get()->sidecar, 3, back), 0);
-    EXPECT_EQ(std::memcmp(back, vec_of[5], sizeof back), 0);
+}
+
+// Searches re-rank while another thread appends rows: every row a search can see was written
+// before it was counted, so each answer carries its own row's exact cosine, however far the
+// file has grown past the length it had at the attach.
+TEST_F(SidecarSearch, RerankDuringIngestionReadsOnlyWrittenRows) {
+    const auto v = orve_test::gaussian_vectors(1200, 74);
+    system_block b;
+    auto* sys = b.get();
+    ASSERT_EQ(create_with_capacity(sys, "2000"), 0);
+    ASSERT_EQ(semantic_vector_indexing_system_open_sidecar(sys, path.c_str()), 0);
+    ASSERT_EQ(semantic_vector_indexing_system_load_vectors_f32(sys, v.data(), 100), 100);
+    std::thread writer([&] {
+        for (uint32_t r = 100; r < 1200; r += 100) {
+            EXPECT_EQ(semantic_vector_indexing_system_load_vectors_f32(sys, &v[r * 512], 100), 100);
+        }
+    });
+    for (int i = 0; i < 60; ++i) {
+        const float* query = &v[(i * 37 % 1200) * 512];
+        auto q = orve_test::int8_query(query, 5);
+        q.rerank = 1;
+        vector_similarity_result res[5];
+        uint32_t n = 0;
+        ASSERT_EQ(semantic_vector_indexing_system_search_similar(sys, &q, res, &n), 0);
+        for (uint32_t k = 0; k < n; ++k) {
+            EXPECT_EQ(res[k].similarity,
+                      static_cast<float>(exact_cosine(query, &v[(res[k].node_id - 1) * 512])));
+        }
+    }
+    writer.join();
 }
 
 }  // namespace

@@ -137,82 +137,76 @@ class SidecarFile : public ::testing::Test {
     std::vector<std::string> names_;
 };
 
-TEST_F(SidecarFile, NewFileIsAHeaderAndRowsLandAtFixedOffsets) {
-    const std::string p = path("new.vec");
-    orve_vec_sidecar* h = nullptr;
-    ASSERT_EQ(orve_vec_sidecar_open(p.c_str(), &h), 0);
-    orve_vec_sidecar_close(h);
-    EXPECT_EQ(read_file(p), kFreshHeader);
-    int32_t rc = -9;
-    EXPECT_TRUE(load(p, &rc).ids.empty());
-    EXPECT_EQ(rc, 0);
-
-    ASSERT_EQ(orve_vec_sidecar_open(p.c_str(), &h), 0);
-    ASSERT_EQ(orve_vec_sidecar_append(h, 0x01020304u, vec(1).data()), 0);
-    float out[512];
-    ASSERT_EQ(orve_vec_sidecar_read_row_floats(h, 0, out), 0);  // must not move the position
-    ASSERT_EQ(orve_vec_sidecar_append(h, 9, vec(2).data()), 0);
-    orve_vec_sidecar_close(h);
-    EXPECT_EQ(read_file(p), cat({kFreshHeader, row(0x01020304u, 1, vec(1)), row(9, 1, vec(2))}));
-}
-
-TEST_F(SidecarFile, HeaderThatDoesNotValidateIsReplacedAndItsRowsDropped) {
+// What load hands over from a file as it lies on disk (without changing it), and what the file
+// is once a handle has opened it and appended two rows: foreign or short headers start over,
+// reserved header bytes are kept, a torn last row is cut so the new rows keep their numbers,
+// and dead rows and rows with id 0 are skipped by load but keep their place.
+TEST_F(SidecarFile, LoadAndOpenThenAppendOnEveryKindOfFile) {
     const bytes one_row = row(1, 1, vec(1));
-    const std::vector<bytes> foreign = {
-        bytes(10, 'x'),
-        {},
-        bytes(kFreshHeader.begin(), kFreshHeader.begin() + 31),
-        cat({header("ORVEVECA", 1, 512, 2057), one_row}),
-        cat({header("ORVEVECB", 1, 512, 2056), one_row}),
-        cat({header("ORVEVECA", 2, 512, 2056), one_row}),
-        cat({header("ORVEVECA", 1, 256, 2056), one_row}),
-    };
-    for (size_t i = 0; i < foreign.size(); ++i) {
-        const std::string p = path("foreign" + std::to_string(i));
-        write_file(p, foreign[i]);
-        int32_t rc = -9;
-        EXPECT_TRUE(load(p, &rc).ids.empty()) << i;
-        EXPECT_EQ(rc, 0) << i;
-        EXPECT_EQ(read_file(p), foreign[i]) << "load must not change the file, case " << i;
-        orve_vec_sidecar* h = nullptr;
-        ASSERT_EQ(orve_vec_sidecar_open(p.c_str(), &h), 0) << i;
-        orve_vec_sidecar_close(h);
-        EXPECT_EQ(read_file(p), kFreshHeader) << i;
-    }
-
-    // Reserved header bytes are not part of validation: the file and its row are kept.
-    const std::string p = path("reserved.vec");
-    bytes hdr = kFreshHeader;
-    std::fill(hdr.begin() + 20, hdr.end(), 0xFF);
-    write_file(p, cat({hdr, one_row}));
-    int32_t rc = -9;
-    EXPECT_EQ(load(p, &rc).ids, std::vector<uint32_t>{1});
-    orve_vec_sidecar* h = nullptr;
-    ASSERT_EQ(orve_vec_sidecar_open(p.c_str(), &h), 0);
-    orve_vec_sidecar_close(h);
-    EXPECT_EQ(read_file(p), cat({hdr, one_row}));
-}
-
-TEST_F(SidecarFile, PartialTrailingRowIsCutSoLaterRowsKeepTheirNumbers) {
-    const std::string p = path("crashed.vec");
-    const bytes whole = cat({kFreshHeader, row(1, 1, vec(1)), row(2, 1, vec(2))});
+    const bytes two_rows = cat({kFreshHeader, one_row, row(2, 1, vec(2))});
     const bytes torn = row(3, 1, vec(3));
-    write_file(p, cat({whole, bytes(torn.begin(), torn.begin() + 1000)}));
+    bytes reserved = kFreshHeader;
+    std::fill(reserved.begin() + 20, reserved.end(), 0xFF);
+    const bytes mixed = cat(
+        {kFreshHeader, row(5, 1, vec(5)), row(6, 0, vec(6)), row(0, 1, vec(0)), row(7, 2, vec(7))});
+    struct file_case {
+        const char* name;
+        bool exists;
+        bytes on_disk;
+        std::vector<uint32_t> loaded;
+        bytes kept;  // what stays in front of the appended rows
+    };
+    const std::vector<file_case> cases = {
+        {"missing", false, {}, {}, kFreshHeader},
+        {"empty", true, {}, {}, kFreshHeader},
+        {"short", true, bytes(10, 'x'), {}, kFreshHeader},
+        {"31 header bytes",
+         true,
+         bytes(kFreshHeader.begin(), kFreshHeader.begin() + 31),
+         {},
+         kFreshHeader},
+        {"row size", true, cat({header("ORVEVECA", 1, 512, 2057), one_row}), {}, kFreshHeader},
+        {"magic", true, cat({header("ORVEVECB", 1, 512, 2056), one_row}), {}, kFreshHeader},
+        {"version", true, cat({header("ORVEVECA", 2, 512, 2056), one_row}), {}, kFreshHeader},
+        {"dimension", true, cat({header("ORVEVECA", 1, 256, 2056), one_row}), {}, kFreshHeader},
+        {"reserved bytes", true, cat({reserved, one_row}), {1}, cat({reserved, one_row})},
+        {"torn last row",
+         true,
+         cat({two_rows, bytes(torn.begin(), torn.begin() + 1000)}),
+         {1, 2},
+         two_rows},
+        {"dead and id 0", true, mixed, {5, 7}, mixed},
+    };
+    for (const file_case& c : cases) {
+        SCOPED_TRACE(c.name);
+        const std::string p = path(c.name);
+        if (c.exists) write_file(p, c.on_disk);
+        int32_t rc = -9;
+        const collected got = load(p, &rc);
+        EXPECT_EQ(rc, 0);
+        EXPECT_EQ(got.ids, c.loaded);
+        for (size_t i = 0; i < got.ids.size(); ++i)
+            expect_same_bits(got.values[i].data(), vec(c.loaded[i]));
+        if (c.exists) {
+            EXPECT_EQ(read_file(p), c.on_disk);
+        }
 
+        orve_vec_sidecar* h = nullptr;
+        ASSERT_EQ(orve_vec_sidecar_open(p.c_str(), &h), 0);
+        const uint32_t first = static_cast<uint32_t>((c.kept.size() - 32) / kRow);
+        ASSERT_EQ(orve_vec_sidecar_append(h, 0x01020304u, vec(8).data()), 0);
+        float out[512];
+        ASSERT_EQ(orve_vec_sidecar_read_row_floats(h, first, out),
+                  0);  // must not move the position
+        expect_same_bits(out, vec(8));
+        ASSERT_EQ(orve_vec_sidecar_append(h, 9, vec(9).data()), 0);
+        orve_vec_sidecar_close(h);
+        EXPECT_EQ(read_file(p), cat({c.kept, row(0x01020304u, 1, vec(8)), row(9, 1, vec(9))}));
+    }
+    // The callback's stop value ends the walk and is returned.
     int32_t rc = -9;
-    collected c = load(p, &rc);
-    EXPECT_EQ(rc, 0);
-    EXPECT_EQ(c.ids, (std::vector<uint32_t>{1, 2}));
-
-    orve_vec_sidecar* h = nullptr;
-    ASSERT_EQ(orve_vec_sidecar_open(p.c_str(), &h), 0);
-    EXPECT_EQ(read_file(p), whole);
-    ASSERT_EQ(orve_vec_sidecar_append(h, 9, vec(9).data()), 0);
-    float out[512];
-    ASSERT_EQ(orve_vec_sidecar_read_row_floats(h, 2, out), 0);
-    expect_same_bits(out, vec(9));
-    orve_vec_sidecar_close(h);
-    EXPECT_EQ(read_file(p), cat({whole, row(9, 1, vec(9))}));
+    EXPECT_EQ(load(path("dead and id 0"), &rc, 1, -3).ids, std::vector<uint32_t>{5});
+    EXPECT_EQ(rc, -3);
 }
 
 // A file-size limit makes the kernel stop a write partway (or refuse it), as a full disk would.
@@ -309,20 +303,6 @@ TEST_F(SidecarFile, UnusablePathsFailWithoutSideEffects) {
         EXPECT_TRUE(load(bad, &rc).ids.empty()) << bad;
         EXPECT_EQ(rc, 0) << bad;
     }
-}
-
-TEST_F(SidecarFile, LoadHandsLiveRowsWithNonzeroIdsInFileOrder) {
-    const std::string p = path("mixed.vec");
-    write_file(p, cat({kFreshHeader, row(5, 1, vec(5)), row(6, 0, vec(6)), row(0, 1, vec(0)),
-                       row(7, 2, vec(7))}));
-    int32_t rc = -9;
-    collected c = load(p, &rc);
-    EXPECT_EQ(rc, 0);
-    ASSERT_EQ(c.ids, (std::vector<uint32_t>{5, 7}));
-    expect_same_bits(c.values[0].data(), vec(5));
-    expect_same_bits(c.values[1].data(), vec(7));
-    EXPECT_EQ(load(p, &rc, 1, -3).ids, std::vector<uint32_t>{5});  // the callback's stop value
-    EXPECT_EQ(rc, -3);
 }
 
 }  // namespace

@@ -7,6 +7,7 @@
 #include <sys/mman.h>
 #include <unistd.h>
 
+#include <cstddef>
 #include <cstdint>
 #include <cstdio>
 #include <cstring>
@@ -37,16 +38,21 @@ void check(bool ok) {
     if (!ok) __builtin_trap();
 }
 
-int32_t on_row(uint32_t id, const float* values, uint32_t position, void* user) {
+int32_t on_rows(const uint32_t* ids, const float* values, const uint32_t* positions, uint32_t n,
+                void* user) {
     auto* w = static_cast<walk*>(user);
-    check(id != 0 && static_cast<int64_t>(position) > w->last && position < w->whole);
-    const uint8_t* row = w->data + sc::row_offset(position);
-    check(row[sc::kRowLiveOffset] != 0 && sc::load_u32(row + sc::kRowIdOffset) == id);
-    float decoded[sc::kDim];
-    sc::decode_values(row + sc::kRowValuesOffset, decoded);
-    check(std::memcmp(values, decoded, sizeof decoded) == 0);
-    w->last = position;
-    ++w->count;
+    check(n > 0);
+    for (uint32_t k = 0; k < n; ++k) {
+        const uint32_t id = ids[k], position = positions[k];
+        check(id != 0 && static_cast<int64_t>(position) > w->last && position < w->whole);
+        const uint8_t* row = w->data + sc::row_offset(position);
+        check(row[sc::kRowLiveOffset] != 0 && sc::load_u32(row + sc::kRowIdOffset) == id);
+        float decoded[sc::kDim];
+        sc::decode_values(row + sc::kRowValuesOffset, decoded);
+        check(std::memcmp(values + std::size_t{k} * sc::kDim, decoded, sizeof decoded) == 0);
+        w->last = position;
+        ++w->count;
+    }
     return 0;
 }
 
@@ -75,7 +81,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     check(orve_vec_sidecar_load(path, count_row, &loaded) == 0);
     walk w{data, whole};
     if (valid) {
-        check(sc::replay_rows(fd, on_row, &w) == 0);
+        check(sc::replay_rows(fd, on_rows, &w) == 0);
     }
     check(w.count == loaded);
 
