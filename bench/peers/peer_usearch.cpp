@@ -76,8 +76,10 @@ void run_one(const dataset& d, const options& opt, const answers& exact, report&
         }
     }
     b.load_s = seconds_since(t0);
-    row_codes = {};
+    // The codes are freed only after the probe: freeing the input inside it would hide as many
+    // bytes as the graph's own copy of the codes takes.
     b.mem.after();
+    row_codes = {};
     rep.builds.push_back(b);
     keep.push_back(h);
     std::fprintf(stderr, "USearch %s: graph built in %.1f s\n", name.c_str(), b.load_s);
