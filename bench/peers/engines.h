@@ -32,6 +32,12 @@ void run_hnswlib(const dataset& d, const options& opt, const answers& exact, rep
                  keep_alive& keep);
 #endif
 
+#if ORVE_PEERS_USEARCH
+// f32 HNSW over the float rows and i8 HNSW over our int8 codes of them.
+void run_usearch(const dataset& d, const options& opt, const answers& exact, report& rep,
+                 keep_alive& keep);
+#endif
+
 // nlist and the H-IVF's b of a run, after the defaults are applied.
 uint32_t ivf_nlist(const options& opt);
 uint32_t hivf_b(const options& opt);

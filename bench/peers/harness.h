@@ -25,11 +25,15 @@ struct options {
     double min_time = 1.0;  // seconds each timed figure runs for, at least one pass
     bool faiss = true;
     bool hnswlib = true;
+    bool usearch = true;
+    bool clustered = true;  // the Gaussian mixture
+    bool hrr = true;        // the HRR facts
 };
 
-// Rows and held-out queries of one Gaussian mixture, every vector scaled to unit length so that
-// the inner product every engine computes is the cosine.
+// Rows and held-out queries, every vector of unit length so that the inner product every engine
+// computes is the cosine.
 struct dataset {
+    std::string name;
     std::size_t n = 0, nq = 0;
     std::vector<float> rows;     // n x 512
     std::vector<float> queries;  // nq x 512
@@ -37,7 +41,17 @@ struct dataset {
     const float* query(std::size_t i) const { return queries.data() + i * kDim; }
 };
 
+// A Gaussian mixture of opt.centres centres.
 dataset make_dataset(const options& opt);
+
+// Facts (subject, relation, object) encoded by the library's HRR encoder, over opt.rows / 10
+// entities and 64 relations drawn uniformly. Each query keeps the subject and relation of a
+// stored fact and takes a random object, as a lookup of "what else does s relate to by r" does.
+dataset make_hrr_dataset(const options& opt);
+
+// Single-thread streaming read of a buffer far larger than the caches, in GB/s (best of a few
+// passes); the ceiling for any scan of rows held in memory.
+double read_bandwidth_gbs();
 
 // Row indexes (0-based) of the exact top kTopK of every query, best first.
 using answers = std::vector<int64_t>;  // nq x kTopK
@@ -82,6 +96,8 @@ struct build_row {
     double train_s = 0;  // index build or training; 0 when the index needs none
     memory_probe mem;
     std::size_t rows = 0;
+    long file_bytes = 0;     // a file the index is searched from, beside its resident memory
+    std::string base_index;  // index of the same engine this one is built on, if any
 };
 
 struct search_row {
@@ -100,6 +116,10 @@ struct report {
     void print_builds() const;
     void print_searches() const;
     void print_matched_recall(const std::string& ours) const;
+    // One line per engine and index (re-ranked settings apart): build time and bytes per row
+    // with the index it is built on, and the best QPS, one at a time and batch, at recall@10
+    // 0.90, 0.95 and 0.99.
+    void print_summary() const;
 };
 
 }  // namespace peers
