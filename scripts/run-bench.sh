@@ -1,6 +1,7 @@
 #!/usr/bin/env bash
 # Every benchmark, one after the other: the scan kernels against the machine's read bandwidth,
-# the system object end to end, and the comparison with FAISS and hnswlib.
+# the system object end to end, and the comparison with FAISS, hnswlib and USearch (fetched
+# with npm from its package).
 #
 # Usage: bash scripts/run-bench.sh [--rows N]
 #   --rows N   rows for bench_system (default 1000000) and bench_peers (default 100000)
@@ -30,7 +31,7 @@ done
 
 cd "$ROOT"
 BUILD_TARGETS="bench_kernels bench_system bench_peers" \
-    build_tree build/release -DCMAKE_BUILD_TYPE=RelWithDebInfo
+    build_tree build/release -DCMAKE_BUILD_TYPE=RelWithDebInfo -DORVE_PEERS_USEARCH=ON
 
 echo
 echo "=== bench_kernels: 512-lane kernels in cache and over a 1 GiB slab ==="
@@ -39,5 +40,5 @@ echo
 echo "=== bench_system: ingestion, brute force, resident bytes per row ==="
 build/release/bench/bench_system "${rows_args[@]}"
 echo
-echo "=== bench_peers: against FAISS and hnswlib (takes several minutes) ==="
+echo "=== bench_peers: against FAISS, hnswlib and USearch (takes several minutes) ==="
 build/release/bench/peers/bench_peers "${rows_args[@]}"
