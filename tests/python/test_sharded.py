@@ -10,7 +10,7 @@ import numpy as np
 import pytest
 
 import orve
-from conftest import unit_rows
+from conftest import assert_same, unit_rows
 
 SHARD_ROWS = 1000      # the smallest shard that can still be sealed (index builds need 1000)
 
@@ -20,11 +20,6 @@ def reference(rows, ids, queries, k):
     with orve.Index(capacity=len(rows) + 1) as ix:
         ix.add(rows, ids=ids)
         return ix.search_batch(queries, k, path="brute")
-
-
-def assert_same(got, want):
-    np.testing.assert_array_equal(got[0], want[0])
-    np.testing.assert_array_equal(got[1], want[1])
 
 
 @pytest.fixture(scope="module")
@@ -52,9 +47,9 @@ def test_brute_force_over_shards_equals_one_scan(data, sharded_dir, k):
     rows, ids, queries = data
     with orve.ShardedIndex(sharded_dir) as s:
         assert len(s) == len(rows)
-        assert_same(s.search_batch(queries, k, path="brute"), reference(rows, ids, queries, k))
-        one_ids, one_scores = s.search(queries[3], k, path="brute")
-        assert_same((one_ids[None], one_scores[None]), reference(rows, ids, queries[3:4], k))
+        want = reference(rows, ids, queries, k)
+        assert_same(s.search_batch(queries, k, path="brute"), want)
+        assert_same(s.search(queries[3], k, path="brute"), (want[0][3], want[1][3]))
         for path in ("ivf", "paged", "auto"):    # index paths answer with real, distinct ids
             got = s.search_batch(queries, k, path=path)[0]
             assert np.isin(got, ids).all() and all(len(set(r)) == k for r in got)

@@ -1,6 +1,7 @@
 // The tool's readers against well-formed and malformed .npy and .fvecs files written here.
 #include <gtest/gtest.h>
 
+#include <cstring>
 #include <functional>
 #include <limits>
 #include <string>
@@ -33,11 +34,19 @@ std::string error_of(const std::function<void()>& fn) {
     return "";
 }
 
-// An array of any dtype from integer values, little-endian, `size` bytes each.
+// A 1-d array of any dtype from integer values, little-endian, `size` bytes each.
 bytes ints(const char* descr, uint32_t size, const std::vector<int64_t>& values) {
     bytes b = npy_preamble(npy_dict(descr, "(" + std::to_string(values.size()) + ",)"));
-    for (int64_t x : values) {
-        for (uint32_t i = 0; i < size; ++i) b.push_back(uint8_t(uint64_t(x) >> (8 * i)));
+    for (int64_t x : values) put(b, reinterpret_cast<const uint8_t*>(&x), size);
+    return b;
+}
+
+// A float64 (rows, 512) array of the values.
+bytes f8(const std::vector<float>& v, size_t rows) {
+    bytes b = npy_preamble(npy_dict("<f8", "(" + std::to_string(rows) + ", 512)"));
+    for (float x : v) {
+        const double d = x;
+        put(b, &d);
     }
     return b;
 }
@@ -45,34 +54,27 @@ bytes ints(const char* descr, uint32_t size, const std::vector<int64_t>& values)
 TEST(VectorFile, ReadsEveryValueOfEachFormatAndWindow) {
     scratch_dir dir;
     const std::vector<float> v = ramp(3);
-    bytes f8 = npy_preamble(npy_dict("<f8", "(3, 512)"));
-    for (float x : v) {
-        const double d = x;
-        const auto* p = reinterpret_cast<const uint8_t*>(&d);
-        f8.insert(f8.end(), p, p + 8);
-    }
     // Key order is free, double quotes are legal, and Python 2 wrote longs with an L suffix.
     bytes py2 =
         npy_preamble("{\"shape\": (3L, 512L), \"fortran_order\": False, \"descr\": \"<f4\"}");
-    put_floats(py2, v.data(), v.size());
+    put(py2, v.data(), v.size());
     const struct {
         const char* name;
         bytes content;
     } files[] = {{"v1.npy", npy_f32(v, 3, 1)},
                  {"v2.npy", npy_f32(v, 3, 2)},
                  {"v.fvecs", fvecs(v, 3)},
-                 {"f8.npy", f8},
+                 {"f8.npy", f8(v, 3)},
                  {"py2.npy", py2},
                  {"v.bin", npy_f32(v, 3)}};
     for (const auto& f : files) {
         write_file(dir.file(f.name), f.content);
         const vector_file in(dir.file(f.name));
         ASSERT_EQ(in.rows(), 3u) << f.name;
-        std::vector<float> out(3 * 512, 0.0f);
+        std::vector<float> out(3 * 512, 0.0f), last(512);
         in.read_rows(0, 3, out.data());
-        EXPECT_EQ(out, v) << f.name;
-        std::vector<float> last(512);
         in.read_rows(2, 1, last.data());
+        EXPECT_EQ(out, v) << f.name;
         EXPECT_EQ(last, std::vector<float>(v.begin() + 1024, v.end())) << f.name;
     }
 }
@@ -81,7 +83,7 @@ TEST(VectorFile, RefusesMalformedFilesNamingTheFileAndTheProblem) {
     scratch_dir dir;
     const std::vector<float> v = ramp(3);
     auto with_data = [&](bytes b, size_t floats) {
-        put_floats(b, v.data(), floats);
+        put(b, v.data(), floats);
         return b;
     };
     bytes v4 = npy_f32(v, 1);
@@ -89,7 +91,8 @@ TEST(VectorFile, RefusesMalformedFilesNamingTheFileAndTheProblem) {
     bytes short_header = npy_f32(v, 1);
     short_header.resize(40);
     bytes huge = {0x93, 'N', 'U', 'M', 'P', 'Y', 2, 0};
-    put_le32(huge, 65537);
+    const uint32_t huge_len = 65537;
+    put(huge, &huge_len);
     huge.resize(huge.size() + 65537, ' ');
     const std::vector<float> two = ramp(2);
     bytes cut = npy_f32(two, 2);
@@ -159,13 +162,10 @@ TEST(VectorFile, RefusesNonFiniteValuesAtTheRowThatHoldsThem) {
     v[1024 + 9] = -std::numeric_limits<float>::infinity();
     write_file(dir.file("nan.npy"), npy_f32(v, 3));
     // float64 beyond float range would become an infinity and is refused like one.
-    bytes f8 = npy_preamble(npy_dict("<f8", "(1, 512)"));
-    for (size_t i = 0; i < 512; ++i) {
-        const double d = i == 488 ? 1e300 : 1.0;
-        const auto* p = reinterpret_cast<const uint8_t*>(&d);
-        f8.insert(f8.end(), p, p + 8);
-    }
-    write_file(dir.file("f8.npy"), f8);
+    bytes big = f8(std::vector<float>(512, 1.0f), 1);
+    const double too_big = 1e300;
+    std::memcpy(&big[big.size() - 24 * 8], &too_big, 8);  // component 488
+    write_file(dir.file("f8.npy"), big);
     const vector_file f(dir.file("nan.npy")), g(dir.file("f8.npy"));
     std::vector<float> out(3 * 512);
     EXPECT_EQ(error_of([&] { f.read_rows(0, 1, out.data()); }), "");
