@@ -53,12 +53,7 @@ def _open_in_process(path):
     """Whether path is mapped, and whether a descriptor of this process refers to it."""
     with open("/proc/self/maps") as f:
         mapped = str(path) in f.read()
-    fds = []
-    for fd in os.listdir("/proc/self/fd"):
-        try:
-            fds.append(os.readlink(f"/proc/self/fd/{fd}"))
-        except OSError:
-            pass
+    fds = [os.path.realpath(f"/proc/self/fd/{fd}") for fd in os.listdir("/proc/self/fd")]
     return mapped, any(str(path) in t for t in fds)
 
 

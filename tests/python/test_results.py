@@ -46,16 +46,6 @@ def test_float64_and_strided_input_equal_float32(rows, queries):
             assert_same(ix.search(q64, 7, path="brute"), a.search(queries[2], 7, path="brute"))
 
 
-@pytest.mark.parametrize("path", ["ivf", "hivf", "paged"])
-def test_probing_everything_equals_brute(index, queries, tmp_path, path):
-    index.build_ivf(24, seed=3) if path == "ivf" else index.build_hivf(6, 5, seed=2)
-    brute = [index.search(q, 10, path="brute") for q in queries]
-    if path == "paged":
-        index.write_paged(tmp_path / "x.ivfp")
-    for q, b in zip(queries, brute):
-        assert_same(index.search(q, 10, path=path, nprobe=24, nprobe_l1=6, nprobe_l2=5), b)
-
-
 def test_batch_pads_short_answers(rows, queries):
     with orve.Index(capacity=10) as ix:
         ix.add(rows[:4])
