@@ -1,6 +1,8 @@
 """Shared helpers of the orve Python tests: data, and independent numpy models of the library's
 int8 scoring and of exact float neighbours, used as the references for results."""
 
+import threading
+
 import numpy as np
 import pytest
 
@@ -55,6 +57,24 @@ def assert_same(got, want):
     np.testing.assert_array_equal(got[0], want[0])
     np.testing.assert_array_equal(np.asarray(got[1]).view(np.uint32),
                                   np.asarray(want[1]).view(np.uint32))
+
+
+def run_threads(targets):
+    """Runs the callables in threads; the exceptions any of them raised."""
+    failures = []
+
+    def guarded(fn):
+        try:
+            fn()
+        except BaseException as e:  # noqa: BLE001 - reported by the caller
+            failures.append(repr(e))
+
+    threads = [threading.Thread(target=guarded, args=(t,)) for t in targets]
+    for t in threads:
+        t.start()
+    for t in threads:
+        t.join()
+    return failures
 
 
 @pytest.fixture(scope="session")

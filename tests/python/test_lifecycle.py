@@ -3,13 +3,11 @@ capacity, and release of everything an index holds."""
 
 import gc
 import os
-import threading
-
 import numpy as np
 import pytest
 
 import orve
-from conftest import assert_same
+from conftest import assert_same, run_threads
 
 _PATHS = ("brute", "ivf", "paged", "rerank")
 
@@ -71,27 +69,18 @@ def test_garbage_collected_index_releases_file_and_mapping(rows, tmp_path):
 
 def test_capacity_applies_to_one_create_and_env_is_restored(rows, monkeypatch):
     monkeypatch.setenv("ORVE_VECTOR_CAPACITY", "3")
-    errors = []
 
-    def fill(cap, rounds, env=False):  # exactly cap rows fit
-        try:
-            for _ in range(rounds):
-                with orve.Index() if env else orve.Index(capacity=cap) as ix:
-                    ix.add(rows[:cap])
-                    with pytest.raises(orve.Error):
-                        ix.add(rows[:1])
-        except BaseException as e:  # noqa: BLE001 - reported below
-            errors.append(f"capacity {cap}: {e!r}")
+    def fill(cap, rounds=5, env=False):  # exactly cap rows fit
+        for _ in range(rounds):
+            with orve.Index() if env else orve.Index(capacity=cap) as ix:
+                ix.add(rows[:cap])
+                with pytest.raises(orve.Error):
+                    ix.add(rows[:1])
 
     fill(6, 1)
     assert os.environ["ORVE_VECTOR_CAPACITY"] == "3"
     fill(3, 1, env=True)  # the environment's value again
-    threads = [threading.Thread(target=fill, args=(c, 5)) for c in (2, 3, 5, 7, 11, 13)]
-    for t in threads:
-        t.start()
-    for t in threads:
-        t.join()
-    assert errors == []
+    assert run_threads([lambda c=c: fill(c) for c in (2, 3, 5, 7, 11, 13)]) == []
 
 
 def test_stale_indexes_are_never_searched_silently(rows, queries, tmp_path):

@@ -7,25 +7,7 @@ import numpy as np
 import pytest
 
 import orve
-from conftest import assert_same
-
-
-def _run(targets):
-    """Runs the callables in threads; the exceptions any of them raised."""
-    failures = []
-
-    def guarded(fn):
-        try:
-            fn()
-        except BaseException as e:  # noqa: BLE001 - reported by the caller
-            failures.append(repr(e))
-
-    threads = [threading.Thread(target=guarded, args=(t,)) for t in targets]
-    for t in threads:
-        t.start()
-    for t in threads:
-        t.join()
-    return failures
+from conftest import assert_same, run_threads
 
 
 def test_search_while_ingesting_and_rebuilding(rows, queries):
@@ -50,7 +32,7 @@ def test_search_while_ingesting_and_rebuilding(rows, queries):
                     assert set(got) <= known and len(set(got)) == n
                     assert np.isfinite(scores[r, :n]).all() and (np.diff(scores[r, :n]) <= 0).all()
 
-        assert _run([ingest] + [lambda p=p: search(p) for p in ("brute", "auto", "brute")]) == []
+        assert run_threads([ingest] + [lambda p=p: search(p) for p in ("brute", "auto", "brute")]) == []
         assert len(ix) == 1800
 
 
@@ -72,7 +54,7 @@ def test_close_while_searching(rows, queries):
         ix.search(queries[1], 5)  # let the others get going
         ix.close()
 
-    assert _run([search, search, search, close]) == []
+    assert run_threads([search, search, search, close]) == []
 
 
 @pytest.mark.parametrize("threads, nq", [(2, 7), (3, 11), (3, 2)])
