@@ -5,7 +5,6 @@
 
 #include <cstdlib>
 #include <cstring>
-#include <random>
 #include <string>
 #include <vector>
 
@@ -22,19 +21,18 @@ using orve::tool::read_ivfp_report;
 using orve::tool::read_sidecar_report;
 using orve::tool::sniff_index_file;
 
-bytes sidecar_header(uint32_t version = 1, uint32_t dim = 512, uint32_t row_bytes = 2056) {
+// A sidecar header, then rows of (id, live byte) with zero padding and codes.
+bytes sidecar(std::vector<std::pair<uint32_t, uint8_t>> rows, uint32_t version = 1,
+              uint32_t dim = 512, uint32_t row_bytes = 2056) {
     bytes b = {'O', 'R', 'V', 'E', 'V', 'E', 'C', 'A'};
-    put_le32(b, version);
-    put_le32(b, dim);
-    put_le32(b, row_bytes);
+    for (uint32_t x : {version, dim, row_bytes}) put(b, &x);
     b.resize(32, 0);
+    for (const auto& [id, live] : rows) {
+        put(b, &id);
+        b.push_back(live);
+        b.resize(b.size() + 3 + 2048, 0);
+    }
     return b;
-}
-
-void add_row(bytes& b, uint32_t id, uint8_t live) {
-    put_le32(b, id);
-    b.push_back(live);
-    b.resize(b.size() + 3 + 2048, 0);
 }
 
 // A paged index written by the library from n Gaussian rows with a b1 x b2 H-IVF.
@@ -43,10 +41,7 @@ std::string write_paged(const scratch_dir& dir, uint32_t n, uint32_t b1, uint32_
     auto* sys = reinterpret_cast<semantic_vector_indexing_system*>(block.data());
     setenv("ORVE_VECTOR_CAPACITY", std::to_string(n).c_str(), 1);
     EXPECT_EQ(semantic_vector_indexing_system_create(sys), 0);
-    std::mt19937 rng(11);
-    std::normal_distribution<float> g;
-    std::vector<float> v(size_t{n} * 512);
-    for (float& x : v) x = g(rng);
+    const std::vector<float> v = mixture(n, 11, 0);
     EXPECT_EQ(semantic_vector_indexing_system_load_vectors_f32(sys, v.data(), n),
               static_cast<int>(n));
     EXPECT_EQ(semantic_vector_indexing_system_build_ivf_level2(sys, b1, b2, 3), 0);
@@ -63,46 +58,28 @@ bool mentions(const std::vector<std::string>& problems, const std::string& text)
     return false;
 }
 
-TEST(SidecarReport, CountsLiveDeadRepeatedAndPartialRows) {
+// Counts of a well-formed file; headers the library would discard are flagged and their rows
+// not counted.
+TEST(SidecarReport, CountsRowsAndFlagsHeadersTheLibraryWouldDiscard) {
     scratch_dir dir;
-    bytes b = sidecar_header();
-    add_row(b, 5, 1);
-    add_row(b, 0, 1);  // id 0: dead whatever the live byte says
-    add_row(b, 7, 0);  // live byte 0: dead
-    add_row(b, 9, 1);
-    add_row(b, 5, 1);  // the same id again
+    // id 0 is dead whatever the live byte says; live byte 0 is dead; id 5 comes twice.
+    bytes b = sidecar({{5, 1}, {0, 1}, {7, 0}, {9, 1}, {5, 1}});
     b.resize(b.size() + 100, 0xab);
     write_file(dir.file("s.sc"), b);
-
-    const auto r = read_sidecar_report(dir.file("s.sc"));
+    auto r = read_sidecar_report(dir.file("s.sc"));
     EXPECT_TRUE(r.header_ok);
-    EXPECT_EQ(r.file_size, 32u + 5 * 2056 + 100);
-    EXPECT_EQ(r.rows, 5u);
-    EXPECT_EQ(r.live_rows, 3u);
-    EXPECT_EQ(r.dead_rows, 2u);
-    EXPECT_EQ(r.duplicate_ids, 1u);
-    EXPECT_EQ(r.partial_bytes, 100u);
-    EXPECT_EQ(r.min_id, 5u);
-    EXPECT_EQ(r.max_id, 9u);
+    // file size, rows, live, dead, duplicate ids, partial bytes, smallest and largest id
+    EXPECT_EQ((std::vector<uint64_t>{r.file_size, r.rows, r.live_rows, r.dead_rows, r.duplicate_ids,
+                                     r.partial_bytes, r.min_id, r.max_id}),
+              (std::vector<uint64_t>{32 + 5 * 2056 + 100, 5, 3, 2, 1, 100, 5, 9}));
     EXPECT_EQ(sniff_index_file(dir.file("s.sc")), index_file_kind::sidecar);
-}
-
-TEST(SidecarReport, FlagsHeadersTheLibraryWouldDiscard) {
-    scratch_dir dir;
     for (const bytes& h :
-         {sidecar_header(2), sidecar_header(1, 128), sidecar_header(1, 512, 520)}) {
-        bytes b = h;
-        add_row(b, 1, 1);
-        write_file(dir.file("h.sc"), b);
-        const auto r = read_sidecar_report(dir.file("h.sc"));
-        EXPECT_TRUE(r.magic_ok);
-        EXPECT_FALSE(r.header_ok);
-        EXPECT_EQ(r.rows, 0u);
+         {sidecar({{1, 1}}, 2), sidecar({{1, 1}}, 1, 128), sidecar({{1, 1}}, 1, 512, 520),
+          bytes{'O', 'R', 'V', 'E', 'V', 'E', 'C', 'A', 1}}) {
+        write_file(dir.file("h.sc"), h);
+        r = read_sidecar_report(dir.file("h.sc"));
+        EXPECT_TRUE(r.magic_ok && !r.header_ok && r.rows == 0);
     }
-    write_file(dir.file("short.sc"), bytes{'O', 'R', 'V', 'E', 'V', 'E', 'C', 'A', 1});
-    const auto r = read_sidecar_report(dir.file("short.sc"));
-    EXPECT_TRUE(r.magic_ok);
-    EXPECT_FALSE(r.header_ok);
     write_file(dir.file("empty.sc"), {});
     EXPECT_EQ(sniff_index_file(dir.file("empty.sc")), index_file_kind::unknown);
     EXPECT_THROW(sniff_index_file(dir.file("missing")), orve::tool::tool_error);
@@ -114,18 +91,14 @@ TEST(IvfpReport, DecodesALibraryWrittenFile) {
     ASSERT_EQ(sniff_index_file(path), index_file_kind::paged_index);
     const auto r = read_ivfp_report(path);
     EXPECT_TRUE(r.problems.empty()) << (r.problems.empty() ? "" : r.problems[0]);
-    // align64(72 + 520 * 2) = 1152; + 512 * 6 = 4224; + 16 * 6 = 4320; align4096(4320 + 144).
-    EXPECT_EQ(r.leaf_centroids, 1152u);
-    EXPECT_EQ(r.leaf_table, 4224u);
-    EXPECT_EQ(r.leaf_directory, 4320u);
-    EXPECT_EQ(r.leaf_data, 8192u);
-    EXPECT_EQ(r.slots, 6u);
-    EXPECT_EQ(r.rows_in_leaves, 1200u);
+    // align64(72 + 520 * 2) = 1152; + 512 * 6 = 4224; + 16 * 6 = 4320; align4096(4320 + 144);
+    // 6 slots; every row in a leaf; two level-1 buckets share every row.
+    EXPECT_EQ((std::vector<uint64_t>{r.leaf_centroids, r.leaf_table, r.leaf_directory, r.leaf_data,
+                                     r.slots, r.rows_in_leaves, r.l1_min + r.l1_max}),
+              (std::vector<uint64_t>{1152, 4224, 4320, 8192, 6, 1200, 1200}));
     EXPECT_EQ(r.data_end, r.file_size);
-    EXPECT_LE(r.leaf_min, r.leaf_median);
-    EXPECT_LE(r.leaf_median, r.leaf_max);
+    EXPECT_TRUE(r.leaf_min <= r.leaf_median && r.leaf_median <= r.leaf_max);
     EXPECT_GE(r.leaf_max * (r.slots - r.empty_slots), 1200u);
-    EXPECT_EQ(r.l1_min + r.l1_max, 1200u);  // two level-1 buckets share every row
 }
 
 TEST(IvfpReport, NoticesDamage) {
