@@ -20,8 +20,7 @@ uint64_t digest(const orve_ivf_index& x) {
 }
 
 TEST(KmeansPlusPlus, WeightedPickFollowsTheRunningSum) {
-    // Three rows at squared distances 0, 1 and 3 from row 0: row 1 has one lane at 1, row 2
-    // three.
+    // Rows at squared distances 0, 1 and 3 from row 0.
     std::vector<int8_t> codes(512 * 3, 0);
     std::vector<float> rows(512 * 3, 0.0f);
     for (int l : {512, 1024, 1025, 1026}) codes[l] = 1, rows[l] = 1.0f;
@@ -46,18 +45,6 @@ TEST(KmeansPlusPlus, WeightedPickFollowsTheRunningSum) {
     EXPECT_GT(to_row2, 0);
 }
 
-TEST(KmeansPlusPlus, IdenticalRowsMakeEveryFurtherPickUniform) {
-    std::vector<int8_t> codes(512 * 7, 5);
-    std::vector<float> rows(512 * 7, 0.25f);
-    unsigned int ref = 77, si = 77, sf = 77;
-    std::vector<uint32_t> want(5), got_i8(5), got_f(5);
-    for (auto& w : want) w = static_cast<uint32_t>(rand_r(&ref) % 7);
-    ASSERT_EQ(pick_kmeans_pp_indices_i8(codes.data(), 7, 5, &si, got_i8.data()), 0);
-    ASSERT_EQ(pick_kmeans_pp_indices(rows.data(), 7, 5, &sf, got_f.data()), 0);
-    EXPECT_EQ(got_i8, want);
-    EXPECT_EQ(got_f, want);
-}
-
 using builder = int (*)(const float*, uint32_t, uint32_t, uint32_t, const int8_t*, const float*,
                         const float*, const uint8_t*, orve_ivf_index*);
 const builder kBuilders[] = {orve_ivf_build_kmeans_centroids, orve_ivf_build_random_centroids};
@@ -80,13 +67,10 @@ TEST(IvfBuilders, SeedZeroActsAsOneFlagsAreIgnoredAndRejectionsWriteNothing) {
         EXPECT_EQ(h[0], h[1]);
         EXPECT_NE(h[0], h[2]);
 
-        orve_ivf_index out;
-        std::memset(&out, 0xAB, sizeof out);
-        const orve_ivf_index before = out;
-        const float* no_rows = nullptr;
-        const int8_t* no_codes = nullptr;
-        EXPECT_EQ(build(no_rows, 10, 2, 1, c, s, m, nullptr, &out), -1);
-        EXPECT_EQ(build(r, 10, 2, 1, no_codes, s, m, nullptr, &out), -1);
+        orve_ivf_index out, before;
+        std::memset(&out, 0xAB, sizeof out), before = out;
+        EXPECT_EQ(build(nullptr, 10, 2, 1, c, s, m, nullptr, &out), -1);
+        EXPECT_EQ(build(r, 10, 2, 1, nullptr, s, m, nullptr, &out), -1);
         EXPECT_EQ(build(r, 10, 2, 1, c, s, m, nullptr, nullptr), -1);
         for (uint32_t k : {0u, 11u}) EXPECT_EQ(build(r, 10, k, 1, c, s, m, nullptr, &out), -1);
         EXPECT_EQ(std::memcmp(&out, &before, sizeof out), 0);
@@ -144,15 +128,12 @@ TEST(Int8Kmeans, FinalAssignmentIsTheLargestDotAgainstTheFinalCodes) {
                                     q1.data(), a1.data()),
               0);
     for (uint32_t i = 0; i < d.n; ++i) {
-        int64_t best = INT64_MIN;
+        int64_t best = INT64_MIN, dot;
         uint32_t want = 0;
         for (uint32_t c = 0; c < 10; ++c) {
-            int64_t dot = 0;
+            dot = 0;
             for (int l = 0; l < 512; ++l) dot += int64_t{d.code(i)[l]} * q1[512 * c + l];
-            if (dot > best) {
-                best = dot;
-                want = c;
-            }
+            if (dot > best) best = dot, want = c;
         }
         ASSERT_EQ(a1[i], want) << i;
     }
