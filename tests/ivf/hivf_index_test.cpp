@@ -120,31 +120,4 @@ TEST(HivfBuild, InvariantsLevelSizesTeardownAndRejectionsForBothBuilders) {
     }
 }
 
-// Digests of level 1 and of the leaves apart.
-std::pair<uint64_t, uint64_t> digests(const orve_hivf_index& h) {
-    uint64_t l1 = ivf_test::fnv1a(ivf_test::kFnvOffset, h.l1_centroid_codes, 512 * h.b1);
-    l1 = ivf_test::fnv1a(ivf_test::fnv1a(l1, h.l1_centroid_scales, 4 * h.b1), h.l1_centroid_norms,
-                         4 * h.b1);
-    uint64_t l2 = ivf_test::kFnvOffset;
-    for (uint32_t i = 0; i < h.b1; ++i) {
-        if (h.l2_indexes[i].n_rows > 0) l2 = ivf_test::digest_ivf(l2, h.l2_indexes[i]);
-    }
-    return {l1, l2};
-}
-
-TEST(HivfBuild, SeedZeroSharesLevelOneWithSeedOneButNotTheLeaves) {
-    const dataset d = ivf_test::clustered_rows(400, 5, 0.7f, 67);
-    for (hivf_builder build : kBuilders) {
-        std::pair<uint64_t, uint64_t> x[2];
-        for (uint32_t seed : {0u, 1u}) {
-            orve_hivf_index h{};
-            ASSERT_EQ(build(d, 4, 6, seed, &h), 0);
-            x[seed] = digests(h);
-            orve_hivf_index_destroy(&h);
-        }
-        EXPECT_EQ(x[0].first, x[1].first);    // level 1 starts from 1 either way
-        EXPECT_NE(x[0].second, x[1].second);  // leaves start from 1 + i and 2 + i
-    }
-}
-
 }  // namespace

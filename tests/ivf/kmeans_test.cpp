@@ -103,22 +103,6 @@ TEST(IvfKmeans, OneBucketHoldsEveryRowAroundTheMeanDirection) {
     orve_ivf_index_destroy(&idx);
 }
 
-TEST(IvfRandomCentroids, EveryRowIsItsOwnCentroidWhenBucketsEqualRows) {
-    const dataset d = ivf_test::random_rows(25, 56);
-    orve_ivf_index idx{};
-    ASSERT_EQ(orve_ivf_build_random_centroids(d.rows.data(), d.n, d.n, 3, d.codes.data(),
-                                              d.scales.data(), d.norms.data(), nullptr, &idx),
-              0);
-    for (uint32_t b = 0; b < d.n; ++b) {
-        ASSERT_EQ(idx.bucket_sizes[b], 1u) << b;  // no row drawn twice
-        const uint32_t p = idx.bucket_offsets[b];
-        // The centroid is the row itself, unnormalised, so it quantises to the row's codes.
-        EXPECT_EQ(std::memcmp(idx.centroid_codes + 512 * b, idx.codes + 512 * p, 512), 0);
-        EXPECT_EQ(idx.centroid_norms[b], d.norms[idx.row_ids[p]]);
-    }
-    orve_ivf_index_destroy(&idx);
-}
-
 TEST(Int8Kmeans, FinalAssignmentIsTheLargestDotAgainstTheFinalCodes) {
     const dataset d = ivf_test::clustered_rows(300, 6, 0.7f, 57);
     std::vector<float> c1(512 * 10);

@@ -86,9 +86,10 @@ struct hand_hivf {
                 s.centroid_scales.push_back(l.scale);
                 s.centroid_norms.push_back(l.norm);
             }
-            total_rows += static_cast<uint32_t>(s.row_ids.size());
+            const auto rows = static_cast<uint32_t>(s.row_ids.size());
+            total_rows += rows;
             if (b.leaves.empty()) continue;  // the all-zero entry of a bucket without rows
-            records_[i] = {static_cast<uint32_t>(s.row_ids.size()),
+            records_[i] = {rows,
                            static_cast<uint32_t>(b.leaves.size()),
                            s.codes.data(),
                            s.row_scales.data(),
