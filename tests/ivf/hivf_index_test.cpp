@@ -61,26 +61,15 @@ void expect_invariants(const orve_hivf_index& h, const dataset& d, uint32_t b1, 
     for (uint32_t r = 0; r < d.n; ++r) EXPECT_EQ(seen[r], 1) << "row " << r;
 }
 
-// Identical rows whose mean is exactly the row again: every row stays in level-1 bucket 0.
-dataset identical_rows() {
-    dataset d = ivf_test::random_rows(10, 65);
-    std::fill(d.rows.begin(), d.rows.end(), 0.0f);
-    for (uint32_t r = 0; r < d.n; ++r) {
-        for (int l : {1, 2, 3, 4}) d.rows[512 * r + l] = 0.5f;
-    }
-    d.quantise();
-    return d;
-}
-
-// Three rows along one direction and 97 along the opposite one: the small group becomes a
-// level-1 bucket of its own, with one leaf per row instead of b2.
-dataset three_against_97() {
-    dataset d = ivf_test::random_rows(100, 63);
+// `small` rows along (1, .., 1) and the rest along the opposite, each lane scaled by
+// 1 + jitter x noise. Three against 97 makes a level-1 bucket of its own with one leaf per row
+// instead of b2; jitter 0 makes identical rows, whose mean is the row again: one bucket.
+dataset two_groups(uint32_t n, uint32_t small, float jitter) {
+    dataset d = ivf_test::random_rows(n, 63);
     ivf_test::int_rng g(64);
-    for (uint32_t r = 0; r < d.n; ++r) {
+    for (uint32_t r = 0; r < n; ++r)
         for (int l = 0; l < 512; ++l)
-            d.rows[512 * r + l] = (r < 3 ? 1.0f : -1.0f) * (1.0f + 0.05f * g.bell());
-    }
+            d.rows[512 * r + l] = (r < small ? 1.0f : -1.0f) * (1.0f + jitter * g.bell());
     d.quantise();
     return d;
 }
@@ -91,8 +80,8 @@ TEST(HivfBuild, InvariantsLevelSizesTeardownAndRejectionsForBothBuilders) {
         uint32_t b1, b2;
         std::vector<uint32_t> rows_per_entry;  // sorted; empty: not checked
     } cases[] = {{ivf_test::clustered_rows(700, 8, 0.6f, 61), 6, 5, {}},
-                 {three_against_97(), 2, 8, {3, 97}},
-                 {identical_rows(), 3, 2, {0, 0, 10}},
+                 {two_groups(100, 3, 0.05f), 2, 8, {3, 97}},
+                 {two_groups(10, 0, 0.0f), 3, 2, {0, 0, 10}},
                  {ivf_test::random_rows(4, 66), 4, 4, {}}};  // n = b1 = b2
     for (const auto& c : cases) {
         for (hivf_builder build : kBuilders) {

@@ -1,4 +1,4 @@
-// Centroid training: k-means++ seeding, the float and int8 k-means, and the two IVF builders.
+// Centroid training: k-means++ seeding, the float and int8 k-means, and the IVF builders.
 #include <gtest/gtest.h>
 
 #include <stdlib.h>
@@ -124,26 +124,3 @@ TEST(Int8Kmeans, FinalAssignmentIsTheLargestDotAgainstTheFinalCodes) {
 }
 
 }  // namespace
-
-// The build that dequantises code rows as it reads them gives the index the float builder gives
-// on the dequantised rows (as the object's cache holds them), a zero row included.
-TEST(IvfFromCodes, EqualsTheFloatBuildOnDequantisedRows) {
-    dataset d = ivf_test::clustered_rows(700, 9, 0.4f, 51);
-    std::fill(d.codes.begin(), d.codes.begin() + 512, int8_t{0});
-    d.scales[0] = 0.0f;
-    std::vector<float> rows(d.codes.size());
-    for (uint32_t r = 0; r < d.n; ++r) {
-        const float w = d.scales[r] > 0.0f ? 1.0f / d.scales[r] : 0.0f;
-        for (int l = 0; l < 512; ++l) rows[512 * r + l] = static_cast<float>(d.code(r)[l]) * w;
-    }
-    orve_ivf_index a{}, b{};
-    ASSERT_EQ(orve_ivf_build_kmeans_centroids(rows.data(), d.n, 40, 5, d.codes.data(),
-                                              d.scales.data(), d.norms.data(), nullptr, &a),
-              0);
-    ASSERT_EQ(
-        orve::ivf_build_from_codes(d.codes.data(), d.scales.data(), d.norms.data(), d.n, 40, 5, &b),
-        0);
-    EXPECT_EQ(digest(a), digest(b));
-    orve_ivf_index_destroy(&a);
-    orve_ivf_index_destroy(&b);
-}
