@@ -16,19 +16,16 @@ namespace {
 struct centroid_set {
     std::vector<int8_t> codes;
     std::vector<float> scales, norms;
-    centroid_set(std::initializer_list<float> cosines)
-        : centroid_set(std::vector<float>(cosines)) {}
-    explicit centroid_set(const std::vector<float>& cosines) {
-        for (float t : cosines) {
-            std::vector<float> v(512, 0.0f);
-            v[0] = t;
-            v[1] = std::sqrt(1.0f - t * t);
-            codes.resize(codes.size() + 512);
-            scales.push_back(0.0f);
-            norms.push_back(0.0f);
-            orve_quantize_float_vector_symmetric(v.data(), 512, codes.data() + codes.size() - 512,
-                                                 &scales.back(), &norms.back());
-        }
+    centroid_set(std::initializer_list<float> cosines) {
+        for (float t : cosines) add(t);
+    }
+    void add(float t) {
+        std::vector<float> v(512, 0.0f);
+        v[0] = t, v[1] = std::sqrt(1.0f - t * t);
+        codes.resize(codes.size() + 512);
+        scales.push_back(0.0f), norms.push_back(0.0f);
+        orve_quantize_float_vector_symmetric(v.data(), 512, &codes[codes.size() - 512],
+                                             &scales.back(), &norms.back());
     }
     uint32_t size() const { return static_cast<uint32_t>(scales.size()); }
     void point(orve_ivf_index* x) {
@@ -132,9 +129,8 @@ TEST(LeafRouting, RejectsBadArgumentsAndMalformedRecords) {
 // clamped to the bucket count. A centroid stored with scale 0 scores 0, as does every centroid
 // for a query below the quantiser's zero threshold.
 TEST(BucketRouting, ChoosesTheFirstOfAStableSortByScore) {
-    std::vector<float> cosines;
-    for (int i = 0; i < 300; ++i) cosines.push_back(((i * 37) % 11) / 10.0f - 0.5f);
-    centroid_set set(cosines);
+    centroid_set set{};
+    for (int i = 0; i < 300; ++i) set.add(((i * 37) % 11) / 10.0f - 0.5f);
     set.scales[5] = 0.0f;
     orve_ivf_index idx{};
     set.point(&idx);

@@ -107,16 +107,15 @@ TEST(PagedOpen, EachCheckHasItsCodeAndLineInOrder) {
     const long fds_before = open_descriptors();
     const std::string p = d.path("bad.ivfp");
     for (const damage& c : cases) {
+        SCOPED_TRACE(c.what);
         bytes f = good;
         c.apply(f);
         write_file(p, f);
         orve_ivf_paged_index* handle = nullptr;
-        std::string err;
-        EXPECT_EQ(open_quietly(p, &handle, &err), c.code) << c.what;
-        std::string want = c.line;
-        EXPECT_EQ(err, want.replace(want.find("%s"), 2, p)) << c.what;
-        EXPECT_EQ(handle, nullptr) << c.what;
-        EXPECT_FALSE(mapped_anywhere(p)) << c.what;
+        std::string err, want = c.line;
+        EXPECT_EQ(open_quietly(p, &handle, &err), c.code);
+        EXPECT_EQ(err, want.replace(want.find("%s"), 2, p));
+        EXPECT_TRUE(handle == nullptr && !mapped_anywhere(p));
     }
     EXPECT_EQ(open_descriptors(), fds_before);
     orve_ivf_paged_index* handle = nullptr;
