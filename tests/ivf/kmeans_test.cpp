@@ -1,10 +1,9 @@
-// Centroid training: k-means++ seeding, the float and int8 k-means, and the IVF builders.
+// Centroid training: k-means++ seeding, the int8 k-means assignment, and the IVF builders.
 #include <gtest/gtest.h>
 
 #include <stdlib.h>
 
 #include <algorithm>
-#include <cmath>
 #include <cstring>
 #include <vector>
 
@@ -75,32 +74,6 @@ TEST(IvfBuilders, SeedZeroActsAsOneFlagsAreIgnoredAndRejectionsWriteNothing) {
         for (uint32_t k : {0u, 11u}) EXPECT_EQ(build(r, 10, k, 1, c, s, m, nullptr, &out), -1);
         EXPECT_EQ(std::memcmp(&out, &before, sizeof out), 0);
     }
-}
-
-TEST(IvfKmeans, OneBucketHoldsEveryRowAroundTheMeanDirection) {
-    const dataset d = ivf_test::clustered_rows(200, 1, 0.8f, 53);
-    orve_ivf_index idx{};
-    ASSERT_EQ(orve_ivf_build_kmeans_centroids(d.rows.data(), d.n, 1, 4, d.codes.data(),
-                                              d.scales.data(), d.norms.data(), nullptr, &idx),
-              0);
-    EXPECT_EQ(idx.bucket_sizes[0], d.n);
-    // Independent estimate of the direction: the double-precision mean of the unit rows.
-    std::vector<double> mean(512, 0.0);
-    for (uint32_t r = 0; r < d.n; ++r) {
-        double s = 0.0;
-        for (int l = 0; l < 512; ++l) s += double{d.row(r)[l]} * d.row(r)[l];
-        for (int l = 0; l < 512; ++l) mean[l] += d.row(r)[l] / std::sqrt(s);
-    }
-    double dot = 0.0, mm = 0.0, cc = 0.0;
-    for (int l = 0; l < 512; ++l) {
-        const double c = idx.centroid_codes[l];
-        dot += mean[l] * c;
-        mm += mean[l] * mean[l];
-        cc += c * c;
-    }
-    EXPECT_GT(dot / std::sqrt(mm * cc), 0.999);
-    EXPECT_NEAR(idx.centroid_norms[0], 1.0f, 1e-5f);
-    orve_ivf_index_destroy(&idx);
 }
 
 TEST(Int8Kmeans, FinalAssignmentIsTheLargestDotAgainstTheFinalCodes) {
