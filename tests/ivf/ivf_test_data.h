@@ -38,10 +38,9 @@ struct dataset {
         codes.assign(512 * static_cast<size_t>(n), 0);
         scales.assign(n, 0.0f);
         norms.assign(n, 0.0f);
-        for (uint32_t r = 0; r < n; ++r) {
-            orve_quantize_float_vector_symmetric(
-                row(r), 512, codes.data() + 512 * static_cast<size_t>(r), &scales[r], &norms[r]);
-        }
+        for (uint32_t r = 0; r < n; ++r)
+            orve_quantize_float_vector_symmetric(row(r), 512, &codes[512ull * r], &scales[r],
+                                                 &norms[r]);
     }
 };
 
@@ -69,10 +68,7 @@ inline dataset random_rows(uint32_t n, uint64_t seed) {
 
 inline uint64_t fnv1a(uint64_t h, const void* data, size_t bytes) {
     const auto* p = static_cast<const unsigned char*>(data);
-    for (size_t i = 0; i < bytes; ++i) {
-        h ^= p[i];
-        h *= 0x100000001B3ull;
-    }
+    for (size_t i = 0; i < bytes; ++i) h = (h ^ p[i]) * 0x100000001B3ull;
     return h;
 }
 constexpr uint64_t kFnvOffset = 0xCBF29CE484222325ull;
@@ -90,14 +86,6 @@ inline uint64_t digest_ivf(uint64_t h, const orve_ivf_index& x) {
     h = fnv1a(h, x.bucket_offsets, 4 * static_cast<size_t>(x.n_buckets));
     h = fnv1a(h, x.bucket_sizes, 4 * static_cast<size_t>(x.n_buckets));
     return h;
-}
-
-inline bool all_zero(const void* p, size_t bytes) {
-    const auto* b = static_cast<const unsigned char*>(p);
-    for (size_t i = 0; i < bytes; ++i) {
-        if (b[i] != 0) return false;
-    }
-    return true;
 }
 
 }  // namespace ivf_test

@@ -1,10 +1,9 @@
-// Centroid training: k-means++ seeding, the float and int8 k-means, and the two IVF builders.
+// Centroid training: k-means++ seeding, the int8 k-means assignment, and the IVF builders.
 #include <gtest/gtest.h>
 
 #include <stdlib.h>
 
 #include <algorithm>
-#include <cmath>
 #include <cstring>
 #include <vector>
 
@@ -20,8 +19,7 @@ uint64_t digest(const orve_ivf_index& x) {
 }
 
 TEST(KmeansPlusPlus, WeightedPickFollowsTheRunningSum) {
-    // Three rows at squared distances 0, 1 and 3 from row 0: row 1 has one lane at 1, row 2
-    // three.
+    // Rows at squared distances 0, 1 and 3 from row 0.
     std::vector<int8_t> codes(512 * 3, 0);
     std::vector<float> rows(512 * 3, 0.0f);
     for (int l : {512, 1024, 1025, 1026}) codes[l] = 1, rows[l] = 1.0f;
@@ -46,18 +44,6 @@ TEST(KmeansPlusPlus, WeightedPickFollowsTheRunningSum) {
     EXPECT_GT(to_row2, 0);
 }
 
-TEST(KmeansPlusPlus, IdenticalRowsMakeEveryFurtherPickUniform) {
-    std::vector<int8_t> codes(512 * 7, 5);
-    std::vector<float> rows(512 * 7, 0.25f);
-    unsigned int ref = 77, si = 77, sf = 77;
-    std::vector<uint32_t> want(5), got_i8(5), got_f(5);
-    for (auto& w : want) w = static_cast<uint32_t>(rand_r(&ref) % 7);
-    ASSERT_EQ(pick_kmeans_pp_indices_i8(codes.data(), 7, 5, &si, got_i8.data()), 0);
-    ASSERT_EQ(pick_kmeans_pp_indices(rows.data(), 7, 5, &sf, got_f.data()), 0);
-    EXPECT_EQ(got_i8, want);
-    EXPECT_EQ(got_f, want);
-}
-
 using builder = int (*)(const float*, uint32_t, uint32_t, uint32_t, const int8_t*, const float*,
                         const float*, const uint8_t*, orve_ivf_index*);
 const builder kBuilders[] = {orve_ivf_build_kmeans_centroids, orve_ivf_build_random_centroids};
@@ -80,59 +66,14 @@ TEST(IvfBuilders, SeedZeroActsAsOneFlagsAreIgnoredAndRejectionsWriteNothing) {
         EXPECT_EQ(h[0], h[1]);
         EXPECT_NE(h[0], h[2]);
 
-        orve_ivf_index out;
-        std::memset(&out, 0xAB, sizeof out);
-        const orve_ivf_index before = out;
-        const float* no_rows = nullptr;
-        const int8_t* no_codes = nullptr;
-        EXPECT_EQ(build(no_rows, 10, 2, 1, c, s, m, nullptr, &out), -1);
-        EXPECT_EQ(build(r, 10, 2, 1, no_codes, s, m, nullptr, &out), -1);
+        orve_ivf_index out, before;
+        std::memset(&out, 0xAB, sizeof out), before = out;
+        EXPECT_EQ(build(nullptr, 10, 2, 1, c, s, m, nullptr, &out), -1);
+        EXPECT_EQ(build(r, 10, 2, 1, nullptr, s, m, nullptr, &out), -1);
         EXPECT_EQ(build(r, 10, 2, 1, c, s, m, nullptr, nullptr), -1);
         for (uint32_t k : {0u, 11u}) EXPECT_EQ(build(r, 10, k, 1, c, s, m, nullptr, &out), -1);
         EXPECT_EQ(std::memcmp(&out, &before, sizeof out), 0);
     }
-}
-
-TEST(IvfKmeans, OneBucketHoldsEveryRowAroundTheMeanDirection) {
-    const dataset d = ivf_test::clustered_rows(200, 1, 0.8f, 53);
-    orve_ivf_index idx{};
-    ASSERT_EQ(orve_ivf_build_kmeans_centroids(d.rows.data(), d.n, 1, 4, d.codes.data(),
-                                              d.scales.data(), d.norms.data(), nullptr, &idx),
-              0);
-    EXPECT_EQ(idx.bucket_sizes[0], d.n);
-    // Independent estimate of the direction: the double-precision mean of the unit rows.
-    std::vector<double> mean(512, 0.0);
-    for (uint32_t r = 0; r < d.n; ++r) {
-        double s = 0.0;
-        for (int l = 0; l < 512; ++l) s += double{d.row(r)[l]} * d.row(r)[l];
-        for (int l = 0; l < 512; ++l) mean[l] += d.row(r)[l] / std::sqrt(s);
-    }
-    double dot = 0.0, mm = 0.0, cc = 0.0;
-    for (int l = 0; l < 512; ++l) {
-        const double c = idx.centroid_codes[l];
-        dot += mean[l] * c;
-        mm += mean[l] * mean[l];
-        cc += c * c;
-    }
-    EXPECT_GT(dot / std::sqrt(mm * cc), 0.999);
-    EXPECT_NEAR(idx.centroid_norms[0], 1.0f, 1e-5f);
-    orve_ivf_index_destroy(&idx);
-}
-
-TEST(IvfRandomCentroids, EveryRowIsItsOwnCentroidWhenBucketsEqualRows) {
-    const dataset d = ivf_test::random_rows(25, 56);
-    orve_ivf_index idx{};
-    ASSERT_EQ(orve_ivf_build_random_centroids(d.rows.data(), d.n, d.n, 3, d.codes.data(),
-                                              d.scales.data(), d.norms.data(), nullptr, &idx),
-              0);
-    for (uint32_t b = 0; b < d.n; ++b) {
-        ASSERT_EQ(idx.bucket_sizes[b], 1u) << b;  // no row drawn twice
-        const uint32_t p = idx.bucket_offsets[b];
-        // The centroid is the row itself, unnormalised, so it quantises to the row's codes.
-        EXPECT_EQ(std::memcmp(idx.centroid_codes + 512 * b, idx.codes + 512 * p, 512), 0);
-        EXPECT_EQ(idx.centroid_norms[b], d.norms[idx.row_ids[p]]);
-    }
-    orve_ivf_index_destroy(&idx);
 }
 
 TEST(Int8Kmeans, FinalAssignmentIsTheLargestDotAgainstTheFinalCodes) {
@@ -144,41 +85,15 @@ TEST(Int8Kmeans, FinalAssignmentIsTheLargestDotAgainstTheFinalCodes) {
                                     q1.data(), a1.data()),
               0);
     for (uint32_t i = 0; i < d.n; ++i) {
-        int64_t best = INT64_MIN;
+        int64_t best = INT64_MIN, dot;
         uint32_t want = 0;
         for (uint32_t c = 0; c < 10; ++c) {
-            int64_t dot = 0;
+            dot = 0;
             for (int l = 0; l < 512; ++l) dot += int64_t{d.code(i)[l]} * q1[512 * c + l];
-            if (dot > best) {
-                best = dot;
-                want = c;
-            }
+            if (dot > best) best = dot, want = c;
         }
         ASSERT_EQ(a1[i], want) << i;
     }
 }
 
 }  // namespace
-
-// The build that dequantises code rows as it reads them gives the index the float builder gives
-// on the dequantised rows (as the object's cache holds them), a zero row included.
-TEST(IvfFromCodes, EqualsTheFloatBuildOnDequantisedRows) {
-    dataset d = ivf_test::clustered_rows(700, 9, 0.4f, 51);
-    std::fill(d.codes.begin(), d.codes.begin() + 512, int8_t{0});
-    d.scales[0] = 0.0f;
-    std::vector<float> rows(d.codes.size());
-    for (uint32_t r = 0; r < d.n; ++r) {
-        const float w = d.scales[r] > 0.0f ? 1.0f / d.scales[r] : 0.0f;
-        for (int l = 0; l < 512; ++l) rows[512 * r + l] = static_cast<float>(d.code(r)[l]) * w;
-    }
-    orve_ivf_index a{}, b{};
-    ASSERT_EQ(orve_ivf_build_kmeans_centroids(rows.data(), d.n, 40, 5, d.codes.data(),
-                                              d.scales.data(), d.norms.data(), nullptr, &a),
-              0);
-    ASSERT_EQ(
-        orve::ivf_build_from_codes(d.codes.data(), d.scales.data(), d.norms.data(), d.n, 40, 5, &b),
-        0);
-    EXPECT_EQ(digest(a), digest(b));
-    orve_ivf_index_destroy(&a);
-    orve_ivf_index_destroy(&b);
-}

@@ -19,8 +19,7 @@ namespace paged_test {
 
 using bytes = std::vector<uint8_t>;
 
-// A small deterministic integer generator (64-bit LCG, high bits out), so fixtures are the same
-// on every architecture and standard library.
+// 64-bit LCG, high bits out: fixtures are the same on every architecture and standard library.
 struct lcg {
     uint64_t state;
     uint32_t next() {
@@ -51,14 +50,10 @@ struct bucket_plan {
     std::vector<leaf_plan> leaves;  // at most b2; none for a bucket without rows
 };
 
-// A random leaf of rows numbered first_row onwards; rows() gives their count once the
-// centroid is drawn.
+// A random leaf of rows numbered first_row onwards; rows() is drawn after the centroid.
 template <class F>
 leaf_plan random_leaf(lcg& g, uint32_t first_row, F rows) {
-    leaf_plan l;
-    l.centroid = g.codes(512);
-    l.scale = g.unit();
-    l.norm = g.unit() * 4.0f;
+    leaf_plan l{g.codes(512), g.unit(), g.unit() * 4.0f, {}, {}, {}, {}};
     const uint32_t m = rows();
     l.codes = g.codes(512ull * m);
     for (uint32_t k = 0; k < m; ++k) {
@@ -71,29 +66,30 @@ leaf_plan random_leaf(lcg& g, uint32_t first_row, F rows) {
 
 // Owns the arrays of an H-IVF laid out as the builder lays them out (leaves compacted one after
 // the other in each level-2 index) and exposes the record.
-class hand_hivf {
-  public:
-    hand_hivf(uint32_t b1, uint32_t b2, std::vector<bucket_plan> buckets)
-        : plan_(std::move(buckets)), l2_(b1), records_(b1) {
+struct hand_hivf {
+    hand_hivf(uint32_t b1, uint32_t b2, std::vector<bucket_plan> plan)
+        : buckets(std::move(plan)), l2_(b1), records_(b1) {
+        auto add = [](auto& to, const auto& from) {
+            to.insert(to.end(), from.begin(), from.end());
+        };
         for (uint32_t i = 0; i < b1; ++i) {
-            const bucket_plan& b = plan_[i];
-            l1_codes_.insert(l1_codes_.end(), b.centroid.begin(), b.centroid.end());
+            const bucket_plan& b = buckets[i];
+            add(l1_codes_, b.centroid);
             l1_scales_.push_back(b.scale);
             l1_norms_.push_back(b.norm);
             level2& s = l2_[i];
             for (const leaf_plan& l : b.leaves) {
                 s.offsets.push_back(static_cast<uint32_t>(s.row_ids.size()));
                 s.sizes.push_back(l.rows());
-                append(s.codes, l.codes);
-                append(s.row_scales, l.scales);
-                append(s.row_norms, l.norms);
-                append(s.row_ids, l.row_ids);
-                append(s.centroid_codes, l.centroid);
+                add(s.codes, l.codes), add(s.row_scales, l.scales), add(s.row_norms, l.norms);
+                add(s.row_ids, l.row_ids), add(s.centroid_codes, l.centroid);
                 s.centroid_scales.push_back(l.scale);
                 s.centroid_norms.push_back(l.norm);
             }
+            const auto rows = static_cast<uint32_t>(s.row_ids.size());
+            total_rows += rows;
             if (b.leaves.empty()) continue;  // the all-zero entry of a bucket without rows
-            records_[i] = {static_cast<uint32_t>(s.row_ids.size()),
+            records_[i] = {rows,
                            static_cast<uint32_t>(b.leaves.size()),
                            s.codes.data(),
                            s.row_scales.data(),
@@ -108,28 +104,18 @@ class hand_hivf {
         rec_ = {b1, b2, l1_codes_.data(), l1_scales_.data(), l1_norms_.data(), records_.data()};
     }
     hand_hivf(const hand_hivf&) = delete;
-    hand_hivf& operator=(const hand_hivf&) = delete;
     const orve_hivf_index* get() const { return &rec_; }
-    const std::vector<bucket_plan>& buckets() const { return plan_; }
     uint32_t b1() const { return rec_.b1; }
     uint32_t b2() const { return rec_.b2; }
-    uint32_t total_rows() const {
-        uint32_t n = 0;
-        for (const orve_ivf_index& r : records_) n += r.n_rows;
-        return n;
-    }
+    const std::vector<bucket_plan> buckets;
+    uint32_t total_rows = 0;
 
   private:
-    template <class T>
-    static void append(std::vector<T>& to, const std::vector<T>& from) {
-        to.insert(to.end(), from.begin(), from.end());
-    }
     struct level2 {
         std::vector<int8_t> codes, centroid_codes;
         std::vector<float> row_scales, row_norms, centroid_scales, centroid_norms;
         std::vector<uint32_t> offsets, sizes, row_ids;
     };
-    std::vector<bucket_plan> plan_;
     std::vector<int8_t> l1_codes_;
     std::vector<float> l1_scales_, l1_norms_;
     std::vector<level2> l2_;
@@ -146,9 +132,7 @@ inline std::vector<bucket_plan> random_buckets(uint32_t b1, uint32_t b2, uint32_
     std::vector<bucket_plan> out(b1);
     uint32_t n = 0;
     for (uint32_t i = 0; i < b1; ++i) {
-        out[i].centroid = g.codes(512);
-        out[i].scale = g.unit();
-        out[i].norm = g.unit() * 4.0f;
+        out[i] = {g.codes(512), g.unit(), g.unit() * 4.0f, {}};
         const uint32_t leaves = i == 0 ? b2 : i == 1 ? 0 : 1 + g.next() % b2;
         for (uint32_t j = 0; j < leaves; ++j) {
             out[i].leaves.push_back(random_leaf(g, n, [&] {
@@ -158,8 +142,8 @@ inline std::vector<bucket_plan> random_buckets(uint32_t b1, uint32_t b2, uint32_
             n += out[i].leaves.back().rows();
         }
     }
-    // Scramble the global ids (a permutation: 1000003 is a prime above any n used here), so
-    // that a reader mixing up row ids and positions is caught.
+    // Scramble the global ids (1000003 is a prime above any n used here), so that a reader
+    // mixing up row ids and positions is caught.
     for (bucket_plan& b : out)
         for (leaf_plan& l : b.leaves)
             for (uint32_t& r : l.row_ids) r = static_cast<uint32_t>((r * 1000003ull + 3) % n);
@@ -182,12 +166,13 @@ T get(const bytes& b, uint64_t at) {
 }
 template <class T>
 void put(bytes& b, uint64_t at, T v) {
-    for (unsigned i = 0; i < sizeof(T); ++i) b.at(at + i) = static_cast<uint8_t>(v >> (8 * i));
-}
-inline void put_f32(bytes& b, uint64_t at, float f) {
-    uint32_t u;
-    std::memcpy(&u, &f, 4);
-    put<uint32_t>(b, at, u);
+    if constexpr (std::is_same_v<T, float>) {
+        uint32_t u;
+        std::memcpy(&u, &v, 4);
+        return put<uint32_t>(b, at, u);
+    } else {
+        for (unsigned i = 0; i < sizeof(T); ++i) b.at(at + i) = static_cast<uint8_t>(v >> (8 * i));
+    }
 }
 
 // The file bytes for version 1 or 2, laid out field by field.
@@ -196,18 +181,17 @@ inline bytes encode_ivfp(const hand_hivf& h, const std::vector<uint32_t>& node_i
     auto up = [](uint64_t x, uint64_t a) { return (x + a - 1) / a * a; };
     const uint64_t b1 = h.b1(), b2 = h.b2(), L = b1 * b2;
     const uint64_t lc = up(72 + 520 * b1, 64), lt = lc + 512 * L, ld = lt + 16 * L;
-    const uint64_t ds = up(ld + 24 * L, 4096);
-    const uint64_t meta_per_row = version == 1 ? 12 : 16;
+    const uint64_t ds = up(ld + 24 * L, 4096), meta_per_row = version == 1 ? 12 : 16;
     bytes f(ds, 0);
     std::memcpy(f.data(), "\0ORVEVFP", 8);
-    const uint32_t head[] = {version, 512, h.b1(), h.b2(), h.total_rows()};
+    const uint32_t head[] = {version, 512, h.b1(), h.b2(), h.total_rows};
     for (int i = 0; i < 5; ++i) put<uint32_t>(f, 8 + 4 * i, head[i]);
     uint64_t pos = ds;
     for (uint64_t i = 0; i < b1; ++i) {
-        const bucket_plan& b = h.buckets()[i];
+        const bucket_plan& b = h.buckets[i];
         std::memcpy(&f[72 + 512 * i], b.centroid.data(), 512);
-        put_f32(f, 72 + 512 * b1 + 8 * i, b.scale);
-        put_f32(f, 72 + 512 * b1 + 8 * i + 4, b.norm);
+        put(f, 72 + 512 * b1 + 8 * i, b.scale);
+        put(f, 72 + 512 * b1 + 8 * i + 4, b.norm);
         for (uint64_t j = 0; j < b2; ++j) {
             const uint64_t s = i * b2 + j;
             const leaf_plan* l = j < b.leaves.size() ? &b.leaves[j] : nullptr;
@@ -217,16 +201,16 @@ inline bytes encode_ivfp(const hand_hivf& h, const std::vector<uint32_t>& node_i
             put<uint32_t>(f, ld + 24 * s + 16, static_cast<uint32_t>(m));
             if (l != nullptr) {
                 std::memcpy(&f[lc + 512 * s], l->centroid.data(), 512);
-                put_f32(f, lt + 16 * s, l->scale);
-                put_f32(f, lt + 16 * s + 4, l->norm);
+                put(f, lt + 16 * s, l->scale);
+                put(f, lt + 16 * s + 4, l->norm);
                 put<uint32_t>(f, lt + 16 * s + 8, static_cast<uint32_t>(m));
             }
             pos = up(meta + meta_per_row * m, 64);
             f.resize(pos, 0);
             for (uint64_t k = 0; k < m; ++k) {
                 std::memcpy(&f[meta - 512 * (m - k)], &l->codes[512 * k], 512);
-                put_f32(f, meta + 4 * k, l->scales[k]);
-                put_f32(f, meta + 4 * (m + k), l->norms[k]);
+                put(f, meta + 4 * k, l->scales[k]);
+                put(f, meta + 4 * (m + k), l->norms[k]);
                 put<uint32_t>(f, meta + 4 * (2 * m + k), l->row_ids[k]);
                 if (version != 1) put<uint32_t>(f, meta + 4 * (3 * m + k), node_ids[l->row_ids[k]]);
             }
@@ -248,35 +232,26 @@ inline bytes read_file(const std::string& path) {
     std::ifstream in(path, std::ios::binary);
     return bytes(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
 }
-
 inline void write_file(const std::string& path, const bytes& b) {
-    std::ofstream out(path, std::ios::binary | std::ios::trunc);
-    out.write(reinterpret_cast<const char*>(b.data()), static_cast<std::streamsize>(b.size()));
+    std::ofstream(path, std::ios::binary | std::ios::trunc)
+        .write(reinterpret_cast<const char*>(b.data()), static_cast<std::streamsize>(b.size()));
 }
-
 inline bool file_exists(const std::string& path) {
     struct stat st;
     return ::stat(path.c_str(), &st) == 0;
 }
 
 // A fresh mkdtemp directory under /tmp, removed with its content at the end of the scope.
-class scratch_dir {
-  public:
+struct scratch_dir {
+    std::string dir = "/tmp/paged_test_XXXXXX";
     scratch_dir() {
-        char tmpl[] = "/tmp/paged_test_XXXXXX";
-        if (::mkdtemp(tmpl) != nullptr) dir_ = tmpl;
+        if (::mkdtemp(dir.data()) == nullptr) dir.clear();
     }
     ~scratch_dir() {
         std::error_code ec;
-        if (!dir_.empty()) std::filesystem::remove_all(dir_, ec);
+        if (!dir.empty()) std::filesystem::remove_all(dir, ec);
     }
-    scratch_dir(const scratch_dir&) = delete;
-    scratch_dir& operator=(const scratch_dir&) = delete;
-    std::string path(const std::string& name) const { return dir_ + "/" + name; }
-    const std::string& dir() const { return dir_; }
-
-  private:
-    std::string dir_;
+    std::string path(const std::string& name) const { return dir + "/" + name; }
 };
 
 }  // namespace paged_test

@@ -16,14 +16,14 @@ namespace orve_test {
 // Owns a host block for the object; create and destroy are explicit so tests can check them.
 class system_block {
   public:
-    system_block() : mem_(semantic_vector_indexing_system_sizeof(), 0) {}
     semantic_vector_indexing_system* get() {
         return reinterpret_cast<semantic_vector_indexing_system*>(mem_.data());
     }
     ~system_block() { semantic_vector_indexing_system_destroy(get()); }
 
   private:
-    std::vector<unsigned char> mem_;
+    std::vector<unsigned char> mem_ =
+        std::vector<unsigned char>(semantic_vector_indexing_system_sizeof());
 };
 
 // Sets ORVE_VECTOR_CAPACITY for one create and restores the old value afterwards.
@@ -49,12 +49,8 @@ inline std::vector<float> gaussian_vectors(std::size_t n, unsigned seed) {
 }
 
 inline vector_similarity_query int8_query(const float* vec, uint32_t k) {
-    vector_similarity_query q;
-    std::memset(&q, 0, sizeof q);
-    q.use_orve512 = 1;
-    q.query_vector = vec;
-    q.max_results = k;
-    q.min_similarity = -2.0f;
+    vector_similarity_query q{};
+    q.use_orve512 = 1, q.query_vector = vec, q.max_results = k, q.min_similarity = -2.0f;
     return q;
 }
 
@@ -63,9 +59,7 @@ inline void expect_well_formed(const vector_similarity_result* r, uint32_t n) {
     for (uint32_t i = 0; i < n; ++i) {
         EXPECT_EQ(r[i].rank, i + 1);
         EXPECT_EQ(r[i].distance, 1.0f - r[i].similarity);
-        if (i > 0) {
-            EXPECT_GE(r[i - 1].similarity, r[i].similarity);
-        }
+        EXPECT_TRUE(i == 0 || r[i - 1].similarity >= r[i].similarity) << i;
     }
 }
 

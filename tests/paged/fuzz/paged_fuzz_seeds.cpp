@@ -18,7 +18,7 @@ int main(int argc, char** argv) {
     int n = 0;
     for (const auto& s : shapes) {  // b1, b2, max rows per leaf, seed
         hand_hivf h(s[0], s[1], random_buckets(s[0], s[1], s[2], s[3]));
-        const auto ids = node_table(h.total_rows());
+        const auto ids = node_table(h.total_rows);
         const std::string base = dir + "/seed_" + std::to_string(s[0]) + "x" + std::to_string(s[1]);
         if (orve_ivf_paged_build(h.get(), ids.data(), (base + "_v2.ivfp").c_str()) != 0) return 1;
         write_file(base + "_v1.ivfp", encode_ivfp(h, ids, 1));
