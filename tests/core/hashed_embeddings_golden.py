@@ -36,8 +36,7 @@ def c_float(x):  # exact hexadecimal literal of a float32 value
 
 
 LONG = [ord("a") + (i * 7) % 26 for i in range(200)]  # only the first 128 bytes mix in
-CASES = [("hello world", b"hello world"), ("a", b"a"), ("blank", b" "),
-         ("node_text", b"alpha first letter of the alphabet"), ("long_a", bytes(LONG)),
+CASES = [("hello world", b"hello world"), ("blank", b" "), ("long_a", bytes(LONG)),
          ("long_b", bytes(LONG[:150] + [ord("Z")] + LONG[151:]))]  # only the hash differs
 
 if __name__ == "__main__":
