@@ -42,75 +42,18 @@ bool well_formed(const vector_similarity_result* r, uint32_t n, uint32_t max_id)
     return true;
 }
 
-// Retired indexes and replaced paged files must stay alive for the searches that pinned them,
-// and H-IVF rows released to a file for the scans that pinned them.
-TEST(Concurrency, SearchesWhileIndexesAndFilesAreRebuiltReplacedAndRetired) {
-    constexpr uint32_t kBase = 1100, kAll = 1160;
-    char t[] = "/tmp/orve_rebuild_stress_XXXXXX";
+// The writer ingests in chunks, rebuilds the IVF and the H-IVF, writes paged files over each
+// other, retires the indexes now and then, and finally drops the flat store, while searchers
+// cycle brute force, the IVF, the paged file or H-IVF, and the pinned H-IVF scan. Retired
+// indexes, replaced files and released H-IVF rows must stay alive for the searches that
+// pinned them. Brute force runs without the object's lock: each of its answers must be exactly
+// the answer over some prefix of the rows, between the row count before the search and after
+// it; once the drop has begun it may be refused with -7, and after it always is.
+TEST(Concurrency, SearchesWhileRowsIndexesAndFilesChangeAndTheStoreIsDropped) {
+    constexpr uint32_t kBase = 1000, kRows = 1500, kK = 5;
+    char t[] = "/tmp/orve_concurrent_XXXXXX";
     ASSERT_NE(mkdtemp(t), nullptr);
     const std::string dir = t;
-    orve_test::system_block b;
-    auto* sys = b.get();
-    ASSERT_EQ(orve_test::create_with_capacity(sys, "2000"), 0);
-    const auto vecs = orve_test::gaussian_vectors(kAll, 100);
-    ASSERT_EQ(semantic_vector_indexing_system_load_vectors_f32(sys, vecs.data(), kBase), 1100);
-    ASSERT_EQ(semantic_vector_indexing_system_build_ivf(sys, 8, 1), 0);
-    ASSERT_EQ(semantic_vector_indexing_system_build_ivf_level2(sys, 2, 4, 1), 0);
-    testing::internal::CaptureStdout();
-    testing::internal::CaptureStderr();
-    std::atomic<bool> bad{false};
-    const bool changed = race(
-        [&](int t, int round) {  // IVF, paged file or H-IVF, brute force, pinned H-IVF scan
-            auto q = int8_query(&vecs[((round * 13 + t) % kBase) * 512], 5);
-            q.use_ivf = round % 4 == 0;
-            q.use_hivf = round % 4 == 1;
-            q.n_probe = 3;
-            q.n_probe_l1 = q.n_probe_l2 = 2;
-            vector_similarity_result r[5];
-            uint32_t n = 0;
-            if (round % 4 == 3) {
-                if (search_similar_orve512_hivf_pinned(sys, &q, r, &n) == 0 &&
-                    !well_formed(r, n, kAll))
-                    bad = true;
-            } else if (semantic_vector_indexing_system_search_similar(sys, &q, r, &n) != 0 ||
-                       !well_formed(r, n, kAll)) {
-                bad = true;
-            }
-        },
-        [&] {
-            for (uint32_t i = kBase; i < kAll; ++i) {
-                if (semantic_vector_indexing_system_add_embedding_orve512(sys, i + 1,
-                                                                          &vecs[i * 512]) != 0)
-                    return false;
-                if ((i + 1) % 10 != 0) continue;
-                // One writer: the builds lose no race, so they succeed. The file written
-                // replaces the attached one, and is then attached again over itself.
-                const std::string path = dir + ((i + 1) / 10 % 2 ? "/a.ivfp" : "/b.ivfp");
-                if (semantic_vector_indexing_system_build_ivf(sys, 8, i) != 0 ||
-                    semantic_vector_indexing_system_build_ivf_level2(sys, 2, 4, i) != 0 ||
-                    semantic_vector_indexing_system_build_ivf_paged(sys, path.c_str()) != 0 ||
-                    semantic_vector_indexing_system_open_ivf_paged(sys, path.c_str()) != 0)
-                    return false;
-                if (i % 30 == 9) {  // retire both now and then
-                    semantic_vector_indexing_system_destroy_hivf(sys);
-                    semantic_vector_indexing_system_destroy_ivf(sys);
-                }
-            }
-            return true;
-        });
-    testing::internal::GetCapturedStdout();
-    testing::internal::GetCapturedStderr();
-    EXPECT_TRUE(changed);
-    EXPECT_FALSE(bad.load());
-    semantic_vector_indexing_system_destroy(sys);
-    std::filesystem::remove_all(dir);
-}
-
-// Brute force runs without the object's lock. Each answer must be exactly the answer over some
-// prefix of the rows, between the row count before the search and after it; once the drop of
-// the flat store has begun a search may be refused with -7, after it always is.
-TEST(Concurrency, BruteForceDuringIngestionAndDropSeesAPrefix) {
-    constexpr uint32_t kRows = 1000, kK = 5;
     const auto vecs = orve_test::gaussian_vectors(kRows, 60);
     const auto queries = orve_test::gaussian_vectors(8, 61);
     orve_test::system_block ref, b;
@@ -119,7 +62,7 @@ TEST(Concurrency, BruteForceDuringIngestionAndDropSeesAPrefix) {
     // Every row's score per query, from a quiet object holding all the rows.
     ASSERT_EQ(orve_test::create_with_capacity(ref.get(), "2000"), 0);
     ASSERT_EQ(semantic_vector_indexing_system_load_vectors_f32(ref.get(), vecs.data(), kRows),
-              1000);
+              1500);
     std::vector<std::vector<vector_similarity_result>> all(8);
     for (int qi = 0; qi < 8; ++qi) {
         auto q = int8_query(&queries[qi * 512], kRows);
@@ -141,47 +84,84 @@ TEST(Concurrency, BruteForceDuringIngestionAndDropSeesAPrefix) {
         }
         return i == n && n == std::min(kK, prefix);
     };
+    {  // an empty store answers nothing, successfully; then the rows the indexes need
+        const auto q = int8_query(queries.data(), kK);
+        vector_similarity_result res[kK];
+        uint32_t n = 9;
+        EXPECT_EQ(semantic_vector_indexing_system_search_similar(sys, &q, res, &n), 0);
+        EXPECT_EQ(n, 0u);
+    }
+    ASSERT_EQ(semantic_vector_indexing_system_load_vectors_f32(sys, vecs.data(), kBase), 1000);
     std::atomic<bool> bad{false}, dropping{false}, dropped{false};
     std::atomic<uint32_t> searches{0};
+    testing::internal::CaptureStdout();
     testing::internal::CaptureStderr();
     const bool changed = race(
         [&](int t, int round) {
+            const int qi = (t * 3 + round) % 8, path = round % 4;
             const bool after_drop = dropped.load();
-            const int qi = (t * 3 + round) % 8;
             const uint32_t before = orve::load_node_count(sys);
             auto q = int8_query(&queries[qi * 512], kK);
+            q.use_ivf = path == 1;
+            q.use_hivf = path == 2;
+            q.n_probe = 3;
+            q.n_probe_l1 = q.n_probe_l2 = 2;
             vector_similarity_result res[kK];
             uint32_t n = 0;
-            const int rc = semantic_vector_indexing_system_search_similar(sys, &q, res, &n);
+            const int rc = path == 3
+                               ? search_similar_orve512_hivf_pinned(sys, &q, res, &n)
+                               : semantic_vector_indexing_system_search_similar(sys, &q, res, &n);
             const uint32_t after = orve::load_node_count(sys);
             searches.fetch_add(1);
-            const bool ok = rc == -7 ? dropping.load() : rc == 0 && !after_drop;
+            if (rc == 0 && !well_formed(res, n, kRows)) bad = true;
+            if (path == 3) return;  // -1 when no H-IVF with rows is pinnable
+            // Indexed searches fall back to brute force when their index is stale or retired.
+            if (rc != 0 && !(rc == -7 && dropping.load())) bad = true;
+            if (path != 0) return;
+            if (rc == 0 && after_drop) bad = true;
             bool some_prefix = rc != 0;
             for (uint32_t p = before; p <= after && !some_prefix; ++p)
                 some_prefix = prefix_answer(qi, p, res, n);
-            if (!ok || !some_prefix) bad = true;
+            if (!some_prefix) bad = true;
         },
         [&] {
-            for (uint32_t r = 0; r < kRows; r += 50) {
-                if (semantic_vector_indexing_system_load_vectors_f32(sys, &vecs[r * 512], 50) != 50)
+            for (uint32_t r = kBase + 50; r <= kRows; r += 50) {
+                if (semantic_vector_indexing_system_load_vectors_f32(sys, &vecs[(r - 50) * 512],
+                                                                     50) != 50)
                     return false;
                 // Some search ends between every two chunks, so the searches span the ingestion.
                 const uint32_t seen = searches.load();
                 while (searches.load() == seen) std::this_thread::yield();
+                if (r % 100 != 0) continue;
+                // One writer: the builds lose no race, so they succeed. The file written
+                // replaces the attached one, and is then attached again over itself.
+                const std::string path = dir + (r % 200 ? "/a.ivfp" : "/b.ivfp");
+                if (semantic_vector_indexing_system_build_ivf(sys, 8, r) != 0 ||
+                    semantic_vector_indexing_system_build_ivf_level2(sys, 2, 4, r) != 0 ||
+                    semantic_vector_indexing_system_build_ivf_paged(sys, path.c_str()) != 0 ||
+                    semantic_vector_indexing_system_open_ivf_paged(sys, path.c_str()) != 0)
+                    return false;
+                if (r % 300 == 0) {  // retire both now and then
+                    semantic_vector_indexing_system_destroy_hivf(sys);
+                    semantic_vector_indexing_system_destroy_ivf(sys);
+                }
             }
             dropping = true;
             const bool evicted = semantic_vector_indexing_system_evict_flat_slab(sys) == 0;
             dropped = true;
             const uint32_t seen = searches.load();  // some searches start after the drop
-            while (searches.load() < seen + 4) std::this_thread::yield();
+            while (searches.load() < seen + 8) std::this_thread::yield();
             return evicted;
         });
+    testing::internal::GetCapturedStdout();
     const std::string log = testing::internal::GetCapturedStderr();
     EXPECT_TRUE(changed);
     EXPECT_FALSE(bad.load());
     // The refusals say why on standard error.
     EXPECT_NE(log.find("[ORVE] bruteforce fallback disabled: flat slabs were dropped\n"),
               std::string::npos);
+    semantic_vector_indexing_system_destroy(sys);
+    std::filesystem::remove_all(dir);
 }
 
 }  // namespace
