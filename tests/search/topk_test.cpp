@@ -1,7 +1,6 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <cmath>
 #include <vector>
 
 #include "search/topk.h"
@@ -22,15 +21,6 @@ TEST(TopkHeap, TiesNeverReplaceTheRootAndCapacityZeroKeepsNothing) {
     for (const auto& e : heap) EXPECT_NE(e.node_id, 99u);
     bf_topk_heap_push(heap, &zero_count, 0, &heap[0]);
     EXPECT_EQ(zero_count, 0u);
-}
-
-TEST(TopkCompare, DescendingAndNanIsEqual) {
-    const auto a = entry(0.9f, 1), b = entry(0.1f, 2), n = entry(std::nanf(""), 3);
-    const struct {
-        const bf_topk_entry *x, *y;
-        int want;
-    } table[] = {{&a, &b, -1}, {&b, &a, 1}, {&a, &a, 0}, {&a, &n, 0}, {&n, &b, 0}};
-    for (const auto& t : table) EXPECT_EQ(cmp_bf_topk_desc(t.x, t.y), t.want);
 }
 
 TEST(CandidateBudget, FactorOnlyWithRerankAndSidecarCappedByTheRows) {
