@@ -1,10 +1,6 @@
 #!/usr/bin/env python3
-"""Reference values for hashed_embeddings_test.cpp, computed without the library.
-
-Each single-precision step is the exact double result rounded to float32 with struct; for
-sums, products, quotients and square roots of float32 values that equals rounding once.
-Run it and paste the printed table into the test when the cases change.
-"""
+# Reference values for hashed_embeddings_test.cpp, computed without the library. Each float32
+# step is the exact double result rounded with struct, which equals rounding once.
 import math
 import struct
 

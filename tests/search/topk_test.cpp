@@ -1,27 +1,8 @@
 #include <gtest/gtest.h>
 
-#include <algorithm>
-#include <vector>
-
 #include "search/topk.h"
 
 namespace {
-
-bf_topk_entry entry(float score, uint32_t id) {
-    return bf_topk_entry{score, id, 0, 0.0f, id};
-}
-
-// Which scores a full heap keeps is checked through the brute-force search against an
-// independent model; here, the tie rule and the empty heap.
-TEST(TopkHeap, TiesNeverReplaceTheRootAndCapacityZeroKeepsNothing) {
-    bf_topk_entry heap[2];
-    uint32_t count = 0, zero_count = 0;
-    for (const auto& e : {entry(0.7f, 1), entry(0.9f, 2), entry(0.7f, 99)})
-        bf_topk_heap_push(heap, &count, 2, &e);
-    for (const auto& e : heap) EXPECT_NE(e.node_id, 99u);
-    bf_topk_heap_push(heap, &zero_count, 0, &heap[0]);
-    EXPECT_EQ(zero_count, 0u);
-}
 
 TEST(CandidateBudget, FactorOnlyWithRerankAndSidecarCappedByTheRows) {
     const struct {
