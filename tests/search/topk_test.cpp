@@ -1,75 +1,16 @@
 #include <gtest/gtest.h>
 
-#include <algorithm>
-#include <cmath>
-#include <random>
-#include <vector>
-
 #include "search/topk.h"
 
 namespace {
 
-bf_topk_entry entry(float score, uint32_t id) {
-    return bf_topk_entry{score, id, 0, 0.0f, id};
-}
-
-std::vector<float> scores_of(const bf_topk_entry* h, uint32_t n) {
-    std::vector<float> s;
-    for (uint32_t i = 0; i < n; ++i) s.push_back(h[i].score);
-    return s;
-}
-
-TEST(TopkHeap, TiesNeverReplaceTheRootAndCapacityZeroKeepsNothing) {
-    bf_topk_entry heap[2];
-    uint32_t count = 0;
-    for (const auto& e : {entry(0.7f, 1), entry(0.9f, 2), entry(0.7f, 99)}) {
-        bf_topk_heap_push(heap, &count, 2, &e);
-    }
-    for (const auto& e : heap) EXPECT_NE(e.node_id, 99u);
-    uint32_t zero_count = 0;
-    bf_topk_heap_push(heap, &zero_count, 0, &heap[0]);
-    EXPECT_EQ(zero_count, 0u);
-}
-
-TEST(TopkHeap, RandomStreamsKeepExactlyTheTopScores) {
-    std::mt19937 rng(8);
-    std::uniform_int_distribution<int> level(0, 50);  // many ties
-    for (uint32_t cap : {1u, 2u, 7u, 64u}) {
-        std::vector<bf_topk_entry> heap(cap);
-        uint32_t count = 0;
-        std::vector<float> all;
-        for (int i = 0; i < 500; ++i) {
-            const auto e = entry(level(rng) / 50.0f, i);
-            all.push_back(e.score);
-            bf_topk_heap_push(heap.data(), &count, cap, &e);
-            // Heap property after every push.
-            for (uint32_t j = 1; j < count; ++j) ASSERT_LE(heap[(j - 1) / 2].score, heap[j].score);
-        }
-        std::sort(all.rbegin(), all.rend());
-        all.resize(cap);
-        auto kept = scores_of(heap.data(), count);
-        std::sort(kept.rbegin(), kept.rend());
-        EXPECT_EQ(kept, all) << cap;
-    }
-}
-
-TEST(TopkCompare, DescendingAndNanIsEqual) {
-    auto a = entry(0.9f, 1), b = entry(0.1f, 2), n = entry(std::nanf(""), 3);
-    EXPECT_EQ(cmp_bf_topk_desc(&a, &b), -1);
-    EXPECT_EQ(cmp_bf_topk_desc(&b, &a), 1);
-    EXPECT_EQ(cmp_bf_topk_desc(&a, &a), 0);
-    EXPECT_EQ(cmp_bf_topk_desc(&a, &n), 0);
-    EXPECT_EQ(cmp_bf_topk_desc(&n, &b), 0);
-}
-
 TEST(CandidateBudget, FactorOnlyWithRerankAndSidecarCappedByTheRows) {
-    struct row {
+    const struct {
         uint8_t rerank;
         uint32_t factor, k;
         bool sidecar;
         uint32_t rows, want;
-    };
-    const row table[] = {
+    } table[] = {
         {0, 0, 10, true, 1000, 10},
         {1, 0, 10, false, 1000, 10},
         {1, 0, 10, true, 1000, 50},
@@ -80,7 +21,7 @@ TEST(CandidateBudget, FactorOnlyWithRerankAndSidecarCappedByTheRows) {
         {1, 0x80000000u, 2, true, 7, 7},
         {1, 0xFFFFFFFFu, 0xFFFFFFFFu, true, 0xFFFFFFFFu, 0xFFFFFFFFu},
     };
-    for (const row& t : table) {
+    for (const auto& t : table) {
         vector_similarity_query q{};
         q.rerank = t.rerank;
         q.rerank_factor = t.factor;
