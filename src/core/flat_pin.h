@@ -29,10 +29,13 @@ constexpr std::size_t kFlatHeaderBytes = 64;
 
 // What a scan reads: the pinned store (null when the object has none; rows may still carry
 // their own quantised records) and the row count, both taken under the lock at one instant.
-// Rows below `rows` are complete and never rewritten, so the scan needs no lock.
+// Rows below `rows` are complete and never rewritten, so the scan needs no lock. `dropped`
+// says the slabs were dropped before the pin: the scan must then refuse, as a search that saw
+// the drop before it started does, rather than answer from the rows' own records alone.
 struct flat_view {
     flat_rows* store;
     uint32_t rows;
+    bool dropped;
 };
 
 flat_view flat_pin(semantic_vector_indexing_system* sys);

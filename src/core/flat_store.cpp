@@ -31,7 +31,7 @@ namespace orve {
 
 flat_view flat_pin(semantic_vector_indexing_system* sys) {
     object_lock guard(sys);
-    flat_view v{nullptr, load_node_count(sys)};
+    flat_view v{nullptr, load_node_count(sys), sys->slabs_dropped && sys->slab_i8 == nullptr};
     if (sys->slab_i8 != nullptr) {
         v.store = rows_of(sys->slab_i8);
         v.store->refs.fetch_add(1, std::memory_order_relaxed);

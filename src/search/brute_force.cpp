@@ -64,6 +64,8 @@ int brute_force_search(semantic_vector_indexing_system* sys, const vector_simila
     if (q->query_vector == nullptr || q->max_results == 0) return -1;
     const flat_view view = flat_pin(sys);
     const flat_pin_guard pin(view.store);
+    // The slabs went between the front end's check and the pin.
+    if (view.dropped) return ORVE_SEARCH_FLAT_DROPPED;
     query_context ctx;
     if (!begin_query(sys, q, view.rows, view.rows, false, ctx)) return -1;
     scan_rows(sys, view.store, 0, view.rows, ctx);
@@ -80,6 +82,7 @@ int brute_force_search_block(semantic_vector_indexing_system* sys,
     }
     const flat_view view = flat_pin(sys);
     const flat_pin_guard pin(view.store);
+    if (view.dropped) return -1;  // the caller answers one by one, and each query is refused
     query_context ctxs[kBruteForceBlock];
     for (uint32_t i = 0; i < nq; ++i) {
         if (!begin_query(sys, &qs[i], view.rows, view.rows, false, ctxs[i])) return -1;

@@ -6,7 +6,8 @@ namespace orve {
 
 // The last-resort path: scores every stored vector. Holds the object's lock only to pin the
 // flat store and read the row count. -1 for a null query vector, max_results 0 or a failed
-// quantisation or allocation.
+// quantisation or allocation; ORVE_SEARCH_FLAT_DROPPED when the slabs were dropped before the
+// pin (the caller says so on stderr).
 int brute_force_search(semantic_vector_indexing_system* sys, const vector_similarity_query* q,
                        vector_similarity_result* results, uint32_t* count);
 

@@ -76,9 +76,12 @@ extern "C" ORVE_API int semantic_vector_indexing_system_search_similar(
         }
     }
 
-    if (orve::load_slabs_dropped(sys) && orve::load_slab(sys) == nullptr) {
+    // The drop may also land between this check and the scan's pin; the scan then refuses too.
+    const int rc = orve::load_slabs_dropped(sys) && orve::load_slab(sys) == nullptr
+                       ? ORVE_SEARCH_FLAT_DROPPED
+                       : orve::brute_force_search(sys, q, results, count);
+    if (rc == ORVE_SEARCH_FLAT_DROPPED) {
         std::fputs("[ORVE] bruteforce fallback disabled: flat slabs were dropped\n", stderr);
-        return -7;
     }
-    return orve::brute_force_search(sys, q, results, count);
+    return rc;
 }
