@@ -1,6 +1,5 @@
 #include "alloc_fault.h"
 
-#include <atomic>
 #include <cerrno>
 #include <cstddef>
 #include <cstdlib>
@@ -18,14 +17,7 @@ namespace {
 long g_fail_at = 0;
 long g_seen = 0;
 
-const std::function<void(std::size_t)>* g_observer = nullptr;
-std::atomic<bool> g_observing{false};  // set while the observer runs, on any thread
-
-bool should_fail(std::size_t bytes) {
-    if (g_observer != nullptr && !g_observing.exchange(true)) {
-        (*g_observer)(bytes);
-        g_observing = false;
-    }
+bool should_fail(std::size_t) {
     if (g_fail_at == 0) return false;
     return ++g_seen == g_fail_at;
 }
@@ -55,13 +47,6 @@ bool run_with_failing_allocation(long k, const std::function<void()>& call) {
     call();
     g_fail_at = 0;
     return g_seen >= k;
-}
-
-void run_observing_allocations(const std::function<void(std::size_t)>& seen,
-                               const std::function<void()>& call) {
-    g_observer = &seen;
-    call();
-    g_observer = nullptr;
 }
 
 }  // namespace orve_test

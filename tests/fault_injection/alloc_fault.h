@@ -17,9 +17,4 @@ namespace orve_test {
 // object usable.
 bool run_with_failing_allocation(long k, const std::function<void()>& call);
 
-// Runs call() with `seen` told the byte size of every allocation it makes (allocations the
-// observer itself makes are not reported).
-void run_observing_allocations(const std::function<void(std::size_t)>& seen,
-                               const std::function<void()>& call);
-
 }  // namespace orve_test
