@@ -14,9 +14,8 @@
 #include <string>
 #include <vector>
 
-#include "alloc_fault.h"
+#include "fault_hooks.h"
 #include "core/system.h"
-#include "io_fault.h"
 #include "support/system_fixture.h"
 
 namespace {
