@@ -92,6 +92,25 @@ TEST(ClusteringIndex, AddPicksNearestActiveCentroidAndSearchListsMembers) {
     EXPECT_EQ(count, 0u);
 }
 
+// Five identical nodes: the pass resets every centroid (even ones set by hand or by adds),
+// puts all five, by position, in cluster 0 and settles on the second iteration.
+TEST(ClusteringPass, FiveNodesSettleInClusterZeroAfterTwoIterations) {
+    ScopedClustering ix;
+    std::vector<float> v(128, 3.0f);
+    enhanced_clustering_index_add_vector(&ix.rec, v.data(), 77);
+    ix[7].centroid[5] = 3.0f;
+    auto nodes = node_table(5);
+    ASSERT_EQ(enhanced_clustering_index_cluster(&ix.rec, nodes.data(), 5), 0);
+    EXPECT_EQ(ix.rec.n_active, 100u);
+    EXPECT_EQ(ix.rec.iterations, 2u);
+    EXPECT_EQ(ix.rec.converged, 1);
+    EXPECT_EQ(ix.rec.inertia, 0.0f);
+    ASSERT_EQ(ix[0].member_count, 5u);
+    for (uint32_t i = 0; i < 5; ++i) EXPECT_EQ(ix[0].members[i], i);
+    for (uint32_t k = 1; k < 100; ++k) ASSERT_EQ(ix[k].member_count, 0u) << k;
+    EXPECT_EQ(ix[7].centroid[5], 0.0f);
+}
+
 TEST(ClusteringPass, MetricsFromHandPlacedCentroidsAndANeutralSilhouette) {
     // Cluster 0 at the origin with 30 members, 1 at (3, 4) with 2, 2 empty, 3 at 12 on axis 2
     // with 1. Worked out by hand:
