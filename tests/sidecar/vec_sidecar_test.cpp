@@ -121,7 +121,8 @@ class SidecarFile : public ::testing::Test {
     static void write_file(const std::string& p, const bytes& b) {
         FILE* f = std::fopen(p.c_str(), "wb");
         ASSERT_NE(f, nullptr);
-        ASSERT_EQ(std::fwrite(b.data(), 1, b.size(), f), b.size());
+        ASSERT_EQ(b.empty() ? 0 : std::fwrite(b.data(), 1, b.size(), f),
+                  b.size());  // no null buffer
         std::fclose(f);
     }
     char dir_[32] = "/tmp/sidecar_test_XXXXXX";
