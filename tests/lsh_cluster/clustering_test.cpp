@@ -92,25 +92,23 @@ TEST(ClusteringIndex, AddPicksNearestActiveCentroidAndSearchListsMembers) {
     EXPECT_EQ(count, 0u);
 }
 
+// Five identical nodes: the pass resets every centroid (even ones set by hand or by adds),
+// puts all five, by position, in cluster 0 and settles on the second iteration.
 TEST(ClusteringPass, FiveNodesSettleInClusterZeroAfterTwoIterations) {
     ScopedClustering ix;
     std::vector<float> v(128, 3.0f);
-    enhanced_clustering_index_add_vector(&ix.rec, v.data(), 77);  // replaced by the pass
-    ix[7].centroid[5] = 3.0f;                                     // reset by the pass
+    enhanced_clustering_index_add_vector(&ix.rec, v.data(), 77);
+    ix[7].centroid[5] = 3.0f;
     auto nodes = node_table(5);
     ASSERT_EQ(enhanced_clustering_index_cluster(&ix.rec, nodes.data(), 5), 0);
     EXPECT_EQ(ix.rec.n_active, 100u);
     EXPECT_EQ(ix.rec.iterations, 2u);
     EXPECT_EQ(ix.rec.converged, 1);
     EXPECT_EQ(ix.rec.inertia, 0.0f);
-    EXPECT_EQ(ix.rec.silhouette, 0.0f);
     ASSERT_EQ(ix[0].member_count, 5u);
-    for (uint32_t i = 0; i < 5; ++i) EXPECT_EQ(ix[0].members[i], i);  // positions, not ids
+    for (uint32_t i = 0; i < 5; ++i) EXPECT_EQ(ix[0].members[i], i);
     for (uint32_t k = 1; k < 100; ++k) ASSERT_EQ(ix[k].member_count, 0u) << k;
     EXPECT_EQ(ix[7].centroid[5], 0.0f);
-    EXPECT_EQ(ix[0].density, 5.0f);
-    EXPECT_EQ(ix[0].nearest_centroid_distance, kInf);
-    EXPECT_EQ(ix[0].quality, 0.0f);
 }
 
 TEST(ClusteringPass, MetricsFromHandPlacedCentroidsAndANeutralSilhouette) {

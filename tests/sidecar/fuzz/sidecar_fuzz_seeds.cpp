@@ -37,11 +37,10 @@ int main(int argc, char** argv) {
         return 2;
     }
     const std::string dir = argv[1];
-    if (!write_seed(dir + "/empty.sidecar", 0, false) ||
-        !write_seed(dir + "/two.sidecar", 2, false) ||
-        !write_seed(dir + "/damaged.sidecar", 3, true)) {
-        return 1;
-    }
-    std::fprintf(stderr, "wrote 3 seed files to %s\n", dir.c_str());
-    return 0;
+    const bool ok = write_seed(dir + "/empty.sidecar", 0, false) &&
+                    write_seed(dir + "/two.sidecar", 2, false) &&
+                    write_seed(dir + "/damaged.sidecar", 3, true);
+    std::fprintf(stderr, ok ? "wrote 3 seed files to %s\n" : "could not write seeds to %s\n",
+                 dir.c_str());
+    return ok ? 0 : 1;
 }

@@ -1,8 +1,7 @@
-// libFuzzer target: arbitrary bytes as a sidecar file. The file is replayed, then opened for
-// appending and read back, and every answer is checked against the bytes themselves: replay
-// hands over only whole live rows with nonzero ids at increasing positions, open leaves a
-// header and whole rows (the input's own when its header is valid, none otherwise), a row
-// reads back bit for bit, nothing past the last row reads, and an append lands right behind it.
+// libFuzzer target: arbitrary bytes as a sidecar file, replayed, opened, read and appended to.
+// Checked against the bytes themselves: replay hands over only whole live rows with nonzero ids
+// at increasing positions; open keeps a header and the input's whole rows (none when its header
+// is foreign); the last row reads back bit for bit, the next does not, and an append follows it.
 #include <fcntl.h>
 #include <sys/mman.h>
 #include <unistd.h>
@@ -20,12 +19,6 @@
 namespace sc = orve::sidecar;
 
 namespace {
-
-// One memory file reused for every input, reached by path through /proc.
-int memory_file() {
-    static const int fd = memfd_create("sidecar_fuzz", MFD_CLOEXEC);
-    return fd;
-}
 
 struct walk {
     const uint8_t* data;
@@ -65,7 +58,7 @@ int32_t count_row(uint32_t id, const float*, void* user) {
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-    const int fd = memory_file();
+    static const int fd = memfd_create("sidecar_fuzz", MFD_CLOEXEC);  // reached through /proc
     if (fd < 0 || ftruncate(fd, 0) != 0) return 0;
     if (size > 0 && pwrite(fd, data, size, 0) != static_cast<ssize_t>(size)) return 0;
     char path[64];
