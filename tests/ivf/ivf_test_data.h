@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "semantic_vector_indexing.h"
+#include "support/test_math.h"
 
 namespace ivf_test {
 
@@ -66,12 +67,8 @@ inline dataset random_rows(uint32_t n, uint64_t seed) {
     return clustered_rows(n, 0, 1.0f, seed);
 }
 
-inline uint64_t fnv1a(uint64_t h, const void* data, size_t bytes) {
-    const auto* p = static_cast<const unsigned char*>(data);
-    for (size_t i = 0; i < bytes; ++i) h = (h ^ p[i]) * 0x100000001B3ull;
-    return h;
-}
-constexpr uint64_t kFnvOffset = 0xCBF29CE484222325ull;
+using test_math::fnv1a;
+using test_math::kFnvOffset;
 
 inline uint64_t digest_ivf(uint64_t h, const orve_ivf_index& x) {
     h = fnv1a(h, &x.n_rows, 4);
