@@ -136,7 +136,6 @@ TEST_F(PagedSearch, MatchesThePlainComputationForEveryProbeSettingAndMode) {
     }
 }
 
-// A first-version file takes node ids from the caller's map, and yields nothing without one.
 TEST_F(PagedSearch, VersionOneTakesNodeIdsFromTheMap) {
     hand_hivf h(3, 2, random_buckets(3, 2, 7, 56));
     std::vector<uint32_t> map(h.total_rows);

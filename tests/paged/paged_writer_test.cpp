@@ -13,6 +13,7 @@
 #include <thread>
 
 #include "paged_fixture.h"
+#include "support/test_math.h"
 
 using namespace paged_test;
 
@@ -42,9 +43,7 @@ std::vector<bucket_plan> one_bucket(std::vector<uint32_t> rows, uint64_t seed) {
 }
 
 uint64_t fnv1a64(const bytes& b) {
-    uint64_t h = 0xcbf29ce484222325ull;
-    for (uint8_t c : b) h = (h ^ c) * 0x100000001b3ull;
-    return h;
+    return test_math::fnv1a(test_math::kFnvOffset, b.data(), b.size());
 }
 
 }  // namespace
