@@ -17,6 +17,7 @@
 #include "fault_hooks.h"
 #include "core/system.h"
 #include "support/system_fixture.h"
+#include "support/test_math.h"
 
 namespace {
 
@@ -220,13 +221,6 @@ int64_t file_size(const std::string& p) {
     return stat(p.c_str(), &st) == 0 ? static_cast<int64_t>(st.st_size) : -1;
 }
 
-double cosine(const float* a, const float* b) {
-    double ab = 0, aa = 0, bb = 0;
-    for (int i = 0; i < 512; ++i)
-        ab += double{a[i]} * b[i], aa += double{a[i]} * a[i], bb += double{b[i]} * b[i];
-    return ab / std::sqrt(aa * bb);
-}
-
 // An append fails partway through the rows (ingested one by one, or in bulk where one vectored
 // write carries many rows and a short one stops inside a row). Ingestion still succeeds, the
 // file keeps exactly the rows written before the failure, whole and each at its own position
@@ -282,7 +276,8 @@ TEST(IoFailure, FailedSidecarAppendLeavesAWholePrefixAndNoMisplacedRow) {
                 ASSERT_EQ(n, 6u);
                 EXPECT_EQ(res[0].node_id, want);
                 for (const auto& r : res) {
-                    EXPECT_NEAR(r.similarity, cosine(q.query_vector, &vecs[(r.node_id - 1) * 512]),
+                    EXPECT_NEAR(r.similarity,
+                                test_math::cosine512(q.query_vector, &vecs[(r.node_id - 1) * 512]),
                                 0.02)
                         << r.node_id;
                 }
