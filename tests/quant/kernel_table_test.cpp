@@ -12,8 +12,11 @@
 
 #include "quant/kernel_table.h"
 #include "semantic_vector_indexing.h"
+#include "support/test_math.h"
 
 namespace {
+
+using test_math::bits;
 
 int64_t expected_dot(const int8_t* a, const int8_t* b) {
     int64_t s = 0;
@@ -35,12 +38,6 @@ float model_l2sq(const float* a, const float* b) {
     float s[4];
     for (int l = 0; l < 4; ++l) s[l] = (p[8 + l] + p[12 + l]) + (p[l] + p[4 + l]);
     return (s[0] + s[1]) + (s[2] + s[3]);
-}
-
-uint32_t bits(float f) {
-    uint32_t u;
-    std::memcpy(&u, &f, 4);
-    return u;
 }
 
 struct inputs {

@@ -8,6 +8,7 @@
 
 #include "quant/quantize_bulk.h"
 #include "semantic_vector_indexing.h"
+#include "support/test_math.h"
 
 namespace {
 
@@ -57,11 +58,8 @@ TEST(QuantizeBulk, EveryVariantMatchesTheOneRowFunction) {
             ks[v].fn(in.data(), n, codes.data(), scale.data(), norm.data());
             for (std::size_t r = 0; r < n; ++r) {
                 SCOPED_TRACE(std::string(ks[v].name) + " row " + std::to_string(r));
-                uint32_t a, b;
-                std::memcpy(&a, &scale[r], 4), std::memcpy(&b, &want_scale[r], 4);
-                EXPECT_EQ(a, b);
-                std::memcpy(&a, &norm[r], 4), std::memcpy(&b, &want_norm[r], 4);
-                EXPECT_EQ(a, b);
+                EXPECT_EQ(test_math::bits(scale[r]), test_math::bits(want_scale[r]));
+                EXPECT_EQ(test_math::bits(norm[r]), test_math::bits(want_norm[r]));
                 EXPECT_EQ(std::memcmp(&codes[r * 512], &want[r * 512], 512), 0);
             }
         }
