@@ -17,10 +17,12 @@
 #include "core/system.h"
 #include "semantic_vector_indexing.h"
 #include "support/system_fixture.h"
+#include "support/test_math.h"
 
 namespace {
 
 using bytes = std::vector<uint8_t>;
+using test_math::bits;
 
 constexpr size_t kRow = 2056;
 
@@ -31,12 +33,6 @@ const bytes kFreshHeader = {'O', 'R', 'V', 'E', 'V', 'E', 'C', 'A', 1, 0, 0, 0, 
 // Buffers are sized up front: growing one byte by byte made GCC 12 report a false overflow.
 void put_le32(bytes& b, size_t at, uint32_t v) {
     for (size_t i = 0; i < 4; ++i) b[at + i] = static_cast<uint8_t>(v >> (8 * i));
-}
-
-uint32_t bits(float f) {
-    uint32_t u;
-    std::memcpy(&u, &f, sizeof u);
-    return u;
 }
 
 bytes header(const char* magic, uint32_t version, uint32_t dim, uint32_t row_bytes) {
