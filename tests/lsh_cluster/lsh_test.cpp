@@ -16,7 +16,7 @@ namespace {
 
 constexpr float kInf = std::numeric_limits<float>::infinity();
 
-TEST(LshFormulas, CollisionProbabilityAndHashClamping) {
+TEST(LshFormulas, CollisionProbabilityAndHash) {
     const struct {
         float s;
         uint32_t n;
@@ -39,17 +39,13 @@ TEST(LshFormulas, CollisionProbabilityAndHashClamping) {
     for (const auto& c : hashes) {
         EXPECT_EQ(generate_lsh_hash(v.data(), plane.data(), c.offset), c.hash) << c.offset;
     }
-}
-
-TEST(LshFormulas, HashSumsExactly128ComponentsInFloatInIndexOrder) {
-    std::vector<float> v(129, 0.0f), plane(129, 1.0f);
-    v[128] = 1.0f;  // never read
+    // Exactly 128 components summed in float in index order: v[128] is never read, and
+    // 1e8 + 1 rounds back to 1e8, where a double or reordered sum would give 1.5e6.
+    v.assign(129, 0.0f);
+    plane.assign(129, 1.0f);
+    v[128] = 1.0f;
     EXPECT_EQ(generate_lsh_hash(v.data(), plane.data(), 0.5f), 500000u);
-    // In float, 1e8 + 1 rounds back to 1e8, so in index order the 1 is lost; a double or
-    // reordered sum would keep it and give 1.5e6.
-    v[0] = 1e8f;
-    v[1] = 1.0f;
-    v[2] = -1e8f;
+    v[0] = 1e8f, v[1] = 1.0f, v[2] = -1e8f;
     EXPECT_EQ(generate_lsh_hash(v.data(), plane.data(), 0.5f), 500000u);
 }
 
