@@ -2,17 +2,12 @@
 // code with the library's writer, plain scoring, and scratch files.
 #pragma once
 
-#include <stdlib.h>
-#include <sys/stat.h>
-
 #include <cstdint>
 #include <cstring>
-#include <filesystem>
-#include <fstream>
-#include <iterator>
 #include <string>
 #include <vector>
 
+#include "../support/test_files.h"
 #include "semantic_vector_indexing.h"
 
 namespace paged_test {
@@ -228,30 +223,9 @@ inline float plain_cosine(const int8_t* a, const int8_t* b, float qs, float rs, 
     return d <= 0 ? 0.0f : static_cast<float>(dot) / d;
 }
 
-inline bytes read_file(const std::string& path) {
-    std::ifstream in(path, std::ios::binary);
-    return bytes(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
-}
-inline void write_file(const std::string& path, const bytes& b) {
-    std::ofstream(path, std::ios::binary | std::ios::trunc)
-        .write(reinterpret_cast<const char*>(b.data()), static_cast<std::streamsize>(b.size()));
-}
-inline bool file_exists(const std::string& path) {
-    struct stat st;
-    return ::stat(path.c_str(), &st) == 0;
-}
-
-// A fresh mkdtemp directory under /tmp, removed with its content at the end of the scope.
-struct scratch_dir {
-    std::string dir = "/tmp/paged_test_XXXXXX";
-    scratch_dir() {
-        if (::mkdtemp(dir.data()) == nullptr) dir.clear();
-    }
-    ~scratch_dir() {
-        std::error_code ec;
-        if (!dir.empty()) std::filesystem::remove_all(dir, ec);
-    }
-    std::string path(const std::string& name) const { return dir + "/" + name; }
-};
+using test_files::file_exists;
+using test_files::read_file;
+using test_files::scratch_dir;
+using test_files::write_file;
 
 }  // namespace paged_test
