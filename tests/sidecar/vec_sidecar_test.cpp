@@ -17,11 +17,14 @@
 #include "core/system.h"
 #include "semantic_vector_indexing.h"
 #include "support/system_fixture.h"
+#include "support/test_files.h"
 #include "support/test_math.h"
 
 namespace {
 
 using bytes = std::vector<uint8_t>;
+using test_files::read_file;
+using test_files::write_file;
 using test_math::bits;
 
 constexpr size_t kRow = 2056;
@@ -87,15 +90,6 @@ int32_t collect(uint32_t id, const float* values, void* user) {
     return c->ids.size() == c->stop_at ? c->stop_value : 0;
 }
 
-bytes read_file(const std::string& p) {
-    bytes b;
-    if (FILE* f = std::fopen(p.c_str(), "rb")) {
-        for (int c; (c = std::fgetc(f)) != EOF;) b.push_back(static_cast<uint8_t>(c));
-        std::fclose(f);
-    }
-    return b;
-}
-
 collected load(const std::string& p, int32_t* rc, size_t stop_at = 0, int32_t stop_value = 0) {
     collected c;
     c.stop_at = stop_at;
@@ -106,23 +100,9 @@ collected load(const std::string& p, int32_t* rc, size_t stop_at = 0, int32_t st
 
 class SidecarFile : public ::testing::Test {
   protected:
-    void SetUp() override { ASSERT_NE(mkdtemp(dir_), nullptr); }
-    void TearDown() override {
-        for (const std::string& n : names_) unlink(n.c_str());
-        rmdir(dir_);
-    }
-    std::string path(const std::string& name) {
-        return names_.emplace_back(std::string(dir_) + "/" + name);
-    }
-    static void write_file(const std::string& p, const bytes& b) {
-        FILE* f = std::fopen(p.c_str(), "wb");
-        ASSERT_NE(f, nullptr);
-        ASSERT_EQ(b.empty() ? 0 : std::fwrite(b.data(), 1, b.size(), f),
-                  b.size());  // no null buffer
-        std::fclose(f);
-    }
-    char dir_[32] = "/tmp/sidecar_test_XXXXXX";
-    std::vector<std::string> names_;
+    void SetUp() override { ASSERT_FALSE(dir_.dir.empty()); }
+    std::string path(const std::string& name) { return dir_.path(name); }
+    test_files::scratch_dir dir_;
 };
 
 // What load hands over from a file as it lies on disk (without changing it), and what the file
@@ -240,7 +220,7 @@ TEST_F(SidecarFile, UnusablePathsFailWithoutSideEffects) {
     orve_vec_sidecar no_file{};
     const std::string fifo = path("pipe");
     ASSERT_EQ(mkfifo(fifo.c_str(), 0600), 0);
-    for (const std::string& bad : {std::string(dir_), std::string(dir_) + "/missing/x.vec", fifo}) {
+    for (const std::string& bad : {dir_.dir, dir_.path("missing/x.vec"), fifo}) {
         orve_vec_sidecar* sentinel = &no_file;
         EXPECT_EQ(orve_vec_sidecar_open(bad.c_str(), &sentinel), -1) << bad;
         EXPECT_EQ(sentinel, &no_file) << bad;
