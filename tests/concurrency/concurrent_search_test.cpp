@@ -5,7 +5,6 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
-#include <filesystem>
 #include <thread>
 #include <vector>
 
@@ -51,9 +50,8 @@ bool well_formed(const vector_similarity_result* r, uint32_t n, uint32_t max_id)
 // it; once the drop has begun it may be refused with -7, and after it always is.
 TEST(Concurrency, SearchesWhileRowsIndexesAndFilesChangeAndTheStoreIsDropped) {
     constexpr uint32_t kBase = 1000, kRows = 1500, kK = 5;
-    char t[] = "/tmp/orve_concurrent_XXXXXX";
-    ASSERT_NE(mkdtemp(t), nullptr);
-    const std::string dir = t;
+    orve_test::scratch_dir tmp;
+    const std::string dir = tmp.path();
     const auto vecs = orve_test::gaussian_vectors(kRows, 60);
     const auto queries = orve_test::gaussian_vectors(8, 61);
     orve_test::system_block ref, b;
@@ -65,12 +63,8 @@ TEST(Concurrency, SearchesWhileRowsIndexesAndFilesChangeAndTheStoreIsDropped) {
               1500);
     std::vector<std::vector<vector_similarity_result>> all(8);
     for (int qi = 0; qi < 8; ++qi) {
-        auto q = int8_query(&queries[qi * 512], kRows);
-        all[qi].resize(kRows);
-        uint32_t n = 0;
-        ASSERT_EQ(semantic_vector_indexing_system_search_similar(ref.get(), &q, all[qi].data(), &n),
-                  0);
-        ASSERT_EQ(n, kRows);
+        all[qi] = orve_test::search(ref.get(), int8_query(&queries[qi * 512], kRows));
+        ASSERT_EQ(all[qi].size(), kRows);
     }
     // True when got[0..n) is the top of all[qi] restricted to ids <= prefix.
     auto prefix_answer = [&](int qi, uint32_t prefix, const vector_similarity_result* got,
@@ -84,13 +78,8 @@ TEST(Concurrency, SearchesWhileRowsIndexesAndFilesChangeAndTheStoreIsDropped) {
         }
         return i == n && n == std::min(kK, prefix);
     };
-    {  // an empty store answers nothing, successfully; then the rows the indexes need
-        const auto q = int8_query(queries.data(), kK);
-        vector_similarity_result res[kK];
-        uint32_t n = 9;
-        EXPECT_EQ(semantic_vector_indexing_system_search_similar(sys, &q, res, &n), 0);
-        EXPECT_EQ(n, 0u);
-    }
+    // An empty store answers nothing, successfully; then the rows the indexes need.
+    EXPECT_TRUE(orve_test::search(sys, int8_query(queries.data(), kK)).empty());
     ASSERT_EQ(semantic_vector_indexing_system_load_vectors_f32(sys, vecs.data(), kBase), 1000);
     std::atomic<bool> bad{false}, dropping{false}, dropped{false};
     std::atomic<uint32_t> searches{0};
@@ -161,7 +150,6 @@ TEST(Concurrency, SearchesWhileRowsIndexesAndFilesChangeAndTheStoreIsDropped) {
     EXPECT_NE(log.find("[ORVE] bruteforce fallback disabled: flat slabs were dropped\n"),
               std::string::npos);
     semantic_vector_indexing_system_destroy(sys);
-    std::filesystem::remove_all(dir);
 }
 
 }  // namespace

@@ -36,19 +36,14 @@ std::vector<std::pair<uint32_t, float>> answers(semantic_vector_indexing_system*
         auto q = hivf_query(&queries[qi * 512], qi % 2);
         q.max_results = k;
         q.n_probe_l1 = q.n_probe_l2 = k > 8 ? 64 : q.n_probe_l2;
-        std::vector<vector_similarity_result> r(k);
-        uint32_t n = 0;
-        EXPECT_EQ(semantic_vector_indexing_system_search_similar(sys, &q, r.data(), &n), 0);
-        orve_test::expect_well_formed(r.data(), n);
-        for (uint32_t i = 0; i < n; ++i) all.push_back({r[i].node_id, r[i].similarity});
+        for (const auto& r : orve_test::search(sys, q)) all.push_back({r.node_id, r.similarity});
     }
     return all;
 }
 
 TEST(PagedAttachment, FileAnswersAsTheHivfDidFailuresLeaveItAloneAndOldFilesStayInBounds) {
-    char t[] = "/tmp/orve_paged_attach_XXXXXX";
-    ASSERT_NE(mkdtemp(t), nullptr);
-    const std::string dir = t, ivfp = dir + "/index.ivfp", junk = dir + "/junk.ivfp";
+    orve_test::scratch_dir tmp;
+    const std::string dir = tmp.path(), ivfp = dir + "/index.ivfp", junk = dir + "/junk.ivfp";
     system_block b, small;
     auto* sys = b.get();
     const auto vecs = orve_test::gaussian_vectors(kRows, 110);
@@ -112,7 +107,6 @@ TEST(PagedAttachment, FileAnswersAsTheHivfDidFailuresLeaveItAloneAndOldFilesStay
     testing::internal::GetCapturedStdout();
     testing::internal::GetCapturedStderr();
     semantic_vector_indexing_system_destroy(sys);
-    std::filesystem::remove_all(dir);
 }
 
 }  // namespace

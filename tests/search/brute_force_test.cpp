@@ -5,7 +5,6 @@
 
 #include <algorithm>
 #include <cmath>
-#include <filesystem>
 #include <vector>
 
 #include "core/system.h"
@@ -15,6 +14,7 @@ namespace {
 
 using orve_test::create_with_capacity;
 using orve_test::int8_query;
+using orve_test::search;
 using orve_test::system_block;
 
 struct model_row {
@@ -38,17 +38,6 @@ float model_cosine(const model_row& a, const model_row& b) {
     for (int i = 0; i < 512; ++i) dot += a.codes[i] * b.codes[i];
     if (a.scale <= 0 || b.scale <= 0 || a.norm <= 0 || b.norm <= 0) return 0.0f;
     return static_cast<float>(dot) / (((a.scale * b.scale) * a.norm) * b.norm);
-}
-
-// One search that must succeed; its answer, checked well formed on the int8 family.
-std::vector<vector_similarity_result> search(semantic_vector_indexing_system* sys,
-                                             const vector_similarity_query& q) {
-    std::vector<vector_similarity_result> r(q.max_results);
-    uint32_t n = 0;
-    EXPECT_EQ(semantic_vector_indexing_system_search_similar(sys, &q, r.data(), &n), 0);
-    if (q.use_orve512) orve_test::expect_well_formed(r.data(), n);
-    r.resize(n);
-    return r;
 }
 
 TEST(BruteForce, MatchesIndependentModelThresholdAndArguments) {
@@ -101,14 +90,11 @@ TEST(BruteForce, MatchesIndependentModelThresholdAndArguments) {
 // (ids, order, score bits, zeroed tail), across blocks of the batch, partial row tiles, a row
 // without a vector in the middle of the store, thresholds and re-ranking from the sidecar.
 TEST(BruteForce, BatchEqualsOneQueryAtATime) {
-    char dir[] = "/tmp/orve_batch_XXXXXX";
-    ASSERT_NE(mkdtemp(dir), nullptr);
+    orve_test::scratch_dir dir;
     system_block b;
     auto* sys = b.get();
     ASSERT_EQ(create_with_capacity(sys, "1000"), 0);
-    ASSERT_EQ(semantic_vector_indexing_system_open_sidecar(
-                  sys, (std::string(dir) + "/v.sidecar").c_str()),
-              0);
+    ASSERT_EQ(semantic_vector_indexing_system_open_sidecar(sys, dir.file("v.sidecar").c_str()), 0);
     const auto vecs = orve_test::gaussian_vectors(700, 50);
     ASSERT_EQ(semantic_vector_indexing_system_load_vectors_f32(sys, vecs.data(), 300), 300);
     unsigned char host[632] = {201};  // a row with no vector
@@ -147,7 +133,6 @@ TEST(BruteForce, BatchEqualsOneQueryAtATime) {
                 << "batch " << c.n << " k " << c.k << " query " << i;
         }
     }
-    std::filesystem::remove_all(dir);
 }
 
 // The all-zero query lists rows in table order with zero scores, by cluster when asked.

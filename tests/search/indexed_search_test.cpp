@@ -29,14 +29,7 @@ class IndexedSearch : public ::testing::Test {
     }
     semantic_vector_indexing_system* sys() { return b.get(); }
 
-    std::vector<vector_similarity_result> search(const vector_similarity_query& q) {
-        std::vector<vector_similarity_result> r(q.max_results);
-        uint32_t n = 0;
-        EXPECT_EQ(semantic_vector_indexing_system_search_similar(sys(), &q, r.data(), &n), 0);
-        r.resize(n);
-        orve_test::expect_well_formed(r.data(), n);
-        return r;
-    }
+    auto search(const vector_similarity_query& q) { return orve_test::search(sys(), q); }
     static void expect_same(const std::vector<vector_similarity_result>& a,
                             const std::vector<vector_similarity_result>& b) {
         ASSERT_EQ(a.size(), b.size());

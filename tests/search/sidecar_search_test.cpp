@@ -22,16 +22,8 @@ using orve_test::system_block;
 
 class SidecarSearch : public ::testing::Test {
   protected:
-    void SetUp() override {
-        ASSERT_NE(mkdtemp(dir), nullptr);
-        path = std::string(dir) + "/vectors.sidecar";
-    }
-    void TearDown() override {
-        unlink(path.c_str());
-        rmdir(dir);
-    }
-    char dir[40] = "/tmp/orve_sidecar_search_XXXXXX";
-    std::string path;
+    orve_test::scratch_dir dir;
+    std::string path = dir.file("vectors.sidecar");
 };
 
 double exact_cosine(const float* a, const float* b) {
@@ -100,9 +92,7 @@ TEST_F(SidecarSearch, MappedRerankEqualsTheReadPathAndTheExactCosine) {
         EXPECT_EQ(st.st_size, 32 + (layout == 1 ? 330 : 300) * 2056);
         for (uint32_t i = 0; i < rows; ++i) {
             ASSERT_EQ(mapped[i].row, read[i].row) << i;
-            if (i > 0) {
-                EXPECT_GE(mapped[i - 1].score, mapped[i].score) << i;
-            }
+            EXPECT_TRUE(i == 0 || mapped[i - 1].score >= mapped[i].score) << i;
             ASSERT_EQ(std::memcmp(&mapped[i].score, &read[i].score, sizeof(float)), 0) << i;
             const bool in_file = orve::sidecar_file_row_of(sys, mapped[i].row) != orve::kNoFileRow;
             const bool zero = vec_of[mapped[i].row] == &v[100 * 512];
@@ -125,21 +115,16 @@ TEST_F(SidecarSearch, RerankDuringIngestionReadsOnlyWrittenRows) {
     ASSERT_EQ(semantic_vector_indexing_system_open_sidecar(sys, path.c_str()), 0);
     ASSERT_EQ(semantic_vector_indexing_system_load_vectors_f32(sys, v.data(), 100), 100);
     std::thread writer([&] {
-        for (uint32_t r = 100; r < 1200; r += 100) {
+        for (uint32_t r = 100; r < 1200; r += 100)
             EXPECT_EQ(semantic_vector_indexing_system_load_vectors_f32(sys, &v[r * 512], 100), 100);
-        }
     });
     for (int i = 0; i < 60; ++i) {
         const float* query = &v[(i * 37 % 1200) * 512];
         auto q = orve_test::int8_query(query, 5);
         q.rerank = 1;
-        vector_similarity_result res[5];
-        uint32_t n = 0;
-        ASSERT_EQ(semantic_vector_indexing_system_search_similar(sys, &q, res, &n), 0);
-        for (uint32_t k = 0; k < n; ++k) {
-            EXPECT_EQ(res[k].similarity,
-                      static_cast<float>(exact_cosine(query, &v[(res[k].node_id - 1) * 512])));
-        }
+        for (const auto& r : orve_test::search(sys, q))
+            EXPECT_EQ(r.similarity,
+                      static_cast<float>(exact_cosine(query, &v[(r.node_id - 1) * 512])));
     }
     writer.join();
 }

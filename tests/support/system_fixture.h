@@ -3,6 +3,8 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <random>
@@ -54,6 +56,24 @@ inline vector_similarity_query int8_query(const float* vec, uint32_t k) {
     return q;
 }
 
+// A private directory removed with everything in it when the test ends.
+class scratch_dir {
+  public:
+    scratch_dir() {
+        char pattern[] = "/tmp/orve-test-XXXXXX";
+        path_ = mkdtemp(pattern) ? pattern : "";
+    }
+    ~scratch_dir() {
+        if (!path_.empty() && std::system(("rm -rf '" + path_ + "'").c_str()) != 0)
+            std::perror("rm");
+    }
+    std::string file(const std::string& name) const { return path_ + "/" + name; }
+    const std::string& path() const { return path_; }
+
+  private:
+    std::string path_;
+};
+
 // Checks what every int8 answer must satisfy: ranks 1..n, scores in order, distance = 1 - score.
 inline void expect_well_formed(const vector_similarity_result* r, uint32_t n) {
     for (uint32_t i = 0; i < n; ++i) {
@@ -61,6 +81,18 @@ inline void expect_well_formed(const vector_similarity_result* r, uint32_t n) {
         EXPECT_EQ(r[i].distance, 1.0f - r[i].similarity);
         EXPECT_TRUE(i == 0 || r[i - 1].similarity >= r[i].similarity) << i;
     }
+}
+
+// One search that must succeed; its answer, checked well formed on the int8 family.
+inline std::vector<vector_similarity_result> search(semantic_vector_indexing_system* sys,
+                                                    const vector_similarity_query& q) {
+    std::vector<vector_similarity_result> r(q.max_results);
+    uint32_t n = ~0u;  // a success must set the count
+    EXPECT_EQ(semantic_vector_indexing_system_search_similar(sys, &q, r.data(), &n), 0);
+    EXPECT_LE(n, q.max_results);
+    r.resize(std::min(n, q.max_results));
+    if (q.use_orve512) expect_well_formed(r.data(), static_cast<uint32_t>(r.size()));
+    return r;
 }
 
 }  // namespace orve_test

@@ -3,6 +3,7 @@
 // problems it must notice in damaged files.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cstdlib>
 #include <cstring>
 #include <string>
@@ -37,25 +38,20 @@ bytes sidecar(std::vector<std::pair<uint32_t, uint8_t>> rows, uint32_t version =
 
 // A paged index written by the library from n Gaussian rows with a b1 x b2 H-IVF.
 std::string write_paged(const scratch_dir& dir, uint32_t n, uint32_t b1, uint32_t b2) {
-    std::vector<unsigned char> block(semantic_vector_indexing_system_sizeof(), 0);
-    auto* sys = reinterpret_cast<semantic_vector_indexing_system*>(block.data());
-    setenv("ORVE_VECTOR_CAPACITY", std::to_string(n).c_str(), 1);
-    EXPECT_EQ(semantic_vector_indexing_system_create(sys), 0);
+    orve_test::system_block b;
+    EXPECT_EQ(orve_test::create_with_capacity(b.get(), std::to_string(n).c_str()), 0);
     const std::vector<float> v = mixture(n, 11, 0);
-    EXPECT_EQ(semantic_vector_indexing_system_load_vectors_f32(sys, v.data(), n),
+    EXPECT_EQ(semantic_vector_indexing_system_load_vectors_f32(b.get(), v.data(), n),
               static_cast<int>(n));
-    EXPECT_EQ(semantic_vector_indexing_system_build_ivf_level2(sys, b1, b2, 3), 0);
+    EXPECT_EQ(semantic_vector_indexing_system_build_ivf_level2(b.get(), b1, b2, 3), 0);
     const std::string path = dir.file("p.ivfp");
-    EXPECT_EQ(semantic_vector_indexing_system_build_ivf_paged(sys, path.c_str()), 0);
-    semantic_vector_indexing_system_destroy(sys);
+    EXPECT_EQ(semantic_vector_indexing_system_build_ivf_paged(b.get(), path.c_str()), 0);
     return path;
 }
 
 bool mentions(const std::vector<std::string>& problems, const std::string& text) {
-    for (const std::string& p : problems) {
-        if (p.find(text) != std::string::npos) return true;
-    }
-    return false;
+    return std::any_of(problems.begin(), problems.end(),
+                       [&](const std::string& p) { return p.find(text) != std::string::npos; });
 }
 
 // Counts of a well-formed file; headers the library would discard are flagged and their rows

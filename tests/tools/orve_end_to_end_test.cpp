@@ -84,49 +84,33 @@ std::vector<answer> parse_csv(const std::string& text) {
 // The library used directly, without the tool: a fresh object holding the same vectors.
 class direct_library {
   public:
-    direct_library(const std::vector<float>& v, size_t rows, const std::vector<uint32_t>& ids)
-        : block_(semantic_vector_indexing_system_sizeof(), 0) {
-        setenv("ORVE_VECTOR_CAPACITY", std::to_string(rows).c_str(), 1);
-        EXPECT_EQ(semantic_vector_indexing_system_create(sys()), 0);
-        for (size_t r = 0; r < rows; ++r) {
+    direct_library(const std::vector<float>& v, size_t rows, const std::vector<uint32_t>& ids) {
+        EXPECT_EQ(orve_test::create_with_capacity(sys(), std::to_string(rows).c_str()), 0);
+        for (size_t r = 0; r < rows; ++r)
             EXPECT_EQ(
                 semantic_vector_indexing_system_add_embedding_orve512(sys(), ids[r], &v[r * 512]),
                 0);
-        }
     }
-    ~direct_library() { semantic_vector_indexing_system_destroy(sys()); }
-    semantic_vector_indexing_system* sys() {
-        return reinterpret_cast<semantic_vector_indexing_system*>(block_.data());
-    }
+    semantic_vector_indexing_system* sys() { return block_.get(); }
 
     // The k best of each query as the tool should print them, in CSV order.
     std::vector<answer> search(const std::vector<float>& queries, size_t n, uint32_t k,
                                uint32_t l1 = 0, uint32_t l2 = 0) {
         std::vector<answer> out;
-        std::vector<vector_similarity_result> res(k);
         for (size_t q = 0; q < n; ++q) {
-            vector_similarity_query query;
-            std::memset(&query, 0, sizeof query);
-            query.use_orve512 = 1;
-            query.query_vector = &queries[q * 512];
-            query.max_results = k;
+            auto query = orve_test::int8_query(&queries[q * 512], k);
             query.min_similarity = -std::numeric_limits<float>::infinity();
             query.use_hivf = l1 ? 1 : 0;
             query.n_probe_l1 = l1;
             query.n_probe_l2 = l2;
-            uint32_t count = 0;
-            EXPECT_EQ(
-                semantic_vector_indexing_system_search_similar(sys(), &query, res.data(), &count),
-                0);
-            for (uint32_t i = 0; i < count; ++i) {
-                out.push_back({uint32_t(q), i + 1, res[i].node_id, res[i].similarity});
-            }
+            for (const auto& r : orve_test::search(sys(), query))
+                out.push_back({uint32_t(q), r.rank, r.node_id, r.similarity});
         }
         return out;
     }
 
   private:
-    std::vector<unsigned char> block_;
+    orve_test::system_block block_;
 };
 
 constexpr size_t kRows = 1500;

@@ -10,27 +10,13 @@
 #include <string>
 #include <vector>
 
+#include "support/system_fixture.h"
+
 namespace orve_tool_test {
 
 using bytes = std::vector<uint8_t>;
 
-// A private directory removed with everything in it when the test ends.
-class scratch_dir {
-  public:
-    scratch_dir() {
-        char pattern[] = "/tmp/orve-tool-test-XXXXXX";
-        path_ = mkdtemp(pattern) ? pattern : "";
-    }
-    ~scratch_dir() {
-        if (!path_.empty() && std::system(("rm -rf '" + path_ + "'").c_str()) != 0)
-            std::perror("rm");
-    }
-    std::string file(const std::string& name) const { return path_ + "/" + name; }
-    const std::string& path() const { return path_; }
-
-  private:
-    std::string path_;
-};
+using orve_test::scratch_dir;
 
 inline void write_file(const std::string& path, const bytes& b) {
     if (FILE* f = std::fopen(path.c_str(), "wb")) {
