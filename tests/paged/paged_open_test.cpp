@@ -105,7 +105,7 @@ TEST(PagedOpen, EachCheckHasItsCodeAndLineInOrder) {
          }},
     };
     const long fds_before = open_descriptors();
-    const std::string p = d.path("bad.ivfp");
+    const std::string p = d.file("bad.ivfp");
     for (const damage& c : cases) {
         SCOPED_TRACE(c.what);
         bytes f = good;
@@ -120,8 +120,8 @@ TEST(PagedOpen, EachCheckHasItsCodeAndLineInOrder) {
     EXPECT_EQ(open_descriptors(), fds_before);
     orve_ivf_paged_index* handle = nullptr;
     std::string err;
-    EXPECT_EQ(open_quietly(d.path("absent"), &handle, &err), -2);
-    EXPECT_EQ(err, "[IVF_PAGED] open(" + d.path("absent") + "): No such file or directory\n");
+    EXPECT_EQ(open_quietly(d.file("absent"), &handle, &err), -2);
+    EXPECT_EQ(err, "[IVF_PAGED] open(" + d.file("absent") + "): No such file or directory\n");
     EXPECT_EQ(orve_ivf_paged_open(nullptr, &handle), -1);
 
     // The good file: the handle points into the mapping, which close removes.

@@ -66,9 +66,9 @@ std::vector<bf_topk_entry> reference(const hand_hivf& h, const std::vector<uint3
 class PagedSearch : public ::testing::Test {
   protected:
     void open(const hand_hivf& h, const std::vector<uint32_t>& ids, uint32_t version) {
-        write_file(dir_.path("s.ivfp"), encode_ivfp(h, ids, version));
+        write_file(dir_.file("s.ivfp"), encode_ivfp(h, ids, version));
         testing::internal::CaptureStdout();
-        ASSERT_EQ(orve_ivf_paged_open(dir_.path("s.ivfp").c_str(), &handle_), 0);
+        ASSERT_EQ(orve_ivf_paged_open(dir_.file("s.ivfp").c_str(), &handle_), 0);
         testing::internal::GetCapturedStdout();
     }
     void TearDown() override { orve_ivf_paged_close(handle_); }

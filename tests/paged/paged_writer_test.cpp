@@ -71,7 +71,7 @@ TEST(PagedWriter, WritesTheFormatByteForByte) {
         SCOPED_TRACE(s.what);
         hand_hivf h(s.b1, s.b2, s.buckets);
         const auto ids = node_table(std::max(h.total_rows, 1u));
-        const std::string p = d.path(std::string(s.what) + ".ivfp");
+        const std::string p = d.file(std::string(s.what) + ".ivfp");
         std::string out;
         ASSERT_EQ(build(h.get(), ids, p, &out), 0);
         const bytes f = read_file(p);
@@ -92,9 +92,9 @@ TEST(PagedWriter, RefusalsAndFailuresLeaveThePathAsItWas) {
     const auto ids = node_table(3);
     orve_ivf_index short_leaf = h.get()->l2_indexes[0];
     short_leaf.n_rows = 2;  // the second leaf's row lies past the rows
-    std::string long_path = d.dir + "/";
+    std::string long_path = d.path() + "/";
     long_path.resize(4092, 'a');  // path + ".tmp" needs 4096 characters: refused outright
-    const std::string missing = d.path("no/such/dir/x.ivfp"), occupied = d.path("occupied");
+    const std::string missing = d.file("no/such/dir/x.ivfp"), occupied = d.file("occupied");
     ASSERT_EQ(mkdir(occupied.c_str(), 0755), 0);
     write_file(occupied + "/keep", {1});
     struct refusal {
@@ -103,7 +103,7 @@ TEST(PagedWriter, RefusalsAndFailuresLeaveThePathAsItWas) {
         int32_t rc;
         std::string err;  // the start of the line on standard error
     };
-    const std::string x = d.path("x.ivfp");
+    const std::string x = d.file("x.ivfp");
     const refusal cases[] = {
         {[](orve_hivf_index& r) { r.b1 = 0; }, x, -1, ""},
         {[](orve_hivf_index& r) { r.b2 = 0; }, x, -1, ""},
@@ -137,7 +137,7 @@ TEST(PagedWriter, RefusalsAndFailuresLeaveThePathAsItWas) {
 // two complete files, never a mixture or a truncated one.
 TEST(PagedWriter, ConcurrentBuildsToOnePathLeaveOneCompleteFile) {
     scratch_dir d;
-    const std::string p = d.path("race.ivfp");
+    const std::string p = d.file("race.ivfp");
     hand_hivf a(2, 3, random_buckets(2, 3, 200, 21)), b(3, 2, random_buckets(3, 2, 150, 22));
     const auto ids_a = node_table(a.total_rows), ids_b = node_table(b.total_rows);
     const bytes want_a = encode_ivfp(a, ids_a, 2), want_b = encode_ivfp(b, ids_b, 2);
@@ -161,7 +161,7 @@ TEST(PagedWriter, ConcurrentBuildsToOnePathLeaveOneCompleteFile) {
 // temporary file left behind must not stop the next build.
 TEST(PagedCrash, KilledWriterLeavesTheOldOrTheNewFile) {
     scratch_dir d;
-    const std::string path = d.path("live.ivfp");
+    const std::string path = d.file("live.ivfp");
     hand_hivf old_index(2, 2, random_buckets(2, 2, 10, 61));
     hand_hivf new_index(4, 4, random_buckets(4, 4, 600, 62));
     const auto old_ids = node_table(old_index.total_rows);
@@ -170,7 +170,7 @@ TEST(PagedCrash, KilledWriterLeavesTheOldOrTheNewFile) {
     const bytes want_new = encode_ivfp(new_index, new_ids, 2);
     // Kill moments spread over one and a half build durations; no check depends on where.
     const auto t0 = std::chrono::steady_clock::now();
-    ASSERT_EQ(build(new_index.get(), new_ids, d.path("timing.ivfp")), 0);
+    ASSERT_EQ(build(new_index.get(), new_ids, d.file("timing.ivfp")), 0);
     const auto build_us =
         std::chrono::duration_cast<std::chrono::microseconds>(std::chrono::steady_clock::now() - t0)
             .count();

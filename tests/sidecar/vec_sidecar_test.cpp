@@ -100,8 +100,8 @@ collected load(const std::string& p, int32_t* rc, size_t stop_at = 0, int32_t st
 
 class SidecarFile : public ::testing::Test {
   protected:
-    void SetUp() override { ASSERT_FALSE(dir_.dir.empty()); }
-    std::string path(const std::string& name) { return dir_.path(name); }
+    void SetUp() override { ASSERT_FALSE(dir_.path().empty()); }
+    std::string path(const std::string& name) { return dir_.file(name); }
     test_files::scratch_dir dir_;
 };
 
@@ -220,7 +220,7 @@ TEST_F(SidecarFile, UnusablePathsFailWithoutSideEffects) {
     orve_vec_sidecar no_file{};
     const std::string fifo = path("pipe");
     ASSERT_EQ(mkfifo(fifo.c_str(), 0600), 0);
-    for (const std::string& bad : {dir_.dir, dir_.path("missing/x.vec"), fifo}) {
+    for (const std::string& bad : {dir_.path(), dir_.file("missing/x.vec"), fifo}) {
         orve_vec_sidecar* sentinel = &no_file;
         EXPECT_EQ(orve_vec_sidecar_open(bad.c_str(), &sentinel), -1) << bad;
         EXPECT_EQ(sentinel, &no_file) << bad;

@@ -12,6 +12,7 @@
 #include <vector>
 
 #include "semantic_vector_indexing.h"
+#include "test_files.h"
 
 namespace orve_test {
 
@@ -56,23 +57,7 @@ inline vector_similarity_query int8_query(const float* vec, uint32_t k) {
     return q;
 }
 
-// A private directory removed with everything in it when the test ends.
-class scratch_dir {
-  public:
-    scratch_dir() {
-        char pattern[] = "/tmp/orve-test-XXXXXX";
-        path_ = mkdtemp(pattern) ? pattern : "";
-    }
-    ~scratch_dir() {
-        if (!path_.empty() && std::system(("rm -rf '" + path_ + "'").c_str()) != 0)
-            std::perror("rm");
-    }
-    std::string file(const std::string& name) const { return path_ + "/" + name; }
-    const std::string& path() const { return path_; }
-
-  private:
-    std::string path_;
-};
+using test_files::scratch_dir;
 
 // Checks what every int8 answer must satisfy: ranks 1..n, scores in order, distance = 1 - score.
 inline void expect_well_formed(const vector_similarity_result* r, uint32_t n) {

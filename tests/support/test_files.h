@@ -26,17 +26,22 @@ inline bool file_exists(const std::string& path) {
     return ::stat(path.c_str(), &st) == 0;
 }
 
-// A fresh mkdtemp directory under /tmp, removed with its content at the end of the scope.
-struct scratch_dir {
-    std::string dir = "/tmp/orve_test_XXXXXX";
+// A private directory under /tmp, removed with everything in it when the scope ends.
+class scratch_dir {
+  public:
     scratch_dir() {
-        if (::mkdtemp(dir.data()) == nullptr) dir.clear();
+        char pattern[] = "/tmp/orve-test-XXXXXX";
+        path_ = ::mkdtemp(pattern) ? pattern : "";
     }
     ~scratch_dir() {
         std::error_code ec;
-        if (!dir.empty()) std::filesystem::remove_all(dir, ec);
+        if (!path_.empty()) std::filesystem::remove_all(path_, ec);
     }
-    std::string path(const std::string& name) const { return dir + "/" + name; }
+    std::string file(const std::string& name) const { return path_ + "/" + name; }
+    const std::string& path() const { return path_; }
+
+  private:
+    std::string path_;
 };
 
 }  // namespace test_files
