@@ -26,6 +26,7 @@ uint32_t largest_row_id(const orve_ivf_paged_index* h) {
     for (uint64_t s = 0; s < uint64_t{h->b1} * h->b2; ++s) {
         const uint8_t* d = h->leaf_dir + kLeafDirBytes * s;
         const uint32_t m = load_u32(d + kLeafDirCount);
+        if (m == 0) continue;  // open checks the offsets of non-empty leaves only
         const uint8_t* ids = base + load_u64(d + kLeafDirMeta) + 8ull * m;
         for (uint32_t k = 0; k < m; ++k) {
             const uint32_t r = load_u32(ids + 4 * k);
