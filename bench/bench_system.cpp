@@ -29,6 +29,8 @@
 #include "core/publication.h"
 #include "util/c_alloc.h"
 
+#include "bench_rng.h"
+
 namespace {
 
 using clock_type = std::chrono::steady_clock;
@@ -74,15 +76,7 @@ bool reset_peak() {
     return std::fclose(f) == 0 && ok;
 }
 
-struct rng {
-    uint64_t s;
-    float next() {  // uniform in [-1, 1)
-        s ^= s << 13;
-        s ^= s >> 7;
-        s ^= s << 17;
-        return static_cast<float>(s >> 40) * 0x1p-23f - 1.0f;
-    }
-};
+using orve_bench::rng;
 
 // Fills a chunk of rows: a few hundred cluster centres plus noise, so queries have neighbours.
 void fill_rows(std::vector<float>& buf, std::size_t first_row, const std::vector<float>& centres,

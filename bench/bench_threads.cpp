@@ -22,6 +22,8 @@
 
 #include "semantic_vector_indexing.h"
 
+#include "bench_rng.h"
+
 namespace {
 
 using clock_type = std::chrono::steady_clock;
@@ -30,15 +32,7 @@ double seconds_since(clock_type::time_point t0) {
     return std::chrono::duration<double>(clock_type::now() - t0).count();
 }
 
-struct rng {
-    uint64_t s;
-    float next() {  // uniform in [-1, 1)
-        s ^= s << 13;
-        s ^= s >> 7;
-        s ^= s << 17;
-        return static_cast<float>(s >> 40) * 0x1p-23f - 1.0f;
-    }
-};
+using orve_bench::rng;
 
 // Rows around a few hundred cluster centres, so queries have neighbours.
 void fill_rows(float* buf, std::size_t n, std::size_t first_row, const std::vector<float>& centres,

@@ -16,6 +16,8 @@
 
 #include "semantic_vector_indexing.h"
 
+#include "../bench_rng.h"
+
 namespace {
 
 using clock_type = std::chrono::steady_clock;
@@ -26,20 +28,14 @@ double seconds_since(clock_type::time_point t0) {
 
 // The rows bench_system ingests: 256 cluster centres plus noise.
 std::vector<float> clustered_rows(std::size_t n) {
-    uint64_t s = 7;
-    auto next = [&s] {
-        s ^= s << 13;
-        s ^= s >> 7;
-        s ^= s << 17;
-        return static_cast<float>(s >> 40) * 0x1p-23f - 1.0f;
-    };
+    orve_bench::rng r{7};
     std::vector<float> centres(256 * 512);
-    for (float& x : centres) x = next();
-    s = 12345;
+    for (float& x : centres) x = r.next();
+    r.s = 12345;
     std::vector<float> rows(n * 512);
     for (std::size_t i = 0; i < n; ++i) {
         const float* c = &centres[(i * 2654435761u % 256) * 512];
-        for (int d = 0; d < 512; ++d) rows[i * 512 + d] = c[d] + 0.5f * next();
+        for (int d = 0; d < 512; ++d) rows[i * 512 + d] = c[d] + 0.5f * r.next();
     }
     return rows;
 }
