@@ -152,8 +152,14 @@ def test_tool_and_package_read_each_others_directories(data, sharded_dir, tmp_pa
         want["deleted"] = s.search_batch(queries, 10, path="brute")
     assert_same(want["brute"], reference(rows, ids, queries, 10))
     assert_same(tool_says["brute"], want["brute"])
-    # The package's own directory (an IVF in the manifest, an open tail) read by the tool.
-    assert_same(tool_query(tool, sharded_dir, tmp_path / "q.npy", 10, "brute"), want["brute"])
+    # The package's own directory (an IVF in the manifest, an open tail, tombstones that hit
+    # every index path's best rows) read by the tool on every path.
+    paths = ("brute", "ivf", "hivf", "paged")
+    with orve.ShardedIndex(sharded_dir) as s:
+        s.delete(np.unique([s.search_batch(queries, 2, path=p)[0] for p in paths]))
+        own = {p: s.search_batch(queries, 10, path=p, nprobe_l1=3, nprobe_l2=4) for p in paths}
+    for p in paths:
+        assert_same(tool_query(tool, sharded_dir, tmp_path / "q.npy", 10, p), own[p])
     assert_same(tool_says["paged"], want["paged"])
     assert_same(tool_query(tool, directory, tmp_path / "q.npy", 10, "brute"), want["deleted"])
 

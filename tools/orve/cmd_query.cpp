@@ -147,9 +147,11 @@ const command_def& query_def() {
         "one is given, builds an in-memory index when the path needs one, and prints the k best\n"
         "nodes of every query: query index (from 0), rank (from 1), node id and similarity\n"
         "(int8 cosine, or exact float cosine with --rerank).\n"
-        "With --dir, every shard of a sharded directory is searched (sealed shards through\n"
-        "their paged index with --path paged, the default; the others by brute force) and the\n"
-        "answers merge: similarity descending, ties to the lower node id.",
+        "With --dir, every shard of a sharded directory is searched, one after another, and the\n"
+        "answers merge: similarity descending, ties to the lower node id. Sealed shards take\n"
+        "the path (default paged; hivf and paged both read the shard's paged index; ivf uses\n"
+        "the IVF the shard was sealed with, or trains one now when it has none); shards not\n"
+        "sealed yet are searched by brute force.",
         with_training_options(
             {
                 {"--sidecar", "FILE", "sidecar written by orve build or by a host"},
@@ -350,11 +352,52 @@ int query_files(const parsed_args& args, const reporter& rep) {
     return 0;
 }
 
+// The index a sealed shard is searched with on the chosen path. A shard that is not sealed
+// takes rows and is always searched by brute force, as the package does.
+void choose_shard_index(const parsed_args& args, const shard_entry& shard, uint32_t seed,
+                        uint64_t rows, const sidecar_live_rows& live, query_request& r) {
+    if (!shard.sealed || r.params.path == search_path::brute) {
+        r.params.path = search_path::brute;
+        return;
+    }
+    if (r.params.path == search_path::ivf) {
+        // The IVF the package builds at every open: the seal's nlist with the directory's seed.
+        // Another one would answer other rows than the package under the same name. A shard
+        // sealed without an IVF (as orve build writes them) gets one trained now.
+        r.seed = seed;
+        r.nlist = shard.nlist;
+        if (shard.nlist && args.has("--nlist") &&
+            args.get_uint("--nlist", 0, 1, rows) != shard.nlist) {
+            throw usage_error(shard.name + " was sealed with an IVF of nlist " +
+                              std::to_string(shard.nlist) + "; --nlist must match or be left out");
+        }
+        if (!shard.nlist) {
+            r.seed = static_cast<uint32_t>(args.get_uint("--seed", seed, 0, UINT32_MAX));
+            r.nlist = static_cast<uint32_t>(args.get_uint("--nlist", default_nlist(rows), 1, rows));
+        }
+        // Shards may differ in nlist, so --nprobe is bounded per shard by the library only.
+        r.params.nprobe = static_cast<uint32_t>(
+            args.get_uint("--nprobe", default_nprobe(r.nlist), 1, UINT32_MAX));
+        return;
+    }
+    // A sealed shard's H-IVF is its paged file (the package too answers hivf from it), so
+    // nothing is trained and both paths read the same leaves.
+    r.ivfp = r.sidecar.substr(0, r.sidecar.rfind('/')) + "/index.ivfp";
+    check_input_file(r.ivfp);
+    const ivfp_report layout = verify_paged_index(r.ivfp, r.sidecar, live);
+    r.params.path = search_path::paged;
+    r.params.nprobe_l1 = static_cast<uint32_t>(
+        args.get_uint("--nprobe-l1", default_nprobe_level(layout.b1), 1, ORVE_IVF_PAGED_MAX_B));
+    r.params.nprobe_l2 = static_cast<uint32_t>(
+        args.get_uint("--nprobe-l2", default_nprobe_level(layout.b2), 1, ORVE_IVF_PAGED_MAX_B));
+}
+
 // One shard's best rows for every query, as node ids. Deleted rows are asked for on top of k
-// and dropped, so a brute-force answer stays exact.
+// and dropped, so a brute-force answer stays exact. Shards are searched one after another and
+// each object is freed before the next is made, so memory holds one shard's index at a time.
 void query_shard(const parsed_args& args, const std::string& dir, const shard_entry& shard,
-                 const query_request& base, const std::vector<float>& queries, const reporter& rep,
-                 std::vector<std::vector<hit>>& merged) {
+                 uint32_t seed, const query_request& base, const std::vector<float>& queries,
+                 const reporter& rep, std::vector<std::vector<hit>>& merged) {
     query_request r = base;
     const std::string shard_dir = dir + "/" + shard.name;
     r.sidecar = shard_dir + "/rows.vec";
@@ -369,16 +412,7 @@ void query_shard(const parsed_args& args, const std::string& dir, const shard_en
                          std::to_string(ids.size()) + " node ids");
     }
     const std::set<uint32_t> dead = read_tombstones(shard_dir);
-    if (!shard.sealed || r.params.path != search_path::paged) r.params.path = search_path::brute;
-    if (r.params.path == search_path::paged) {
-        r.ivfp = shard_dir + "/index.ivfp";
-        check_input_file(r.ivfp);
-        const ivfp_report layout = verify_paged_index(r.ivfp, r.sidecar, live);
-        r.params.nprobe_l1 = static_cast<uint32_t>(
-            args.get_uint("--nprobe-l1", default_nprobe_level(layout.b1), 1, ORVE_IVF_PAGED_MAX_B));
-        r.params.nprobe_l2 = static_cast<uint32_t>(
-            args.get_uint("--nprobe-l2", default_nprobe_level(layout.b2), 1, ORVE_IVF_PAGED_MAX_B));
-    }
+    choose_shard_index(args, shard, seed, sidecar.live_rows, live, r);
     r.params.k = static_cast<uint32_t>(
         std::min<uint64_t>(sidecar.live_rows, uint64_t{base.params.k} + dead.size()));
     system_object sys(sidecar.live_rows);
@@ -403,8 +437,9 @@ int query_sharded(const parsed_args& args, const reporter& rep) {
     req.format = parse_format(args.get_or("--format", "table"));
     req.params.k = static_cast<uint32_t>(args.get_uint("-k", 10, 1, 100000));
     req.params.path = parse_search_path(args.get_or("--path", "paged"));
-    if (req.params.path != search_path::brute && req.params.path != search_path::paged) {
-        throw usage_error("a sharded directory is searched with --path brute or paged");
+    if (args.has("--b1") || args.has("--b2")) {
+        throw usage_error(
+            "--dir searches each sealed shard's own H-IVF; --b1 and --b2 do not apply");
     }
     req.params.rerank = args.has("--rerank");
     req.params.rerank_factor = static_cast<uint32_t>(args.get_uint("--rerank-factor", 0, 1, 1000));
@@ -416,7 +451,7 @@ int query_sharded(const parsed_args& args, const reporter& rep) {
     const std::vector<float> queries = read_queries(req.queries);
     std::vector<std::vector<hit>> merged(queries.size() / kDim);
     for (const shard_entry& shard : m.shards)
-        query_shard(args, dir, shard, req, queries, rep, merged);
+        query_shard(args, dir, shard, m.seed, req, queries, rep, merged);
     for (std::vector<hit>& hits : merged) {
         std::sort(hits.begin(), hits.end(), [](const hit& a, const hit& b) {
             return a.similarity != b.similarity ? a.similarity > b.similarity

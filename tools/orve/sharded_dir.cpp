@@ -173,6 +173,12 @@ bool safe_shard_name(const std::string& name) {
     return true;
 }
 
+// A bucket count, or null / absent (0) for "none".
+uint32_t optional_count(const json* v, const std::string& what, const std::string& where) {
+    if (!v || v->kind == json::null) return 0;
+    return static_cast<uint32_t>(whole(v, 1, UINT32_MAX, what, where));
+}
+
 // A [b1, b2] pair, or null / absent for "not fixed".
 void branching(const json* v, uint32_t* b1, uint32_t* b2, const std::string& what,
                const std::string& where) {
@@ -202,6 +208,7 @@ shard_entry parse_entry(const json& e, const std::string& where) {
     }
     s.sealed = state->str == "sealed";
     branching(e.field("hivf"), &s.b1, &s.b2, s.name + ".hivf", where);
+    s.nlist = optional_count(e.field("nlist"), s.name + ".nlist", where);
     return s;
 }
 
@@ -254,6 +261,7 @@ sharded_manifest parse_manifest(const std::string& text, const std::string& wher
     sharded_manifest m;
     m.shard_rows = whole(settings->field("shard_rows"), 1, ORVE_MAX_CAPACITY, "shard_rows", where);
     branching(settings->field("hivf"), &m.hivf_b1, &m.hivf_b2, "hivf", where);
+    m.nlist = optional_count(settings->field("nlist"), "nlist", where);
     m.seed = static_cast<uint32_t>(whole(settings->field("seed"), 0, UINT32_MAX, "seed", where));
     m.next_shard = whole(doc.field("next_shard"), 1, 999999999, "next_shard", where);
     std::set<std::string> names;
@@ -275,15 +283,17 @@ std::string manifest_text(const sharded_manifest& m) {
     auto pair = [](uint32_t a, uint32_t b) {
         return a ? "[" + std::to_string(a) + ", " + std::to_string(b) + "]" : std::string("null");
     };
+    auto count = [](uint32_t n) { return n ? std::to_string(n) : std::string("null"); };
     std::ostringstream out;
     out << "{\"format\": \"orve-sharded\", \"next_shard\": " << m.next_shard
         << ", \"settings\": {\"hivf\": " << pair(m.hivf_b1, m.hivf_b2)
-        << ", \"nlist\": null, \"seed\": " << m.seed << ", \"shard_rows\": " << m.shard_rows
-        << "}, \"shards\": [";
+        << ", \"nlist\": " << count(m.nlist) << ", \"seed\": " << m.seed
+        << ", \"shard_rows\": " << m.shard_rows << "}, \"shards\": [";
     for (size_t i = 0; i < m.shards.size(); ++i) {
         const shard_entry& s = m.shards[i];
         out << (i ? ", " : "") << "{\"hivf\": " << pair(s.b1, s.b2) << ", \"name\": \"" << s.name
-            << "\", \"nlist\": null, \"state\": \"" << (s.sealed ? "sealed" : "open") << "\"}";
+            << "\", \"nlist\": " << count(s.nlist) << ", \"state\": \""
+            << (s.sealed ? "sealed" : "open") << "\"}";
     }
     out << "], \"version\": 1}\n";
     return out.str();

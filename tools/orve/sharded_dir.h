@@ -18,11 +18,13 @@ struct shard_entry {
     std::string name;  // "shard-000001": a directory inside the sharded directory
     bool sealed = false;
     uint32_t b1 = 0, b2 = 0;  // the H-IVF of a sealed shard, 0 when the manifest omits it
+    uint32_t nlist = 0;       // the IVF built with it at the seal, 0 when none was
 };
 
 struct sharded_manifest {
     uint64_t shard_rows = 0;
     uint32_t hivf_b1 = 0, hivf_b2 = 0;  // 0: chosen per shard from its row count
+    uint32_t nlist = 0;                 // 0: seals build no IVF
     uint32_t seed = 1;
     uint64_t next_shard = 1;
     std::vector<shard_entry> shards;
