@@ -113,11 +113,11 @@ def test_crash_between_seal_write_and_manifest_switch(data, tmp_path):
     assert [e["state"] for e in manifest["shards"]] == ["sealed"]
 
 
-def tool_query(tool, directory, queries_file, k, path):
+def tool_query(tool, directory, queries_file, k, path, *more):
     """orve query --dir in CSV, read back as (ids, scores) arrays (nq, k)."""
     out = subprocess.run([tool, "query", "--dir", str(directory), "--queries", str(queries_file),
                           "-k", str(k), "--path", path, "--nprobe-l1", "3", "--nprobe-l2", "4",
-                          "--format", "csv", "--quiet"], capture_output=True, text=True)
+                          "--format", "csv", "--quiet", *more], capture_output=True, text=True)
     assert out.returncode == 0, out.stderr
     table = np.array([line.split(",") for line in out.stdout.split()[1:]])
     return (table[:, 2].astype(np.int64).reshape(-1, k),
@@ -162,6 +162,9 @@ def test_tool_and_package_read_each_others_directories(data, sharded_dir, tmp_pa
         assert_same(tool_query(tool, sharded_dir, tmp_path / "q.npy", 10, p), own[p])
     assert_same(tool_says["paged"], want["paged"])
     assert_same(tool_query(tool, directory, tmp_path / "q.npy", 10, "brute"), want["deleted"])
+    # Shards sealed without an IVF get one trained by the tool; probing all of it is exact.
+    assert_same(tool_query(tool, directory, tmp_path / "q.npy", 10, "ivf", "--nprobe", "999"),
+                want["deleted"])
 
 
 def test_dask_cluster_answers_like_the_local_index(data, sharded_dir):
