@@ -148,10 +148,10 @@ def main():
     start = time.perf_counter()
     shard_rows = a.shard_rows
     # Every open of a sealed shard (each Dask worker's too) trains its IVF again, at a cost
-    # growing with rows x nlist (9 CPU seconds for 100k rows at nlist 316, 20 for 200k at 447
-    # here), so sqrt(1M) = 1000 would take minutes per shard and open. Capped at 256 the 3M-row
-    # run stays near 20 minutes; the default nprobe scans a sixteenth of a shard whatever
-    # nlist is, so queries/s hardly depend on the cap.
+    # growing with rows x nlist (48 CPU seconds for 1M rows at nlist 256 here), so
+    # sqrt(1M) = 1000 would take minutes per shard and open. Capped at 256 the 3M-row run
+    # stays under 20 minutes; the default nprobe scans a sixteenth of a shard whatever nlist
+    # is, so queries/s hardly depend on the cap.
     nlist = a.nlist or max(1, min(256, int(shard_rows ** 0.5)))
     probes = {"nprobe": a.nprobe or max(1, nlist // 16)}
     rng = np.random.default_rng(1)
