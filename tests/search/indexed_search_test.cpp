@@ -284,16 +284,9 @@ TEST_F(IndexedSearch, BatchMatchesSingleQueries) {
         std::vector<vector_similarity_result> results(c.n_queries * c.k);
         std::memset(results.data(), 0xAB, results.size() * sizeof results[0]);
         std::vector<uint32_t> counts(c.n_queries, 99);
-        orve512_batch_query bq;
-        std::memset(&bq, 0, sizeof bq);
-        bq.n_queries = c.n_queries;
-        bq.k = c.k;
-        bq.min_similarity = c.min_similarity;
-        bq.use_ivf = 1;
-        bq.n_probe = c.n_probe;
-        bq.queries = qs.data();
-        bq.results = results.data();
-        bq.counts = counts.data();
+        const orve512_batch_query bq{c.n_queries, c.k,       c.min_similarity, 1,
+                                     c.n_probe,   qs.data(), results.data(),   counts.data(),
+                                     0,           0};
         // An index without centroids cannot come from a build; routing refuses it, and every
         // search falls back (the lone ones to brute force).
         live.centroid_codes = c.routing_refuses ? nullptr : centroids;
@@ -317,13 +310,7 @@ TEST_F(IndexedSearch, BatchMatchesSingleQueries) {
     // Bad arguments, missing counts, and brute force refused after the drop failing the batch.
     // (Batches without an index are compared with single queries in the brute-force tests.)
     std::vector<vector_similarity_result> results(3 * 2);
-    orve512_batch_query bq;
-    std::memset(&bq, 0, sizeof bq);
-    bq.n_queries = 3;
-    bq.min_similarity = -2.0f;
-    bq.queries = queries.data();
-    bq.results = results.data();
-    bq.k = 0;
+    orve512_batch_query bq{3, 0, -2.0f, 0, 0, queries.data(), results.data(), nullptr, 0, 0};
     EXPECT_EQ(semantic_vector_indexing_system_search_similar_orve512_batch(sys(), &bq), -1);
     bq.k = 2;
     EXPECT_EQ(semantic_vector_indexing_system_search_similar_orve512_batch(sys(), nullptr), -1);
