@@ -6,6 +6,12 @@
 // on. The scan walks runs of consecutive valid rows and scores each run with the many-rows
 // kernel, a block at a time into a stack buffer; per row it then does only the cosine, the
 // threshold and a comparison with the heap's current minimum. Nothing is allocated per row.
+//
+// A block of queries shares one pass: each tile of rows is scored against four queries per row
+// load, and each query's candidates are then offered in row order, as its lone scan offers
+// them. The heap keeps the first of equal scores, so that order is what makes the block's
+// answers the lone scan's, ties included; the dot products are exact integers whichever kernel
+// computed them, so the scores are the same bits.
 #include "search/brute_force.h"
 
 #include <cstring>
@@ -22,6 +28,17 @@ constexpr uint32_t kBlockRows = 128;
 // Rows a batch scores against each query of its block before moving on: 64 KB of codes,
 // which stay in cache across the block's queries, so the store is read once per block.
 constexpr uint32_t kTileRows = 128;
+
+// The cosine of the row at slot s that has no slab vector but its own quantised record;
+// false when it has neither, and the row is not a candidate.
+inline bool record_score(const semantic_vector_indexing_system* sys, uint32_t s,
+                         const orve::query_context& ctx, float* score) {
+    const orve_quantized_vector_record* rec = sys->nodes[s].quantized;
+    if (rec == nullptr || rec->codes == nullptr) return false;
+    *score = orve::cosine_from_dot(orve_dotprod512_i8(ctx.codes, rec->codes), ctx.scale, rec->scale,
+                                   ctx.norm, rec->norm);
+    return true;
+}
 
 // Offers rows [begin, end) to the query's sink, in row order. The sink's heap depends only on
 // the sequence of offers, so any split of the rows into ranges gives the same answer.
@@ -46,12 +63,56 @@ void scan_rows(const semantic_vector_indexing_system* sys, const flat_rows* stor
             continue;
         }
         // A row without a slab vector may still carry its own quantised record.
-        const orve_quantized_vector_record* rec = sys->nodes[s].quantized;
-        if (rec != nullptr && rec->codes != nullptr) {
-            sink.offer(s, orve::cosine_from_dot(orve_dotprod512_i8(ctx.codes, rec->codes),
-                                                ctx.scale, rec->scale, ctx.norm, rec->norm));
-        }
+        float score;
+        if (record_score(sys, s, ctx, &score)) sink.offer(s, score);
         ++s;
+    }
+}
+
+// Rows [t, end) of one tile (at most kTileRows) for every query of the block: the slab rows
+// scored four queries per load into dots (query i's at dots[i * kTileRows + row - t]), then
+// offered query by query in row order, interleaved with the rows scored from their own
+// records exactly where the lone scan meets them.
+void scan_tile(const semantic_vector_indexing_system* sys, const flat_rows* store, uint32_t t,
+               uint32_t end, orve::query_context* ctxs, uint32_t nq, int32_t* dots) {
+    const orve::kernel_table& k = orve::kernels();
+    // Which rows were scored, read once: both passes must agree on it, or a query would offer
+    // a dot product that was never written.
+    uint8_t scored[kTileRows] = {};
+    if (store != nullptr && store->valid != nullptr) {
+        std::memcpy(scored, store->valid + t, end - t);
+    }
+    const int8_t* codes[orve::kBruteForceBlock];
+    for (uint32_t i = 0; i < nq; ++i) codes[i] = ctxs[i].codes;
+    for (uint32_t s = 0; s < end - t;) {
+        if (!scored[s]) {
+            ++s;
+            continue;
+        }
+        uint32_t stop = s + 1;
+        while (stop < end - t && scored[stop]) ++stop;
+        const int8_t* rows = store->codes + (static_cast<std::size_t>(t) + s) * orve::kCodeBytes;
+        uint32_t i = 0;
+        for (; i + orve::kMultiQueries <= nq; i += orve::kMultiQueries) {
+            k.dot512_multi(codes + i, rows, stop - s, dots + i * kTileRows + s, kTileRows);
+        }
+        for (; i < nq; ++i) k.dot512_many(codes[i], rows, stop - s, dots + i * kTileRows + s);
+        s = stop;
+    }
+    for (uint32_t i = 0; i < nq; ++i) {
+        orve::query_context& ctx = ctxs[i];
+        orve::candidate_sink& sink = ctx.sink;
+        if (sink.capacity == 0) continue;
+        const int32_t* d = dots + i * kTileRows;
+        for (uint32_t r = t; r < end; ++r) {
+            float score;
+            if (scored[r - t]) {
+                sink.offer(r, orve::cosine_from_dot(d[r - t], ctx.scale, store->scale[r], ctx.norm,
+                                                    store->norm[r]));
+            } else if (record_score(sys, r, ctx, &score)) {
+                sink.offer(r, score);
+            }
+        }
     }
 }
 
@@ -87,9 +148,10 @@ int brute_force_search_block(semantic_vector_indexing_system* sys,
     for (uint32_t i = 0; i < nq; ++i) {
         if (!begin_query(sys, &qs[i], view.rows, view.rows, false, ctxs[i])) return -1;
     }
+    int32_t dots[kBruteForceBlock * kTileRows];
     for (uint32_t t = 0; t < view.rows; t += kTileRows) {
         const uint32_t end = view.rows - t < kTileRows ? view.rows : t + kTileRows;
-        for (uint32_t i = 0; i < nq; ++i) scan_rows(sys, view.store, t, end, ctxs[i]);
+        scan_tile(sys, view.store, t, end, ctxs, nq, dots);
     }
     for (uint32_t i = 0; i < nq; ++i) {
         vector_similarity_result* block = results + static_cast<std::size_t>(stride) * i;

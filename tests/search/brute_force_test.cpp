@@ -111,15 +111,9 @@ TEST(BruteForce, BatchEqualsOneQueryAtATime) {
     for (const auto& c : cases) {
         std::vector<vector_similarity_result> batch(c.n * c.k);
         std::vector<uint32_t> counts(c.n, 99);
-        orve512_batch_query bq{};
-        bq.n_queries = c.n;
-        bq.k = c.k;
-        bq.min_similarity = c.min_similarity;
-        bq.queries = queries.data();
-        bq.results = batch.data();
-        bq.counts = counts.data();
-        bq.rerank = c.rerank;
-        bq.rerank_factor = c.factor;
+        const orve512_batch_query bq{
+            c.n,          c.k,           c.min_similarity, 0,       0, queries.data(),
+            batch.data(), counts.data(), c.rerank,         c.factor};
         ASSERT_EQ(semantic_vector_indexing_system_search_similar_orve512_batch(sys, &bq), 0);
         for (uint32_t i = 0; i < c.n; ++i) {
             auto q = int8_query(&queries[i * 512], c.k);

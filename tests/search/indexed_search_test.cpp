@@ -249,36 +249,47 @@ TEST_F(IndexedSearch, ObjectBuildEqualsTheFloatBuildOnDequantisedRows) {
     ivf_live_release(a);
 }
 
+// Each case's batch answer must equal its queries searched one at a time, whole records
+// compared, so ids, ranks, score bits and the zeroed tail all count. The cases cover exact ties
+// (copies of 60 rows, whose winners depend on the order candidates are offered in), a batch
+// whose dot products overflow what is held at once (answered in chunks), and a pinned index
+// whose routing refuses, after which the batch is answered again one query at a time over
+// buffers the failed attempt may have scribbled on.
 TEST_F(IndexedSearch, BatchMatchesSingleQueries) {
-    // Copies of 60 rows make exact ties, whose winners depend on the order candidates are
-    // offered in: the batch must keep each query's own bucket order to give the same ids.
     ASSERT_EQ(semantic_vector_indexing_system_load_vectors_f32(sys(), vecs.data(), 60), 60);
     ASSERT_EQ(semantic_vector_indexing_system_build_ivf(sys(), 16, 9), 0);
     const std::vector<float> pool = orve_test::gaussian_vectors(40, 92);
     struct Case {
         uint32_t n_queries, k, n_probe, repeat;  // query i is pool row (i % repeat)
         float min_similarity;
+        bool routing_refuses;
     } cases[] = {
-        {1, 10, 4, 40, -2.0f}, {7, 5, 3, 40, -2.0f},  {37, 20, 16, 40, -2.0f},
-        {13, 1, 1, 5, -2.0f},  {9, 64, 99, 3, 0.05f}, {20, 300, 6, 40, -2.0f},
+        {1, 10, 4, 40, -2.0f, false},
+        {7, 5, 3, 40, -2.0f, false},
+        {37, 20, 16, 40, -2.0f, false},
+        {13, 1, 1, 5, -2.0f, false},
+        {9, 64, 99, 3, 0.05f, false},
+        {20, 300, 6, 40, -2.0f, false},
+        // Every row probed by 4000 queries: more dot products than one chunk holds (4 Mi).
+        {4000, 2, 99, 40, -2.0f, false},
+        {21, 300, 5, 40, 0.1f, true},
     };
+    orve_ivf_index& live = sys()->live_ivf.load()->index;
+    int8_t* const centroids = live.centroid_codes;
     for (const Case& c : cases) {
         std::vector<float> qs(static_cast<std::size_t>(c.n_queries) * 512);
         for (uint32_t i = 0; i < c.n_queries; ++i) {
             std::memcpy(&qs[512 * i], &pool[512 * (i % c.repeat)], 2048);
         }
         std::vector<vector_similarity_result> results(c.n_queries * c.k);
+        std::memset(results.data(), 0xAB, results.size() * sizeof results[0]);
         std::vector<uint32_t> counts(c.n_queries, 99);
-        orve512_batch_query bq;
-        std::memset(&bq, 0, sizeof bq);
-        bq.n_queries = c.n_queries;
-        bq.k = c.k;
-        bq.min_similarity = c.min_similarity;
-        bq.use_ivf = 1;
-        bq.n_probe = c.n_probe;
-        bq.queries = qs.data();
-        bq.results = results.data();
-        bq.counts = counts.data();
+        const orve512_batch_query bq{c.n_queries, c.k,       c.min_similarity, 1,
+                                     c.n_probe,   qs.data(), results.data(),   counts.data(),
+                                     0,           0};
+        // An index without centroids cannot come from a build; routing refuses it, and every
+        // search falls back (the lone ones to brute force).
+        live.centroid_codes = c.routing_refuses ? nullptr : centroids;
         ASSERT_EQ(semantic_vector_indexing_system_search_similar_orve512_batch(sys(), &bq), 0);
         for (uint32_t i = 0; i < c.n_queries; ++i) {
             auto q = orve_test::int8_query(&qs[512 * i], c.k);
@@ -291,36 +302,23 @@ TEST_F(IndexedSearch, BatchMatchesSingleQueries) {
             ASSERT_EQ(semantic_vector_indexing_system_search_similar(sys(), &q, single.data(), &n),
                       0);
             ASSERT_EQ(counts[i], n) << "k " << c.k << " query " << i;
-            // Whole records, so ids, ranks and score bits all count.
             EXPECT_EQ(std::memcmp(&results[i * c.k], single.data(), c.k * sizeof single[0]), 0)
-                << "k " << c.k << " probes " << c.n_probe << " query " << i;
+                << "n " << c.n_queries << " k " << c.k << " probes " << c.n_probe << " query " << i;
         }
     }
+    live.centroid_codes = centroids;
+    // Bad arguments, missing counts, and brute force refused after the drop failing the batch.
+    // (Batches without an index are compared with single queries in the brute-force tests.)
     std::vector<vector_similarity_result> results(3 * 2);
-    orve512_batch_query bq;
-    std::memset(&bq, 0, sizeof bq);
-    bq.n_queries = 3;
-    bq.k = 2;
-    bq.min_similarity = -2.0f;
-    bq.queries = queries.data();
-    bq.results = results.data();
-    // No IVF: every query through brute force.
-    semantic_vector_indexing_system_destroy_ivf(sys());
-    bq.counts = nullptr;
-    ASSERT_EQ(semantic_vector_indexing_system_search_similar_orve512_batch(sys(), &bq), 0);
-    EXPECT_EQ(results[0].node_id, search(orve_test::int8_query(queries.data(), 2))[0].node_id);
-    // A query that finds fewer than k: the rest of its block is zero bytes.
-    bq.min_similarity = 0.99f;
-    ASSERT_EQ(semantic_vector_indexing_system_search_similar_orve512_batch(sys(), &bq), 0);
-    vector_similarity_result zero;
-    std::memset(&zero, 0, sizeof zero);
-    EXPECT_EQ(std::memcmp(&results[1], &zero, sizeof zero), 0);
-    // Bad arguments; and brute force refused after the drop fails the batch.
-    bq.k = 0;
+    orve512_batch_query bq{3, 0, -2.0f, 0, 0, queries.data(), results.data(), nullptr, 0, 0};
     EXPECT_EQ(semantic_vector_indexing_system_search_similar_orve512_batch(sys(), &bq), -1);
     bq.k = 2;
     EXPECT_EQ(semantic_vector_indexing_system_search_similar_orve512_batch(sys(), nullptr), -1);
+    // Counts are optional, on the pinned path and on brute force.
+    bq.use_ivf = bq.n_probe = 1;
+    EXPECT_EQ(semantic_vector_indexing_system_search_similar_orve512_batch(sys(), &bq), 0);
     semantic_vector_indexing_system_destroy_ivf(sys());
+    EXPECT_EQ(semantic_vector_indexing_system_search_similar_orve512_batch(sys(), &bq), 0);
     ASSERT_EQ(semantic_vector_indexing_system_evict_flat_slab(sys()), 0);
     testing::internal::CaptureStderr();
     EXPECT_EQ(semantic_vector_indexing_system_search_similar_orve512_batch(sys(), &bq), -1);
