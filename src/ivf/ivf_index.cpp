@@ -8,9 +8,6 @@
 
 namespace {
 
-// Row blocks start on a cache line so that every 512-byte row does.
-constexpr std::size_t kRowAlignment = 64;
-
 // The codes, scales and norms of `count` quantised rows (the compacted rows, or the centroids),
 // each array held by its owner until the finished index takes it.
 struct quantised_rows {
@@ -21,7 +18,7 @@ struct quantised_rows {
     // False when any of the three arrays cannot be allocated.
     bool allocate(uint32_t count) {
         codes = orve::c_aligned_array<int8_t>(static_cast<std::size_t>(count) * orve::kCodeBytes,
-                                              kRowAlignment);
+                                              orve::kRowAlignment);
         if (!codes) return false;
         scales = orve::c_alloc_array<float>(count);
         if (!scales) return false;
