@@ -138,7 +138,17 @@ void release_hivf_rows_locked(semantic_vector_indexing_system* sys) {
     hivf_live_release(sys->live_hivf.exchange(copy, std::memory_order_acq_rel));
 }
 
-void attach(semantic_vector_indexing_system* sys, paged_attachment* fresh, bool release_rows) {
+// Opens the paged file at `path` and makes it the object's paged index, releasing the one it
+// replaces (and, when asked, the published H-IVF's rows). 0, or -1 with nothing changed when the
+// file does not open or its holder cannot be allocated.
+int open_and_attach(semantic_vector_indexing_system* sys, const char* path, bool release_rows) {
+    orve_ivf_paged_index* handle = nullptr;
+    if (orve_ivf_paged_open(path, &handle) != 0) return -1;
+    paged_attachment* fresh = orve::paged_attachment_wrap(handle);
+    if (fresh == nullptr) {
+        orve_ivf_paged_close(handle);
+        return -1;
+    }
     paged_attachment* old;
     {
         orve::object_lock guard(sys);
@@ -146,6 +156,7 @@ void attach(semantic_vector_indexing_system* sys, paged_attachment* fresh, bool 
         if (release_rows) release_hivf_rows_locked(sys);
     }
     orve::paged_attachment_release(old);
+    return 0;
 }
 
 }  // namespace
@@ -173,14 +184,7 @@ extern "C" ORVE_API int semantic_vector_indexing_system_build_ivf_paged(
     if (orve_ivf_paged_build(&holder->index, ids.get(), path) != 0) return -1;
     ids.reset();
 
-    orve_ivf_paged_index* handle = nullptr;
-    if (orve_ivf_paged_open(path, &handle) != 0) return -1;
-    paged_attachment* fresh = orve::paged_attachment_wrap(handle);
-    if (fresh == nullptr) {
-        orve_ivf_paged_close(handle);
-        return -1;
-    }
-    attach(sys, fresh, true);
+    if (open_and_attach(sys, path, true) != 0) return -1;
     std::fputs("[IVF_PAGED] paged index active \u2014 compacted slabs freed\n", stderr);
     return 0;
 }
@@ -188,15 +192,7 @@ extern "C" ORVE_API int semantic_vector_indexing_system_build_ivf_paged(
 extern "C" ORVE_API int semantic_vector_indexing_system_open_ivf_paged(
     semantic_vector_indexing_system* sys, const char* path) {
     if (sys == nullptr || path == nullptr || !sys->initialized) return -1;
-    orve_ivf_paged_index* handle = nullptr;
-    if (orve_ivf_paged_open(path, &handle) != 0) return -1;
-    paged_attachment* fresh = orve::paged_attachment_wrap(handle);
-    if (fresh == nullptr) {
-        orve_ivf_paged_close(handle);
-        return -1;
-    }
-    attach(sys, fresh, false);
-    return 0;
+    return open_and_attach(sys, path, false);
 }
 
 extern "C" ORVE_API void semantic_vector_indexing_system_drop_ivf_paged_cache(

@@ -44,7 +44,7 @@ struct semantic_vector_indexing_system {
 
 namespace orve {
 
-constexpr uint32_t kMaxCapacity = 1100000;
+constexpr uint32_t kMaxCapacity = ORVE_MAX_CAPACITY;
 // The legacy LSH and clustering indexes hold the hashed text embeddings.
 constexpr int kLegacyDim = ORVE_HASHED_EMBEDDING_DIM;
 constexpr int kLshHashes = 8;

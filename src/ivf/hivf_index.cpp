@@ -24,7 +24,8 @@ struct member_buffers {
     uint32_t count = 0;
 
     bool allocate(uint32_t n, bool with_rows) {
-        codes = orve::c_aligned_array<int8_t>(static_cast<std::size_t>(n) * kCodeBytes, 64);
+        codes = orve::c_aligned_array<int8_t>(static_cast<std::size_t>(n) * kCodeBytes,
+                                              orve::kRowAlignment);
         scales = orve::c_alloc_array<float>(n);
         norms = orve::c_alloc_array<float>(n);
         ids = orve::c_alloc_array<uint32_t>(n);
@@ -99,8 +100,8 @@ int build_leaf_i8(const int8_t* codes, const float* scales, const float* norms, 
                   uint32_t k2, uint32_t leaf_seed, orve_ivf_index* leaf) {
     orve::c_unique<float[]> centroids =
         orve::c_alloc_array<float>(static_cast<std::size_t>(k2) * kCodeBytes);
-    orve::c_unique<int8_t[]> centroid_codes =
-        orve::c_aligned_array<int8_t>(static_cast<std::size_t>(k2) * kCodeBytes, 64);
+    orve::c_unique<int8_t[]> centroid_codes = orve::c_aligned_array<int8_t>(
+        static_cast<std::size_t>(k2) * kCodeBytes, orve::kRowAlignment);
     orve::c_unique<uint32_t[]> assignment = orve::c_alloc_array<uint32_t>(m);
     if (!centroids || !centroid_codes || !assignment) return -1;
     if (orve::kmeans_i8_train(codes, scales, m, k2, leaf_seed, centroids.get(),
@@ -144,8 +145,8 @@ bool build_level1_i8(const int8_t* codes, const float* scales, uint32_t n, uint3
     orve::c_unique<uint32_t[]> assignment = orve::c_alloc_array<uint32_t>(n);
     orve::c_unique<float[]> centroids =
         orve::c_alloc_array<float>(static_cast<std::size_t>(b1) * kCodeBytes);
-    orve::c_unique<int8_t[]> centroid_codes =
-        orve::c_aligned_array<int8_t>(static_cast<std::size_t>(b1) * kCodeBytes, 64);
+    orve::c_unique<int8_t[]> centroid_codes = orve::c_aligned_array<int8_t>(
+        static_cast<std::size_t>(b1) * kCodeBytes, orve::kRowAlignment);
     if (!assignment || !centroids || !centroid_codes) return false;
     if (orve::kmeans_i8_train(codes, scales, n, b1, seed, centroids.get(), centroid_codes.get(),
                               assignment.get()) != 0) {

@@ -8,8 +8,24 @@
 
 namespace {
 
-// Row blocks start on a cache line so that every 512-byte row does.
-constexpr std::size_t kRowAlignment = 64;
+// The codes, scales and norms of `count` quantised rows (the compacted rows, or the centroids),
+// each array held by its owner until the finished index takes it.
+struct quantised_rows {
+    orve::c_unique<int8_t[]> codes;
+    orve::c_unique<float[]> scales;
+    orve::c_unique<float[]> norms;
+
+    // False when any of the three arrays cannot be allocated.
+    bool allocate(uint32_t count) {
+        codes = orve::c_aligned_array<int8_t>(static_cast<std::size_t>(count) * orve::kCodeBytes,
+                                              orve::kRowAlignment);
+        if (!codes) return false;
+        scales = orve::c_alloc_array<float>(count);
+        if (!scales) return false;
+        norms = orve::c_alloc_array<float>(count);
+        return static_cast<bool>(norms);
+    }
+};
 
 }  // namespace
 
@@ -47,49 +63,39 @@ int ivf_finish_index(uint32_t n, uint32_t n_buckets, const uint32_t* assignment,
         running += sizes[b];
     }
 
-    orve::c_unique<int8_t[]> row_codes =
-        orve::c_aligned_array<int8_t>(static_cast<std::size_t>(n) * kCodeBytes, kRowAlignment);
-    if (!row_codes) return -1;
-    orve::c_unique<float[]> row_scales = orve::c_alloc_array<float>(n);
-    if (!row_scales) return -1;
-    orve::c_unique<float[]> row_norms = orve::c_alloc_array<float>(n);
-    if (!row_norms) return -1;
+    quantised_rows rows;
+    if (!rows.allocate(n)) return -1;
     orve::c_unique<uint32_t[]> row_ids = orve::c_alloc_array<uint32_t>(n);
     if (!row_ids) return -1;
     for (uint32_t p = 0; p < n; ++p) {
         const uint32_t r = pairs[p].row;
         row_ids[p] = r;
-        std::memcpy(row_codes.get() + static_cast<std::size_t>(p) * kCodeBytes,
+        std::memcpy(rows.codes.get() + static_cast<std::size_t>(p) * kCodeBytes,
                     codes + static_cast<std::size_t>(r) * kCodeBytes, kCodeBytes);
-        row_scales[p] = scales[r];
-        row_norms[p] = norms[r];
+        rows.scales[p] = scales[r];
+        rows.norms[p] = norms[r];
     }
     pairs.reset();
 
-    orve::c_unique<int8_t[]> centroid_codes = orve::c_aligned_array<int8_t>(
-        static_cast<std::size_t>(n_buckets) * kCodeBytes, kRowAlignment);
-    if (!centroid_codes) return -1;
-    orve::c_unique<float[]> centroid_scales = orve::c_alloc_array<float>(n_buckets);
-    if (!centroid_scales) return -1;
-    orve::c_unique<float[]> centroid_norms = orve::c_alloc_array<float>(n_buckets);
-    if (!centroid_norms) return -1;
+    quantised_rows centroid_rows;
+    if (!centroid_rows.allocate(n_buckets)) return -1;
     for (uint32_t b = 0; b < n_buckets; ++b) {
         if (orve_quantize_float_vector_symmetric(
                 centroids + static_cast<std::size_t>(b) * kCodeBytes, ORVE512_DIM,
-                centroid_codes.get() + static_cast<std::size_t>(b) * kCodeBytes,
-                &centroid_scales[b], &centroid_norms[b]) != 0) {
+                centroid_rows.codes.get() + static_cast<std::size_t>(b) * kCodeBytes,
+                &centroid_rows.scales[b], &centroid_rows.norms[b]) != 0) {
             return -1;
         }
     }
 
     out->n_rows = n;
     out->n_buckets = n_buckets;
-    out->codes = row_codes.release();
-    out->row_scales = row_scales.release();
-    out->row_norms = row_norms.release();
-    out->centroid_codes = centroid_codes.release();
-    out->centroid_scales = centroid_scales.release();
-    out->centroid_norms = centroid_norms.release();
+    out->codes = rows.codes.release();
+    out->row_scales = rows.scales.release();
+    out->row_norms = rows.norms.release();
+    out->centroid_codes = centroid_rows.codes.release();
+    out->centroid_scales = centroid_rows.scales.release();
+    out->centroid_norms = centroid_rows.norms.release();
     out->bucket_offsets = offsets.release();
     out->bucket_sizes = sizes.release();
     out->row_ids = row_ids.release();

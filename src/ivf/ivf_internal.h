@@ -2,6 +2,7 @@
 // routing functions and the code that publishes and searches the indexes.
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 
 #include "semantic_vector_indexing.h"
@@ -76,6 +77,9 @@ int pick_kmeans_pp_indices_i8(const int8_t* codes, uint32_t n, uint32_t k, unsig
                               uint32_t* out);
 
 namespace orve {
+
+// Blocks of code rows start on a cache line so that every 512-byte row does.
+inline constexpr std::size_t kRowAlignment = 64;
 
 // Rounds of assignment and update in every k-means; there is no early stop.
 constexpr int kKmeansRounds = 25;

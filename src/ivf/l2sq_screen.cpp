@@ -170,7 +170,7 @@ bool nearest_by_neighbours(const float* x, const float* centroids, const l2sq_sc
 
 bool row_sketches::allocate(uint32_t n) {
     const uint32_t p = pad16(n);
-    codes = c_aligned_array<int8_t>(static_cast<std::size_t>(p) * kCodeBytes, 64);
+    codes = c_aligned_array<int8_t>(static_cast<std::size_t>(p) * kCodeBytes, kRowAlignment);
     code_sums = c_calloc_array<int32_t>(p);
     values = c_alloc_array<float>(static_cast<std::size_t>(p) * 5);
     usable = c_alloc_array<uint8_t>(n);

@@ -11,7 +11,7 @@ namespace orve {
 
 // The hash always reads this many components of a vector and of a hyperplane, whatever the
 // index's hyperplane stride, so an index with a shorter stride would read past its table.
-inline constexpr uint32_t kHashedDim = 128;
+inline constexpr uint32_t kHashedDim = ORVE_HASHED_EMBEDDING_DIM;
 
 // The scaled, clamped and truncated projection: the last step of every hash.
 uint64_t hash_of_projection(float dot, float offset);

@@ -13,7 +13,7 @@
 
 namespace {
 
-constexpr uint32_t kDefaultCapacity = 1100000;
+constexpr uint32_t kDefaultCapacity = ORVE_MAX_CAPACITY;  // the system object's default too
 constexpr float kEntryConfidence = 0.8f;
 
 // ORVE_VECTOR_CAPACITY as this index reads it: any positive base-10 value, cut to its low 32

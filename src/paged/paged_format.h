@@ -13,6 +13,8 @@
 #include <cstdint>
 #include <cstring>
 
+#include "quant/dot512_kernels.h"
+#include "semantic_vector_indexing.h"
 #include "util/little_endian.h"
 
 namespace orve::paged {
@@ -21,7 +23,7 @@ namespace orve::paged {
 inline constexpr uint8_t kMagic[8] = {0x00, 'O', 'R', 'V', 'E', 'V', 'F', 'P'};
 inline constexpr uint32_t kVersionWritten = 2;
 inline constexpr uint32_t kVersionNoNodeIds = 1;
-inline constexpr uint32_t kDim = 512;
+inline constexpr uint32_t kDim = ORVE512_DIM;
 
 inline constexpr uint64_t kPagedHeaderBytes = 72;
 inline constexpr uint64_t kHeaderVersion = 8;
@@ -30,7 +32,7 @@ inline constexpr uint64_t kHeaderB1 = 16;
 inline constexpr uint64_t kHeaderB2 = 20;
 inline constexpr uint64_t kHeaderRows = 24;
 
-inline constexpr uint64_t kCodeBytes = 512;      // one quantised vector
+using orve::kCodeBytes;                          // one quantised vector, as the kernels read it
 inline constexpr uint64_t kL1PairBytes = 8;      // float scale, float norm
 inline constexpr uint64_t kLeafTableBytes = 16;  // scale, norm, count, reserved
 inline constexpr uint64_t kLeafTableScale = 0;

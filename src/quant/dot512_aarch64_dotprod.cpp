@@ -30,6 +30,7 @@ int32_t dot64_sdot(const int8_t* a, const int8_t* b) {
     return vaddvq_s32(acc);
 }
 
+// Same loop as the x86 multi-query kernels, in this set's instructions and compiled for it alone.
 void dot512_sdot_multi(const int8_t* const* queries, const int8_t* rows, std::size_t n,
                        int32_t* out, std::size_t ld) {
     const int8_t* q0 = queries[0];

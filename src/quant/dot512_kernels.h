@@ -34,7 +34,8 @@ constexpr std::size_t kMultiQueries = 4;
 using dot512_multi_fn = void (*)(const int8_t* const* queries, const int8_t* rows, std::size_t n,
                                  int32_t* out, std::size_t ld);
 
-// Per-variant entry points; each is defined only in builds for its architecture.
+// Per-variant entry points; each is defined only in builds for its architecture. Every variant
+// declares the same three shapes by its own name, as each lives in a file compiled for its set.
 int32_t dot512_reference(const int8_t* a, const int8_t* b);
 void dot512_reference_many(const int8_t* q, const int8_t* rows, std::size_t n, int32_t* out);
 void dot512_reference_multi(const int8_t* const* queries, const int8_t* rows, std::size_t n,

@@ -1,7 +1,7 @@
 // AVX2 kernel. AVX2 has no signed x signed byte multiply, and the usual unsigned x signed
 // shortcut (vpmaddubsw) saturates its 16-bit pair sums when both inputs hold -128. So the bytes
 // are sign-extended to 16 bits and multiplied with vpmaddwd, which is exact for every pair.
-#include <immintrin.h>
+#include "quant/x86_lane_sums.h"
 
 #include "quant/dot512_kernels.h"
 
@@ -10,13 +10,6 @@ namespace {
 
 inline __m256i widen16(const int8_t* p) {
     return _mm256_cvtepi8_epi16(_mm_loadu_si128(reinterpret_cast<const __m128i*>(p)));
-}
-
-inline int32_t hsum_epi32(__m256i v) {
-    __m128i s = _mm_add_epi32(_mm256_castsi256_si128(v), _mm256_extracti128_si256(v, 1));
-    s = _mm_add_epi32(s, _mm_shuffle_epi32(s, _MM_SHUFFLE(1, 0, 3, 2)));
-    s = _mm_add_epi32(s, _mm_shuffle_epi32(s, _MM_SHUFFLE(2, 3, 0, 1)));
-    return _mm_cvtsi128_si32(s);
 }
 
 }  // namespace

@@ -1,13 +1,7 @@
 // AVX-512 VNNI kernel. vpdpbusd multiplies unsigned by signed bytes and accumulates without
 // saturation. Flipping the sign bit of one operand turns a signed byte x into the unsigned
 // x + 128, so sum(x * y) = vpdpbusd(x ^ 0x80, y) - 128 * sum(y): exact for all of int8.
-// GCC 12's AVX-512 headers initialise their "undefined" vectors from themselves, which its own
-// uninitialised-use warnings then flag inside the header (fixed in later releases).
-#if defined(__GNUC__) && !defined(__clang__)  // clang has no such group and would warn
-#pragma GCC diagnostic ignored "-Wuninitialized"
-#pragma GCC diagnostic ignored "-Wmaybe-uninitialized"
-#endif
-#include <immintrin.h>
+#include "quant/x86_lane_sums.h"
 
 #include "quant/dot512_kernels.h"
 
@@ -28,17 +22,9 @@ inline int32_t hsum_epi32(__m512i v) {
     return _mm_cvtsi128_si32(s);
 }
 
-// Adds pairs of vectors so that each 128-bit lane of the result holds [a, b, a, b] partial sums
-// (pair32), or [a, b, c, d] from two such (pair64); nothing goes through memory.
-inline __m512i pair32(__m512i a, __m512i b) {
-    return _mm512_add_epi32(_mm512_unpacklo_epi32(a, b), _mm512_unpackhi_epi32(a, b));
-}
-inline __m512i pair64(__m512i a, __m512i b) {
-    return _mm512_add_epi32(_mm512_unpacklo_epi64(a, b), _mm512_unpackhi_epi64(a, b));
-}
-
 }  // namespace
 
+// The AVX-VNNI kernel's steps at twice the width: a separate copy, as each is compiled for its set.
 int32_t dot512_avx512vnni(const int8_t* a, const int8_t* b) {
     const __m512i flip = _mm512_set1_epi8(static_cast<char>(0x80));
     __m512i acc0 = _mm512_setzero_si512(), acc1 = _mm512_setzero_si512();

@@ -1,6 +1,6 @@
 // AVX-VNNI kernel: the 256-bit form of the VNNI kernel, for processors that have VNNI but not
 // AVX-512. Same sign-flip identity: sum(x * y) = vpdpbusd(x ^ 0x80, y) - 128 * sum(y).
-#include <immintrin.h>
+#include "quant/x86_lane_sums.h"
 
 #include "quant/dot512_kernels.h"
 
@@ -11,15 +11,9 @@ inline __m256i load32(const int8_t* p) {
     return _mm256_loadu_si256(reinterpret_cast<const __m256i*>(p));
 }
 
-inline int32_t hsum_epi32(__m256i v) {
-    __m128i s = _mm_add_epi32(_mm256_castsi256_si128(v), _mm256_extracti128_si256(v, 1));
-    s = _mm_add_epi32(s, _mm_shuffle_epi32(s, _MM_SHUFFLE(1, 0, 3, 2)));
-    s = _mm_add_epi32(s, _mm_shuffle_epi32(s, _MM_SHUFFLE(2, 3, 0, 1)));
-    return _mm_cvtsi128_si32(s);
-}
-
 }  // namespace
 
+// The AVX-512 kernel's steps at half the width: a separate copy, as each is compiled for its set.
 int32_t dot512_avxvnni(const int8_t* a, const int8_t* b) {
     const __m256i flip = _mm256_set1_epi8(static_cast<char>(0x80));
     __m256i acc0 = _mm256_setzero_si256(), acc1 = _mm256_setzero_si256();
@@ -52,6 +46,7 @@ void dot512_avxvnni_many(const int8_t* q, const int8_t* rows, std::size_t n, int
     }
 }
 
+// Same loop as the other sets' multi-query kernels, each written in its own set's instructions.
 void dot512_avxvnni_multi(const int8_t* const* queries, const int8_t* rows, std::size_t n,
                           int32_t* out, std::size_t ld) {
     const __m256i flip = _mm256_set1_epi8(static_cast<char>(0x80));

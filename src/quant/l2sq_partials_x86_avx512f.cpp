@@ -1,11 +1,7 @@
 // AVX-512F partial sums: one 16-lane register holds exactly the 16 partial sums, and each
 // vfmadd231ps performs the same correctly rounded fused multiply-add on every lane as std::fmaf
 // does on one.
-#if defined(__GNUC__) && !defined(__clang__)  // clang has no such group and would warn
-#pragma GCC diagnostic ignored "-Wuninitialized"
-#pragma GCC diagnostic ignored "-Wmaybe-uninitialized"
-#endif
-#include <immintrin.h>
+#include "quant/x86_intrinsics.h"
 
 #include "quant/l2sq_partials.h"
 

@@ -65,6 +65,7 @@ void quantize_rows_neon(const float* in, std::size_t n, int8_t* codes, float* sc
         float m[kLanes];
         vst1q_f32(s, sum);
         vst1q_f32(m, max);
+        // Same finish as the other set's bulk kernel, kept per file so its own encode_row inlines.
         for (std::size_t j = 0; j < kLanes; ++j) {
             const float* x = rows + j * ORVE512_DIM;
             int8_t* out = codes + (k + j) * ORVE512_DIM;

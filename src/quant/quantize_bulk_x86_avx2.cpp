@@ -91,6 +91,7 @@ void quantize_rows_avx2(const float* in, std::size_t n, int8_t* codes, float* sc
         alignas(32) float m[kLanes];
         _mm256_store_ps(s, sum);
         _mm256_store_ps(m, max);
+        // Same finish as the other set's bulk kernel, kept per file so its own encode_row inlines.
         for (std::size_t j = 0; j < kLanes; ++j) {
             const float* x = rows + j * ORVE512_DIM;
             int8_t* out = codes + (k + j) * ORVE512_DIM;

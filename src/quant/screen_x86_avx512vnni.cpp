@@ -3,27 +3,28 @@
 // reduction turns the sixteen accumulators into the sixteen dot products at once.
 // vpdpbusd multiplies unsigned by signed bytes: a row byte r enters as r ^ 0x80 = r + 128, and
 // 128 x (sum of the centroid code) comes off at the end, which is exact for all of int8.
-#if defined(__GNUC__) && !defined(__clang__)  // clang has no such group and would warn
-#pragma GCC diagnostic ignored "-Wuninitialized"
-#pragma GCC diagnostic ignored "-Wmaybe-uninitialized"
-#endif
-#include <immintrin.h>
+#include "quant/x86_lane_sums.h"
 
+#include "quant/dot512_kernels.h"
 #include "quant/screen_kernels.h"
 
 namespace orve {
 namespace {
 
-// Adds pairs of vectors so that each 128-bit lane of the result holds [a, b, a, b] partial sums
-// (step 1), or [a, b, c, d] (step 2); written out so that nothing goes through memory.
-inline __m512i pair32(__m512i a, __m512i b) {
-    return _mm512_add_epi32(_mm512_unpacklo_epi32(a, b), _mm512_unpackhi_epi32(a, b));
-}
-inline __m512i pair64(__m512i a, __m512i b) {
-    return _mm512_add_epi32(_mm512_unpacklo_epi64(a, b), _mm512_unpackhi_epi64(a, b));
-}
+// After pair32 and pair64, adds the 128-bit lanes of two vectors pairwise, so that sixteen
+// accumulators reduce to their sixteen sums in one vector.
 inline __m512i pair128(__m512i a, __m512i b) {
     return _mm512_add_epi32(_mm512_shuffle_i32x4(a, b, 0x88), _mm512_shuffle_i32x4(a, b, 0xDD));
+}
+
+// One row piece (already sign-flipped) times the same piece of four centroid codes, into that
+// row's four accumulators.
+inline void row_times4(__m512i rv, __m512i c0, __m512i c1, __m512i c2, __m512i c3, __m512i& a0,
+                       __m512i& a1, __m512i& a2, __m512i& a3) {
+    a0 = _mm512_dpbusd_epi32(a0, rv, c0);
+    a1 = _mm512_dpbusd_epi32(a1, rv, c1);
+    a2 = _mm512_dpbusd_epi32(a2, rv, c2);
+    a3 = _mm512_dpbusd_epi32(a3, rv, c3);
 }
 
 }  // namespace
@@ -32,7 +33,7 @@ void screen_dots4_avx512vnni(const int8_t* const* rows, const int8_t* codes,
                              const int32_t* code_sums, uint32_t k4, int32_t* out, std::size_t ld) {
     const __m512i flip = _mm512_set1_epi8(static_cast<char>(0x80));
     for (uint32_t c0 = 0; c0 < k4; c0 += 4) {
-        const int8_t* cb = codes + static_cast<std::size_t>(c0) * 512;
+        const int8_t* cb = codes + static_cast<std::size_t>(c0) * kCodeBytes;
         // Sixteen named accumulators so they stay in registers (an array of them is spilled).
         __m512i a00 = _mm512_setzero_si512(), a01 = a00, a02 = a00, a03 = a00;
         __m512i a10 = a00, a11 = a00, a12 = a00, a13 = a00;
@@ -43,31 +44,19 @@ void screen_dots4_avx512vnni(const int8_t* const* rows, const int8_t* codes,
         const int8_t* r2 = rows[2];
         const int8_t* r3 = rows[3];
 #pragma GCC unroll 8
-        for (int j = 0; j < 512; j += 64) {
+        for (std::size_t j = 0; j < kCodeBytes; j += 64) {
             const __m512i c0v = _mm512_loadu_si512(cb + j);
-            const __m512i c1v = _mm512_loadu_si512(cb + 512 + j);
-            const __m512i c2v = _mm512_loadu_si512(cb + 1024 + j);
-            const __m512i c3v = _mm512_loadu_si512(cb + 1536 + j);
-            __m512i rv = _mm512_xor_si512(_mm512_loadu_si512(r0 + j), flip);
-            a00 = _mm512_dpbusd_epi32(a00, rv, c0v);
-            a01 = _mm512_dpbusd_epi32(a01, rv, c1v);
-            a02 = _mm512_dpbusd_epi32(a02, rv, c2v);
-            a03 = _mm512_dpbusd_epi32(a03, rv, c3v);
-            rv = _mm512_xor_si512(_mm512_loadu_si512(r1 + j), flip);
-            a10 = _mm512_dpbusd_epi32(a10, rv, c0v);
-            a11 = _mm512_dpbusd_epi32(a11, rv, c1v);
-            a12 = _mm512_dpbusd_epi32(a12, rv, c2v);
-            a13 = _mm512_dpbusd_epi32(a13, rv, c3v);
-            rv = _mm512_xor_si512(_mm512_loadu_si512(r2 + j), flip);
-            a20 = _mm512_dpbusd_epi32(a20, rv, c0v);
-            a21 = _mm512_dpbusd_epi32(a21, rv, c1v);
-            a22 = _mm512_dpbusd_epi32(a22, rv, c2v);
-            a23 = _mm512_dpbusd_epi32(a23, rv, c3v);
-            rv = _mm512_xor_si512(_mm512_loadu_si512(r3 + j), flip);
-            a30 = _mm512_dpbusd_epi32(a30, rv, c0v);
-            a31 = _mm512_dpbusd_epi32(a31, rv, c1v);
-            a32 = _mm512_dpbusd_epi32(a32, rv, c2v);
-            a33 = _mm512_dpbusd_epi32(a33, rv, c3v);
+            const __m512i c1v = _mm512_loadu_si512(cb + kCodeBytes + j);
+            const __m512i c2v = _mm512_loadu_si512(cb + 2 * kCodeBytes + j);
+            const __m512i c3v = _mm512_loadu_si512(cb + 3 * kCodeBytes + j);
+            row_times4(_mm512_xor_si512(_mm512_loadu_si512(r0 + j), flip), c0v, c1v, c2v, c3v, a00,
+                       a01, a02, a03);
+            row_times4(_mm512_xor_si512(_mm512_loadu_si512(r1 + j), flip), c0v, c1v, c2v, c3v, a10,
+                       a11, a12, a13);
+            row_times4(_mm512_xor_si512(_mm512_loadu_si512(r2 + j), flip), c0v, c1v, c2v, c3v, a20,
+                       a21, a22, a23);
+            row_times4(_mm512_xor_si512(_mm512_loadu_si512(r3 + j), flip), c0v, c1v, c2v, c3v, a30,
+                       a31, a32, a33);
         }
         // Transposing reduction: lane 4r + c ends up holding the dot of row r and centroid
         // c0 + c (the sum of all sixteen lanes of accumulator a<r><c>).
