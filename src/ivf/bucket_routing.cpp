@@ -4,6 +4,7 @@
 #include <cstdlib>
 
 #include "ivf/ivf_internal.h"
+#include "ivf/routing_query.h"
 #include "quant/cosine.h"
 #include "quant/kernel_table.h"
 #include "util/c_alloc.h"
@@ -103,16 +104,11 @@ extern "C" ORVE_API int orve_ivf_route_top_buckets(const orve_ivf_index* index, 
     const uint32_t nb = index->n_buckets;
     const uint32_t p = n_probe < nb ? n_probe : nb;
 
-    orve::c_unique<int8_t[]> qcode = orve::c_alloc_array<int8_t>(orve::kCodeBytes);
-    if (!qcode) return -1;
-    float qscale = 0.0f, qnorm = 0.0f;
-    if (orve_quantize_float_vector_symmetric(query, ORVE512_DIM, qcode.get(), &qscale, &qnorm) !=
-        0) {
-        return -1;
-    }
+    routing_query q;
+    if (!q.quantise(query)) return -1;
     orve::c_unique<ivf_scored_pair[]> pairs = orve::c_alloc_array<ivf_scored_pair>(nb);
     if (!pairs) return -1;
-    score_and_select(qcode.get(), qscale, qnorm, index->centroid_codes, index->centroid_scales,
+    score_and_select(q.code.get(), q.scale, q.norm, index->centroid_codes, index->centroid_scales,
                      index->centroid_norms, nb, p, pairs.get());
     for (uint32_t t = 0; t < p; ++t) out_buckets[t] = pairs[t].index;
     return 0;

@@ -3,6 +3,7 @@
 #include <cstdlib>
 
 #include "ivf/ivf_internal.h"
+#include "ivf/routing_query.h"
 #include "quant/cosine.h"
 #include "quant/dot512_kernels.h"
 #include "util/c_alloc.h"
@@ -25,16 +26,11 @@ extern "C" ORVE_API int orve_hivf_route_top_leaves(const orve_hivf_index* index,
     const uint32_t p1 = n_probe_l1 < b1 ? n_probe_l1 : b1;
     const uint32_t p2 = n_probe_l2 < b2 ? n_probe_l2 : b2;
 
-    orve::c_unique<int8_t[]> qcode = orve::c_alloc_array<int8_t>(orve::kCodeBytes);
-    if (!qcode) return -1;
-    float qscale = 0.0f, qnorm = 0.0f;
-    if (orve_quantize_float_vector_symmetric(query, ORVE512_DIM, qcode.get(), &qscale, &qnorm) !=
-        0) {
-        return -1;
-    }
+    routing_query q;
+    if (!q.quantise(query)) return -1;
     orve::c_unique<ivf_scored_pair[]> level1 = orve::c_alloc_array<ivf_scored_pair>(b1);
     if (!level1) return -1;
-    score_and_select(qcode.get(), qscale, qnorm, index->l1_centroid_codes,
+    score_and_select(q.code.get(), q.scale, q.norm, index->l1_centroid_codes,
                      index->l1_centroid_scales, index->l1_centroid_norms, b1, p1, level1.get());
     orve::c_unique<ivf_scored_pair[]> leaves = orve::c_alloc_array<ivf_scored_pair>(b2);
     if (!leaves) return -1;
@@ -52,7 +48,7 @@ extern "C" ORVE_API int orve_hivf_route_top_leaves(const orve_hivf_index* index,
             return -1;
         }
         const uint32_t take = p2 < nb ? p2 : nb;
-        score_and_select(qcode.get(), qscale, qnorm, e.centroid_codes, e.centroid_scales,
+        score_and_select(q.code.get(), q.scale, q.norm, e.centroid_codes, e.centroid_scales,
                          e.centroid_norms, nb, take, leaves.get());
         for (uint32_t t = 0; t < take; ++t) {
             out_l1[count] = i;
