@@ -1,5 +1,8 @@
 #include "quant/kernel_table.h"
 
+#include <cstdlib>
+#include <cstring>
+
 #include "util/cpu_features.h"
 
 namespace orve {
@@ -91,6 +94,19 @@ struct table_set {
 constexpr table_set kAvailable{{kPortable}, 1};
 #endif
 
+// ORVE_KERNELS=<set name> pins a set that the processor can run, so that the test suite can run
+// every search and build on every set, and a host that suspects one set can compare another's
+// answers; any other value, or none, leaves the fastest. Read once, with the probe.
+std::size_t chosen_table() {
+    const char* want = std::getenv("ORVE_KERNELS");
+    for (std::size_t i = 0; want != nullptr && i < kAvailable.n; ++i) {
+        if (std::strcmp(kAvailable.t[i].name, want) == 0) return i;
+    }
+    return kAvailable.n - 1;
+}
+
+const std::size_t kChosen = chosen_table();
+
 }  // namespace
 
 const kernel_table* kernel_tables_available(std::size_t* count) {
@@ -99,7 +115,7 @@ const kernel_table* kernel_tables_available(std::size_t* count) {
 }
 
 const kernel_table& kernels() {
-    return kAvailable.t[kAvailable.n - 1];
+    return kAvailable.t[kChosen];
 }
 
 }  // namespace orve

@@ -28,7 +28,7 @@ struct kernel_table {
 // portable one first, the fastest last. Sets *count.
 const kernel_table* kernel_tables_available(std::size_t* count);
 
-// The fastest available table.
+// The fastest available table, or the one ORVE_KERNELS names.
 const kernel_table& kernels();
 
 }  // namespace orve
