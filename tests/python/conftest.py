@@ -1,5 +1,5 @@
-"""Shared helpers of the orve Python tests: data, and independent numpy models of the library's
-int8 scoring and of exact float neighbours, used as the references for results."""
+"""Shared helpers of the orve Python tests: data, and exact float neighbours computed by numpy as
+the reference for results."""
 
 import threading
 
@@ -13,37 +13,6 @@ DIM = 512
 
 def unit_rows(rng, n):
     return rng.standard_normal((n, DIM)).astype(np.float32)
-
-
-def np_quantize(x):
-    """Reference int8 quantisation of rows of float32 (n, 512): codes, scales, norms,
-    computed in single precision the documented way (sequential sum of squares)."""
-    x = np.atleast_2d(np.asarray(x, dtype=np.float32))
-    m = np.abs(x).max(axis=1)
-    norms = np.sqrt(np.cumsum(x * x, axis=1, dtype=np.float32)[:, -1]).astype(np.float32)
-    small = m < np.float32(1e-12)
-    scales = np.where(small, np.float32(0), np.float32(127.0) / np.where(small, 1, m))
-    scales = scales.astype(np.float32)
-    codes = np.rint(np.clip((x * scales[:, None]).astype(np.float32), -127, 127)).astype(np.int8)
-    return codes, scales, norms
-
-
-def np_int8_cosines(query, rows_q):
-    """int8 cosine of one float32 query against quantised rows (codes, scales, norms)."""
-    codes, scales, norms = rows_q
-    qc, qs, qn = np_quantize(query)
-    dots = codes.astype(np.int32) @ qc[0].astype(np.int32)
-    d = ((qs[0] * scales).astype(np.float32) * qn[0]).astype(np.float32)
-    d = (d * norms).astype(np.float32)
-    with np.errstate(divide="ignore", invalid="ignore"):
-        return np.where(d > 0, dots.astype(np.float32) / d, np.float32(0)).astype(np.float32)
-
-
-def np_topk(scores, ids, k, min_similarity=-np.inf):
-    """Best k by score descending, ties to the lower row."""
-    keep = np.nonzero(scores >= np.float32(min_similarity))[0]
-    order = keep[np.lexsort((keep, -scores[keep]))][:k]
-    return np.asarray(ids)[order].astype(np.int64), scores[order]
 
 
 def exact_topk(rows, queries, k):

@@ -98,18 +98,12 @@ collected load(const std::string& p, int32_t* rc, size_t stop_at = 0, int32_t st
     return c;
 }
 
-class SidecarFile : public ::testing::Test {
-  protected:
-    void SetUp() override { ASSERT_FALSE(dir_.path().empty()); }
-    std::string path(const std::string& name) { return dir_.file(name); }
-    test_files::scratch_dir dir_;
-};
-
 // What load hands over from a file as it lies on disk (without changing it), and what the file
 // is once a handle has opened it and appended two rows: foreign or short headers start over,
 // reserved header bytes are kept, a torn last row is cut so the new rows keep their numbers,
 // and dead rows and rows with id 0 are skipped by load but keep their place.
-TEST_F(SidecarFile, LoadAndOpenThenAppendOnEveryKindOfFile) {
+TEST(SidecarFile, LoadAndOpenThenAppendOnEveryKindOfFile) {
+    test_files::scratch_dir dir;
     const bytes one_row = row(1, 1, vec(1));
     const bytes two_rows = cat({kFreshHeader, one_row, row(2, 1, vec(2))});
     const bytes torn = row(3, 1, vec(3));
@@ -147,7 +141,7 @@ TEST_F(SidecarFile, LoadAndOpenThenAppendOnEveryKindOfFile) {
     };
     for (const file_case& c : cases) {
         SCOPED_TRACE(c.name);
-        const std::string p = path(c.name);
+        const std::string p = dir.file(c.name);
         if (c.exists) write_file(p, c.on_disk);
         int32_t rc = -9;
         const collected got = load(p, &rc);
@@ -173,14 +167,15 @@ TEST_F(SidecarFile, LoadAndOpenThenAppendOnEveryKindOfFile) {
     }
     // The callback's stop value ends the walk and is returned.
     int32_t rc = -9;
-    EXPECT_EQ(load(path("dead and id 0"), &rc, 1, -3).ids, std::vector<uint32_t>{5});
+    EXPECT_EQ(load(dir.file("dead and id 0"), &rc, 1, -3).ids, std::vector<uint32_t>{5});
     EXPECT_EQ(rc, -3);
 }
 
 // One writer at a time: while a handle or an attachment holds the file, opening it again, from
 // this process or another, fails and leaves it untouched; close releases it.
-TEST_F(SidecarFile, SecondWriterIsRefusedUntilTheFirstCloses) {
-    const std::string p = path("locked.vec");
+TEST(SidecarFile, SecondWriterIsRefusedUntilTheFirstCloses) {
+    test_files::scratch_dir dir;
+    const std::string p = dir.file("locked.vec");
     orve_vec_sidecar* h = nullptr;
     ASSERT_EQ(orve_vec_sidecar_open(p.c_str(), &h), 0);
     ASSERT_EQ(orve_vec_sidecar_append(h, 1, vec(1).data()), 0);
@@ -216,11 +211,12 @@ TEST_F(SidecarFile, SecondWriterIsRefusedUntilTheFirstCloses) {
 
 // A directory, a missing directory and a pipe cannot hold a sidecar; load sees no rows in
 // them (and must not wait for a writer on the pipe).
-TEST_F(SidecarFile, UnusablePathsFailWithoutSideEffects) {
+TEST(SidecarFile, UnusablePathsFailWithoutSideEffects) {
+    test_files::scratch_dir dir;
     orve_vec_sidecar no_file{};
-    const std::string fifo = path("pipe");
+    const std::string fifo = dir.file("pipe");
     ASSERT_EQ(mkfifo(fifo.c_str(), 0600), 0);
-    for (const std::string& bad : {dir_.path(), dir_.file("missing/x.vec"), fifo}) {
+    for (const std::string& bad : {dir.path(), dir.file("missing/x.vec"), fifo}) {
         orve_vec_sidecar* sentinel = &no_file;
         EXPECT_EQ(orve_vec_sidecar_open(bad.c_str(), &sentinel), -1) << bad;
         EXPECT_EQ(sentinel, &no_file) << bad;

@@ -2,10 +2,7 @@
 // rather than by the code under test; the tests run on little-endian targets only.
 #pragma once
 
-#include <stdlib.h>
-
 #include <cstdint>
-#include <cstdio>
 #include <random>
 #include <string>
 #include <vector>
@@ -18,21 +15,9 @@ using bytes = std::vector<uint8_t>;
 
 using orve_test::scratch_dir;
 
-inline void write_file(const std::string& path, const bytes& b) {
-    if (FILE* f = std::fopen(path.c_str(), "wb")) {
-        if (!b.empty()) std::fwrite(b.data(), 1, b.size(), f);
-        std::fclose(f);
-    }
-}
-
-inline bytes read_file(const std::string& path) {
-    bytes b;
-    if (FILE* f = std::fopen(path.c_str(), "rb")) {
-        for (int c; (c = std::fgetc(f)) != EOF;) b.push_back(static_cast<uint8_t>(c));
-        std::fclose(f);
-    }
-    return b;
-}
+using test_files::file_exists;
+using test_files::read_file;
+using test_files::write_file;
 
 // Appends the raw bytes of n values.
 template <class T>

@@ -1,0 +1,42 @@
+// The bounded heap keeps the best scores; a candidate equal to the lowest kept score is refused,
+// so while the heap is full an equal score never displaces an earlier one.
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <vector>
+
+#include "util/topk_heap.h"
+
+namespace {
+
+TEST(TopkHeap, KeepsTheBestAndRefusesEqualsOnceFull) {
+    const struct {
+        std::vector<float> scores;   // offered in order, candidate i has id i + 1
+        std::vector<uint32_t> kept;  // ids, ascending
+    } cases[] = {
+        {{1, 1, 1, 1, 1}, {1, 2, 3}},
+        {{3, 2, 1, 0, 5, 4}, {1, 5, 6}},
+        {{0, 2, 2, 1, 2}, {2, 3, 5}},
+        {{2, 1, 2, 1, 1}, {1, 2, 3}},  // the 1s offered once full tie the lowest: refused
+        {{7}, {1}},
+    };
+    for (const auto& c : cases) {
+        std::vector<bf_topk_entry> heap(3);
+        uint32_t n = 0;
+        for (uint32_t i = 0; i < c.scores.size(); ++i) {
+            const bf_topk_entry e{c.scores[i], i + 1, 0, 0.0f, i};
+            bf_topk_heap_push(heap.data(), &n, 3, &e);
+        }
+        std::vector<uint32_t> ids;
+        for (uint32_t i = 0; i < n; ++i) ids.push_back(heap[i].node_id);
+        std::sort(ids.begin(), ids.end());
+        EXPECT_EQ(ids, c.kept) << c.scores.size();
+        for (uint32_t i = 1; i < n; ++i) EXPECT_GE(heap[i].score, heap[(i - 1) / 2].score);
+    }
+    uint32_t n = 0;
+    const bf_topk_entry e{1, 1, 0, 0.0f, 0};
+    bf_topk_heap_push(nullptr, &n, 0, &e);  // no room: nothing kept
+    EXPECT_EQ(n, 0u);
+}
+
+}  // namespace
