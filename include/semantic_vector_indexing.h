@@ -7,7 +7,10 @@
  *     negative codes named under "Return codes" for the functions that document them;
  *   - a null pointer argument is a failure (or a no-op for functions without a result);
  *   - every destroy / free / close function accepts null;
- *   - the library starts no threads, sets no errno and returns no error strings.
+ *   - the library starts no threads, sets no errno and returns no error strings;
+ *   - the int8 kernels are the fastest set the processor runs, chosen once at load; the
+ *     environment variable ORVE_KERNELS (portable, avx2, avx_vnni, avx512_vnni; portable, sdot
+ *     on aarch64) pins another the processor can run. Every set gives the same answers.
  *
  * Contents, in the order a host uses them:
  *   Version, limits and return codes
