@@ -252,6 +252,19 @@ int main(int argc, char** argv) {
     }
     std::printf("%zu rows, %.1f s per figure, %u hardware threads\n", rows, seconds,
                 std::thread::hardware_concurrency());
+    // With autogroup scheduling the kernel shares the cores out per session, not per thread:
+    // on a machine busy with other sessions, more threads here do not get more cores, and the
+    // on-core share printed with each figure falls as the thread count rises while the total
+    // stays put.
+    if (FILE* f = std::fopen("/proc/sys/kernel/sched_autogroup_enabled", "r")) {
+        int on = 0;
+        if (std::fscanf(f, "%d", &on) == 1 && on != 0) {
+            std::printf(
+                "the scheduler shares cores per session (autogroup): with other sessions "
+                "busy, this process's threads share one session's part\n");
+        }
+        std::fclose(f);
+    }
     std::vector<float> centres(256 * 512);
     rng r{7};
     for (float& x : centres) x = r.next();
