@@ -82,6 +82,9 @@ void scan_leaf(const probe& pr, const orve::dot512_many_fn many, uint64_t codes_
             const float score = orve::cosine_from_dot(dots[t], pr.q_scale, load_f32(scales + 4 * k),
                                                       pr.q_norm, load_f32(norms + 4 * k));
             if (score < pr.min_similarity) continue;
+            // What the heap would refuse is refused before the row's identifiers are read: a
+            // first-version file looks each one up in the caller's map, in no particular order.
+            if (*pr.found == pr.budget && (pr.budget == 0 || !(score > pr.heap[0].score))) continue;
             const uint32_t row = load_u32(row_ids + 4 * k);
             // A position the map does not cover names no node the caller knows; it is skipped
             // rather than read past the map (open does not bound positions).
