@@ -1,5 +1,6 @@
 // Many host threads searching one object: queries per second with 1, 2 and 4 threads on each
-// search path (brute force, IVF, H-IVF, the paged file), the p50 and p99 latency, and the same
+// search path (brute force, IVF, H-IVF, the paged file), the p50 and p99 latency, the CPU time
+// per query, the share of the run the threads were on a core and their sleeps, and the same
 // with one thread ingesting into the object meanwhile; then a brute-force batch of 64 queries
 // against the same 64 queries one at a time.
 //
@@ -7,6 +8,8 @@
 // figure; --batch-only prints only the batch figure).
 // An ingesting thread makes the IVF and H-IVF stale (their searches then brute-force), so the
 // ingester figures are taken on the paths that stay as they are: brute force and the paged file.
+#include <sys/resource.h>
+#include <time.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -52,12 +55,34 @@ struct path {
 struct figures {
     double qps;
     double p50_us, p99_us;
+    // What separates searches that wait on each other from a machine busy with other work: the
+    // CPU time a query takes (grows when threads fight over shared cache lines), the share of
+    // the run the searching threads spent on a core (low when other processes hold the cores
+    // or a search sleeps on a lock), and the sleeps a search itself chose per 1000 queries
+    // (voluntary context switches: a search blocked on a lock shows here).
+    double cpu_us_per_query;
+    double on_cpu_share;
+    double waits_per_1k;
 };
+
+double thread_cpu_seconds() {
+    timespec ts;
+    clock_gettime(CLOCK_THREAD_CPUTIME_ID, &ts);
+    return static_cast<double>(ts.tv_sec) + 1e-9 * static_cast<double>(ts.tv_nsec);
+}
+
+long voluntary_switches() {
+    rusage u;
+    getrusage(RUSAGE_THREAD, &u);
+    return u.ru_nvcsw;
+}
 
 // `threads` threads search with `p`'s settings for `seconds`, each cycling through the queries.
 figures run(semantic_vector_indexing_system* sys, const path& p, const std::vector<float>& queries,
             int threads, double seconds) {
     std::vector<std::vector<double>> lat(threads);
+    std::vector<double> cpu(threads);
+    std::vector<long> waits(threads);
     std::atomic<bool> stop{false};
     std::vector<std::thread> pool;
     const auto t0 = clock_type::now();
@@ -66,6 +91,8 @@ figures run(semantic_vector_indexing_system* sys, const path& p, const std::vect
             vector_similarity_query q = p.q;
             vector_similarity_result res[10];
             const std::size_t nq = queries.size() / 512;
+            const double cpu0 = thread_cpu_seconds();
+            const long waits0 = voluntary_switches();
             for (std::size_t i = t * 7; !stop.load(std::memory_order_relaxed); ++i) {
                 q.query_vector = &queries[(i % nq) * 512];
                 uint32_t n = 0;
@@ -76,6 +103,8 @@ figures run(semantic_vector_indexing_system* sys, const path& p, const std::vect
                 }
                 lat[t].push_back(seconds_since(s0) * 1e6);
             }
+            cpu[t] = thread_cpu_seconds() - cpu0;
+            waits[t] = voluntary_switches() - waits0;
         });
     }
     std::this_thread::sleep_for(std::chrono::duration<double>(seconds));
@@ -85,9 +114,20 @@ figures run(semantic_vector_indexing_system* sys, const path& p, const std::vect
     std::vector<double> all;
     for (const auto& l : lat) all.insert(all.end(), l.begin(), l.end());
     std::sort(all.begin(), all.end());
-    if (all.empty()) return {0, 0, 0};
-    return {all.size() / wall, all[all.size() / 2],
-            all[std::min(all.size() - 1, all.size() * 99 / 100)]};
+    if (all.empty()) return {0, 0, 0, 0, 0, 0};
+    double cpu_total = 0;
+    long waits_total = 0;
+    for (int t = 0; t < threads; ++t) {
+        cpu_total += cpu[t];
+        waits_total += waits[t];
+    }
+    const double n = static_cast<double>(all.size());
+    return {n / wall,
+            all[all.size() / 2],
+            all[std::min(all.size() - 1, all.size() * 99 / 100)],
+            cpu_total / n * 1e6,
+            cpu_total / (threads * wall),
+            static_cast<double>(waits_total) / n * 1000.0};
 }
 
 // Appends rows in small chunks at a steady pace until stopped or the object is full.
@@ -129,8 +169,10 @@ void thread_figures(semantic_vector_indexing_system* sys, const path& p,
         if (threads == 1) one = f.qps;
         std::printf(
             "%-12s %d thread%s: %9.1f queries/s (%.2fx one thread), p50 %8.0f us, p99 "
-            "%8.0f us\n",
-            p.name, threads, threads == 1 ? " " : "s", f.qps, f.qps / one, f.p50_us, f.p99_us);
+            "%8.0f us; %6.1f CPU us/query, on a core %3.0f%% of the time, %5.1f sleeps per 1000 "
+            "queries\n",
+            p.name, threads, threads == 1 ? " " : "s", f.qps, f.qps / one, f.p50_us, f.p99_us,
+            f.cpu_us_per_query, 100.0 * f.on_cpu_share, f.waits_per_1k);
     }
 }
 
@@ -210,6 +252,19 @@ int main(int argc, char** argv) {
     }
     std::printf("%zu rows, %.1f s per figure, %u hardware threads\n", rows, seconds,
                 std::thread::hardware_concurrency());
+    // With autogroup scheduling the kernel shares the cores out per session, not per thread:
+    // on a machine busy with other sessions, more threads here do not get more cores, and the
+    // on-core share printed with each figure falls as the thread count rises while the total
+    // stays put.
+    if (FILE* f = std::fopen("/proc/sys/kernel/sched_autogroup_enabled", "r")) {
+        int on = 0;
+        if (std::fscanf(f, "%d", &on) == 1 && on != 0) {
+            std::printf(
+                "the scheduler shares cores per session (autogroup): with other sessions "
+                "busy, this process's threads share one session's part\n");
+        }
+        std::fclose(f);
+    }
     std::vector<float> centres(256 * 512);
     rng r{7};
     for (float& x : centres) x = r.next();
@@ -262,7 +317,7 @@ int main(int argc, char** argv) {
     thread_figures(sys, brute, queries, seconds);
     thread_figures(sys, ivf, queries, seconds);
     thread_figures(sys, hivf, queries, seconds);
-    const double in_memory = run(sys, hivf, queries, 1, seconds).qps;
+    const figures in_memory = run(sys, hivf, queries, 1, seconds);
 
     char dir[] = "/tmp/orve_threads_XXXXXX";
     if (mkdtemp(dir) == nullptr) return 1;
@@ -270,11 +325,13 @@ int main(int argc, char** argv) {
     if (semantic_vector_indexing_system_build_ivf_paged(sys, file.c_str()) != 0) return 1;
     path paged{"paged", hivf.q};
     run(sys, paged, queries, 1, seconds);  // warms the mapping
-    const double warm = run(sys, paged, queries, 1, seconds).qps;
+    const figures warm = run(sys, paged, queries, 1, seconds);
     std::printf(
         "warm paged %9.1f queries/s, in-memory H-IVF %9.1f: paged time per query %.2fx "
-        "the in-memory one\n",
-        warm, in_memory, in_memory / warm);
+        "the in-memory one; in CPU time (which load from other processes does not stretch) "
+        "%.1f us against %.1f, %.2fx\n",
+        warm.qps, in_memory.qps, in_memory.qps / warm.qps, warm.cpu_us_per_query,
+        in_memory.cpu_us_per_query, warm.cpu_us_per_query / in_memory.cpu_us_per_query);
     thread_figures(sys, paged, queries, seconds);
 
     ingester_figures(sys, brute, queries, centres, rows, seconds);

@@ -57,8 +57,9 @@ struct probe {
     const uint8_t* base;
     const int8_t* query;
     float q_scale, q_norm, min_similarity;
-    const uint32_t* id_map;  // null for version-2 files, which carry their node ids
-    uint32_t id_map_rows;    // entries in id_map
+    const uint8_t* id_map;      // null for version-2 files, which carry their node ids
+    std::size_t id_map_stride;  // bytes from one entry of id_map to the next
+    uint32_t id_map_rows;       // entries in id_map
     bool with_node_ids;
     bf_topk_entry* heap;
     uint32_t* found;
@@ -81,11 +82,19 @@ void scan_leaf(const probe& pr, const orve::dot512_many_fn many, uint64_t codes_
             const float score = orve::cosine_from_dot(dots[t], pr.q_scale, load_f32(scales + 4 * k),
                                                       pr.q_norm, load_f32(norms + 4 * k));
             if (score < pr.min_similarity) continue;
+            // What the heap would refuse is refused before the row's identifiers are read: a
+            // first-version file looks each one up in the caller's map, in no particular order.
+            if (*pr.found == pr.budget && (pr.budget == 0 || !(score > pr.heap[0].score))) continue;
             const uint32_t row = load_u32(row_ids + 4 * k);
             // A position the map does not cover names no node the caller knows; it is skipped
             // rather than read past the map (open does not bound positions).
             if (!pr.with_node_ids && row >= pr.id_map_rows) continue;
-            const uint32_t node = pr.with_node_ids ? load_u32(node_ids + 4 * k) : pr.id_map[row];
+            uint32_t node;
+            if (pr.with_node_ids) {
+                node = load_u32(node_ids + 4 * k);
+            } else {
+                std::memcpy(&node, pr.id_map + pr.id_map_stride * row, sizeof node);
+            }
             const bf_topk_entry e{score, node, 0, 0.0f, row};
             bf_topk_heap_push(pr.heap, pr.found, pr.budget, &e);
         }
@@ -103,8 +112,9 @@ namespace orve::paged {
 
 int32_t search_mapped(const orve_ivf_paged_index* handle, uint32_t n_probe_l1, uint32_t n_probe_l2,
                       const int8_t* query_codes, bf_topk_entry* candidates, uint32_t* found,
-                      uint32_t budget, const uint32_t* id_map, uint32_t id_map_rows,
-                      float query_scale, float query_norm, float min_similarity) {
+                      uint32_t budget, const uint8_t* id_map, std::size_t id_map_stride,
+                      uint32_t id_map_rows, float query_scale, float query_norm,
+                      float min_similarity) {
     if (handle == nullptr || query_codes == nullptr || candidates == nullptr || found == nullptr)
         return -1;
     const uint32_t b1 = handle->b1;
@@ -122,6 +132,7 @@ int32_t search_mapped(const orve_ivf_paged_index* handle, uint32_t n_probe_l1, u
                    query_norm,
                    min_similarity,
                    with_node_ids ? nullptr : id_map,
+                   id_map_stride,
                    id_map_rows,
                    with_node_ids,
                    candidates,
@@ -188,6 +199,7 @@ extern "C" ORVE_API int32_t orve_ivf_paged_search(const orve_ivf_paged_index* ha
     // instead of being used as an index past the caller's map.
     const uint32_t map_rows = handle != nullptr ? handle->n_rows : 0;
     return orve::paged::search_mapped(handle, n_probe_l1, n_probe_l2, query_codes, candidates,
-                                      found, budget, id_map, map_rows, query_scale, query_norm,
+                                      found, budget, reinterpret_cast<const uint8_t*>(id_map),
+                                      sizeof *id_map, map_rows, query_scale, query_norm,
                                       min_similarity);
 }

@@ -4,6 +4,7 @@
 //
 // Rows come from the attachment's read-only mapping, so a query makes no system call per
 // candidate; a positional read serves only when the system refused the mapping.
+#include <bit>
 #include <cmath>
 #include <cstdlib>
 #include <cstring>
@@ -17,50 +18,121 @@ namespace {
 // Candidates scored side by side: each lane keeps its own sums in the one-candidate order, so
 // the scores are bit for bit those of scoring one candidate at a time (lane-wise products and
 // sums are the same IEEE operations, and nothing is fused), while the independent sums keep
-// the processor busy instead of waiting on one chain of additions.
+// the processor busy instead of waiting on one chain of additions. The vectors are two doubles
+// or four floats wide, the width every target's registers have, so the sums stay in registers.
 constexpr uint32_t kLanes = 8;
-typedef float lanes_f32 __attribute__((vector_size(kLanes * sizeof(float))));
-typedef double lanes_f64 __attribute__((vector_size(kLanes * sizeof(double))));
+typedef float quad_f32 __attribute__((vector_size(4 * sizeof(float))));
+typedef float pair_f32 __attribute__((vector_size(2 * sizeof(float))));
+typedef double pair_f64 __attribute__((vector_size(2 * sizeof(double))));
 
-// The rows of one group, value by value: row l's value i at [i][l] (16 KB).
+// The row an unused lane reads: zeros keep its sums defined (the loop has a fixed width).
+const float kZeroRow[ORVE512_DIM] = {};
+
+// The group's rows, one pointer per lane to 512 floats in this machine's order: straight into
+// the mapping where the file's little-endian values are that order, else into `own`, where a
+// row read or decoded for the lane is kept.
 struct lane_rows {
-    lanes_f32 v[ORVE512_DIM];
+    const float* row[kLanes];
+    float own[kLanes][ORVE512_DIM];
 };
 
 // Row `at`'s values into lane l; false when the file cannot give them back.
 bool fetch_row(const orve::sidecar_attachment* a, uint32_t at, lane_rows& rows, uint32_t l) {
     const uint8_t* bytes = orve::sidecar::mapped_values(a->mapped, at);
-    float read[ORVE512_DIM];
     if (bytes == nullptr) {
-        if (orve_vec_sidecar_read_row_floats(&a->file, at, read) != 0) return false;
-        for (int i = 0; i < ORVE512_DIM; ++i) rows.v[i][l] = read[i];
+        if (orve_vec_sidecar_read_row_floats(&a->file, at, rows.own[l]) != 0) return false;
+        rows.row[l] = rows.own[l];
         return true;
     }
-    for (int i = 0; i < ORVE512_DIM; ++i) rows.v[i][l] = orve::sidecar::load_f32(bytes + 4 * i);
+    if constexpr (std::endian::native == std::endian::little) {
+        // The values sit 8 bytes into a row of 2056 bytes after a 32-byte header, so they are
+        // always float-aligned in the page-aligned mapping.
+        rows.row[l] = reinterpret_cast<const float*>(bytes);
+    } else {
+        for (int i = 0; i < ORVE512_DIM; ++i)
+            rows.own[l][i] = orve::sidecar::load_f32(bytes + 4 * i);
+        rows.row[l] = rows.own[l];
+    }
     return true;
+}
+
+quad_f32 load_quad(const float* p) {
+    quad_f32 v;
+    std::memcpy(&v, p, sizeof v);
+    return v;
+}
+
+// Values i .. i + 3 of four rows, turned so that out[d] holds value i + d of each row: moves
+// only, so every value keeps its bits.
+inline __attribute__((always_inline)) void transpose4(const float* const* row, int i,
+                                                      quad_f32* out) {
+    const quad_f32 a = load_quad(row[0] + i), b = load_quad(row[1] + i);
+    const quad_f32 c = load_quad(row[2] + i), d = load_quad(row[3] + i);
+    const quad_f32 ab_lo = __builtin_shufflevector(a, b, 0, 4, 1, 5);
+    const quad_f32 ab_hi = __builtin_shufflevector(a, b, 2, 6, 3, 7);
+    const quad_f32 cd_lo = __builtin_shufflevector(c, d, 0, 4, 1, 5);
+    const quad_f32 cd_hi = __builtin_shufflevector(c, d, 2, 6, 3, 7);
+    out[0] = __builtin_shufflevector(ab_lo, cd_lo, 0, 1, 4, 5);
+    out[1] = __builtin_shufflevector(ab_lo, cd_lo, 2, 3, 6, 7);
+    out[2] = __builtin_shufflevector(ab_hi, cd_hi, 0, 1, 4, 5);
+    out[3] = __builtin_shufflevector(ab_hi, cd_hi, 2, 3, 6, 7);
 }
 
 // Exact cosine of the query against each filled lane, written into those candidates. qq is the
 // query's sum of squares, taken in the same order the one-candidate formula takes it.
 void score_lanes(const float* query, double qq, const lane_rows& rows, const uint32_t* which,
                  uint32_t lanes, bf_topk_entry* candidates) {
-    lanes_f64 qr_sum = {}, rr_sum = {};
-    for (int i = 0; i < ORVE512_DIM; ++i) {
-        const double q = query[i];
-        const lanes_f64 r = __builtin_convertvector(rows.v[i], lanes_f64);
-        qr_sum += q * r;
-        rr_sum += r * r;
+    static_assert(kLanes == 8 && ORVE512_DIM % 4 == 0);
+    // Lanes 2p and 2p + 1 in qr_sum[p] and rr_sum[p].
+    pair_f64 qr_sum[kLanes / 2] = {}, rr_sum[kLanes / 2] = {};
+    for (int i = 0; i < ORVE512_DIM; i += 4) {
+        quad_f32 t[2][4];  // t[h][d]: value i + d of lanes 4h .. 4h + 3
+        transpose4(rows.row, i, t[0]);
+        transpose4(rows.row + 4, i, t[1]);
+        for (int d = 0; d < 4; ++d) {
+            const double qs = query[i + d];
+            const pair_f64 q = {qs, qs};
+            for (int h = 0; h < 2; ++h) {
+                const pair_f32 v_lo = __builtin_shufflevector(t[h][d], t[h][d], 0, 1);
+                const pair_f32 v_hi = __builtin_shufflevector(t[h][d], t[h][d], 2, 3);
+                const pair_f64 lo = __builtin_convertvector(v_lo, pair_f64);
+                const pair_f64 hi = __builtin_convertvector(v_hi, pair_f64);
+                qr_sum[2 * h] += q * lo;
+                rr_sum[2 * h] += lo * lo;
+                qr_sum[2 * h + 1] += q * hi;
+                rr_sum[2 * h + 1] += hi * hi;
+            }
+        }
     }
     // Copied out once, so that the sums above stay in registers.
     double qr[kLanes], rr[kLanes];
-    std::memcpy(qr, &qr_sum, sizeof qr);
-    std::memcpy(rr, &rr_sum, sizeof rr);
+    std::memcpy(qr, qr_sum, sizeof qr);
+    std::memcpy(rr, rr_sum, sizeof rr);
     for (uint32_t l = 0; l < lanes; ++l) {
         if (qq > 0.0 && rr[l] > 0.0) {
             candidates[which[l]].score =
                 static_cast<float>(qr[l] / (std::sqrt(qq) * std::sqrt(rr[l])));
         }
     }
+}
+
+// Hints only: a prefetch changes no value read and never faults, even on a page not yet
+// mapped in.
+void prefetch_file_row(const semantic_vector_indexing_system* sys, uint32_t row) {
+    if (row < sys->capacity) __builtin_prefetch(orve::attachment_of(sys->sidecar)->file_row + row);
+}
+
+void prefetch_values(const semantic_vector_indexing_system* sys, const orve::sidecar_attachment* a,
+                     uint32_t row) {
+    const uint32_t at = orve::sidecar_file_row_of(sys, row);
+    if (at == orve::kNoFileRow) return;
+    const uint8_t* bytes = orve::sidecar::mapped_values(a->mapped, at);
+    if (bytes == nullptr) return;
+    // Every cache line the values touch: they start at no particular offset within a line.
+    for (uint32_t off = 0; off < orve::sidecar::kValueBytes; off += 64) {
+        __builtin_prefetch(bytes + off);
+    }
+    __builtin_prefetch(bytes + orve::sidecar::kValueBytes - 1);
 }
 
 }  // namespace
@@ -74,10 +146,19 @@ void rerank_from_sidecar(bf_topk_entry* candidates, uint32_t count, const float*
         const double q = query[i];
         qq += q * q;
     }
+    for (uint32_t c = 0; c < count && c < 2 * kLanes; ++c) {
+        prefetch_file_row(sys, candidates[c].row);
+    }
+    for (uint32_t c = 0; c < count && c < kLanes; ++c) prefetch_values(sys, a, candidates[c].row);
     lane_rows rows;
     uint32_t which[kLanes];
     uint32_t lanes = 0;
     for (uint32_t c = 0; c < count; ++c) {
+        // The candidates' rows lie scattered over a file far larger than any cache, and reading
+        // one row after the other would wait on memory row by row. The next group's rows are
+        // asked for while this group is read, and their row-table entries one group earlier.
+        if (c + 2 * kLanes < count) prefetch_file_row(sys, candidates[c + 2 * kLanes].row);
+        if (c + kLanes < count) prefetch_values(sys, a, candidates[c + kLanes].row);
         // A row the file does not hold, or cannot give back, keeps its int8 score and still
         // takes part in the order.
         const uint32_t at = orve::sidecar_file_row_of(sys, candidates[c].row);
@@ -89,10 +170,7 @@ void rerank_from_sidecar(bf_topk_entry* candidates, uint32_t count, const float*
         }
     }
     if (lanes != 0) {
-        // The unused lanes are summed too (the loop has a fixed width); zeros keep them defined.
-        for (uint32_t l = lanes; l < kLanes; ++l) {
-            for (int i = 0; i < ORVE512_DIM; ++i) rows.v[i][l] = 0.0f;
-        }
+        for (uint32_t l = lanes; l < kLanes; ++l) rows.row[l] = kZeroRow;
         score_lanes(query, qq, rows, which, lanes, candidates);
     }
     std::qsort(candidates, count, sizeof(bf_topk_entry), cmp_bf_topk_desc);
