@@ -444,6 +444,7 @@ void pick_by_groups(row_source rows, uint32_t n, uint32_t k, unsigned int* state
     double* to_pick = s.rest_lower.get();
     uint32_t* size = s.candidates.get();
     float pick_row[kCodeBytes], other_row[kCodeBytes], scratch[kCodeBytes];
+    const kernel_table& kernel = kernels();
 
     float largest = 0.0f;
     for (uint32_t i = 0; i < n; ++i) {
@@ -467,17 +468,19 @@ void pick_by_groups(row_source rows, uint32_t n, uint32_t k, unsigned int* state
         group_max[j] = 0.0;
         size[j] = 0;
         if (looked == 0) continue;
-        const bool bulk = looked > n / 32;
-        const float* lo = s.lo.get();
-        if (bulk) {
-            const row_sketches& rs = s.rows;
-            kernels().dot512_many(rs.code(pick), rs.codes.get(), n, s.row_dots.get());
-            kernels().screen_bounds(rs.point(pick), rs.columns(), s.row_dots.get(), s.lo.get());
-        }
+        // A row the triangle test cannot rule out goes through the int8 screen of the pick
+        // alone (one integer dot product), which rules out most of the rest before the float
+        // distance; screening every row at once would read all codes for every pick.
+        const row_sketches& rs = s.rows;
+        const int8_t* pick_code = rs.code(pick);
+        const sketch_point pick_point = rs.point(pick);
+        const sketch_columns columns = rs.columns();
         for (uint32_t i = 0; i < n; ++i) {
             const uint32_t g = owner[i];
             if (!look[g]) continue;
-            if (bulk ? !(lo[i] < d[i]) : to_pick[g] > 2.0 * distance_beyond(d[i]) + kDistSlack) {
+            if (to_pick[g] > 2.0 * distance_beyond(d[i]) + kDistSlack) continue;
+            if (!(screen_lower_one(pick_point, columns, i, kernel.dot512(pick_code, rs.code(i))) <
+                  d[i])) {
                 continue;
             }
             const float v = l2sq_512(rows.get(i, scratch), p);

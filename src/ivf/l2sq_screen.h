@@ -59,6 +59,28 @@ struct row_source {
         for (std::size_t l = 0; l < 512; ++l) scratch[l] = x[l] * f;
         return scratch;
     }
+    // sum[l] += row i's element l, the row read as get() reads it but never stored: each
+    // element is the same rounded product, added as it is formed.
+    void add_to(uint32_t i, float* __restrict sum) const {
+        const bool scaled = factor != nullptr && factor[i] >= 0.0f;
+        const float f = scaled ? factor[i] : 1.0f;
+        if (codes != nullptr) {
+            const int8_t* c = codes + static_cast<std::size_t>(i) * 512;
+            const float w = scales[i] > 0.0f ? 1.0f / scales[i] : 0.0f;
+            if (scaled) {
+                for (std::size_t l = 0; l < 512; ++l) sum[l] += (static_cast<float>(c[l]) * w) * f;
+            } else {
+                for (std::size_t l = 0; l < 512; ++l) sum[l] += static_cast<float>(c[l]) * w;
+            }
+            return;
+        }
+        const float* __restrict x = rows + static_cast<std::size_t>(i) * 512;
+        if (scaled) {
+            for (std::size_t l = 0; l < 512; ++l) sum[l] += x[l] * f;
+        } else {
+            for (std::size_t l = 0; l < 512; ++l) sum[l] += x[l];
+        }
+    }
 };
 
 // Int8 sketches of a block of float rows, with the norms the interval needs. Per-row values
