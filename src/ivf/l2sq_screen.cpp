@@ -430,19 +430,18 @@ void lower_distances(row_source rows, uint32_t n, uint32_t pick, float* d, l2sq_
 // triangle inequality gives |x - p| >= |p - c| - |x - c|, so when |p - c| exceeds twice the
 // largest true distance d[i] allows, p is strictly farther than c in float as well, for the
 // whole group of c at once. The groups' bounds only grow when rows join, and rows that leave
-// keep the old bound valid, if loose. The same test applies to each row of a group looked at,
-// with the row's own d[i]. Scratch comes from the screen's assignment arrays, unused until
-// the first assignment and the first centroid neighbour lists: last (the groups' lists), drift
-// (group bounds), pair_order (the lists' heads).
+// keep the old bound valid, if loose; a pass over a group's rows tightens it to their largest
+// d[i]. The same test applies to each row of a group looked at, with the row's own d[i].
+// Scratch comes from the screen's assignment arrays, unused until the first assignment and the
+// first centroid neighbour lists: last (owners), drift (group bounds), by_drift (flags),
+// rest_lower (the rows' thresholds), pair_dist (the groups' largest d[i] seen).
 void pick_by_groups(row_source rows, uint32_t n, uint32_t k, unsigned int* state, uint32_t* out,
                     float* d, l2sq_screen& s) {
-    // Each group is a list threaded through next[], so a pick visits only the rows of the
-    // groups near it: a row's update depends on that row alone and the group bounds are
-    // maxima, so the order rows are visited in changes nothing.
-    constexpr uint32_t kEnd = UINT32_MAX;
-    uint32_t* next = s.last.get();
-    uint32_t* head = s.pair_order.get();
+    uint32_t* owner = s.last.get();
     double* group_max = s.drift.get();
+    uint32_t* look = s.by_drift.get();
+    double* skip_below = s.rest_lower.get();
+    float* kept_max = s.pair_dist.get();
     float pick_row[kCodeBytes], other_row[kCodeBytes], scratch[kCodeBytes];
     const kernel_table& kernel = kernels();
     const row_sketches& rs = s.rows;
@@ -450,58 +449,55 @@ void pick_by_groups(row_source rows, uint32_t n, uint32_t k, unsigned int* state
 
     float largest = 0.0f;
     for (uint32_t i = 0; i < n; ++i) {
-        next[i] = i + 1 < n ? i + 1 : kEnd;
+        owner[i] = 0;
         largest = d[i] > largest ? d[i] : largest;
     }
     group_max[0] = largest;
-    head[0] = 0;
     for (uint32_t j = 1; j < k; ++j) {
         const uint32_t pick = kmeans_pp_draw(d, n, state);
         out[j] = pick;
         const float* p = rows.get(pick, pick_row);
+        bool any = false;
+        for (uint32_t g = 0; g < j; ++g) {
+            const double to_pick = distance_below(l2sq_512(p, rows.get(out[g], other_row)));
+            look[g] =
+                !(to_pick > 2.0 * distance_beyond(static_cast<float>(group_max[g])) + kDistSlack);
+            any = any || look[g];
+            // The per-row form of the test as one threshold on d[i]: a row is skipped when
+            // d[i] < skip_below, which implies to_pick > 2 distance_beyond(d[i]) + slack (the
+            // threshold is shrunk by a relative 1e-9 to cover its own rounding).
+            const double half = (to_pick - kDistSlack) / 2.0 - kDistSlack;
+            skip_below[g] = half > 0.0 ? (half * half * (1.0 - kEps) - kTau) * (1.0 - 1e-9) : -1.0;
+            kept_max[g] = 0.0f;
+        }
+        group_max[j] = 0.0;
+        if (!any) continue;
         // A row the triangle test cannot rule out goes through the int8 screen of the pick
         // alone (one integer dot product), which rules out most of the rest before the float
         // distance.
         const int8_t* pick_code = rs.code(pick);
         const sketch_point pick_point = rs.point(pick);
-        group_max[j] = 0.0;
-        head[j] = kEnd;
-        for (uint32_t g = 0; g < j; ++g) {
-            const double to_pick = distance_below(l2sq_512(p, rows.get(out[g], other_row)));
-            if (to_pick > 2.0 * distance_beyond(static_cast<float>(group_max[g])) + kDistSlack) {
+        for (uint32_t i = 0; i < n; ++i) {
+            const uint32_t g = owner[i];
+            if (!look[g]) continue;
+            if (static_cast<double>(d[i]) < skip_below[g] ||
+                !(screen_lower_one(pick_point, columns, i, kernel.dot512(pick_code, rs.code(i))) <
+                  d[i])) {
+                kept_max[g] = d[i] > kept_max[g] ? d[i] : kept_max[g];
                 continue;
             }
-            // The per-row form of the test above as one threshold on d[i]: a row is skipped
-            // when d[i] < skip_below, which implies to_pick > 2 distance_beyond(d[i]) + slack
-            // (the threshold is shrunk by a relative 1e-9 to cover its own rounding).
-            const double half = (to_pick - kDistSlack) / 2.0 - kDistSlack;
-            const double skip_below =
-                half > 0.0 ? (half * half * (1.0 - kEps) - kTau) * (1.0 - 1e-9) : -1.0;
-            uint32_t* link = &head[g];
-            float kept_max = 0.0f;
-            while (*link != kEnd) {
-                const uint32_t i = *link;
-                if (static_cast<double>(d[i]) < skip_below ||
-                    !(screen_lower_one(pick_point, columns, i,
-                                       kernel.dot512(pick_code, rs.code(i))) < d[i])) {
-                    kept_max = d[i] > kept_max ? d[i] : kept_max;
-                    link = &next[i];
-                    continue;
-                }
-                const float v = l2sq_512(rows.get(i, scratch), p);
-                if (!(d[i] > v)) {
-                    kept_max = d[i] > kept_max ? d[i] : kept_max;
-                    link = &next[i];
-                    continue;
-                }
+            const float v = l2sq_512(rows.get(i, scratch), p);
+            if (d[i] > v) {
                 d[i] = v;
+                owner[i] = j;
                 if (v > group_max[j]) group_max[j] = v;
-                *link = next[i];  // the row moves to the pick's group
-                next[i] = head[j];
-                head[j] = i;
+            } else {
+                kept_max[g] = d[i] > kept_max[g] ? d[i] : kept_max[g];
             }
-            // Every row left in the group was seen, so its bound tightens to their largest d.
-            group_max[g] = kept_max;
+        }
+        // Every row left in a group looked at was seen, so its bound tightens to their largest d.
+        for (uint32_t g = 0; g < j; ++g) {
+            if (look[g]) group_max[g] = kept_max[g];
         }
     }
 }
