@@ -84,9 +84,7 @@ int train(row_source raw, uint32_t n, uint32_t k, uint32_t seed, float* centroid
         for (uint32_t i = 0; i < n; ++i) {
             const uint32_t c = assignment[i];
             ++counts[c];
-            const float* __restrict x = work.get(i, scratch);
-            float* __restrict s = sums.get() + c * row_floats;
-            for (std::size_t l = 0; l < row_floats; ++l) s[l] += x[l];
+            work.add_to(i, sums.get() + c * row_floats);
         }
 
         for (uint32_t c = 0; c < k; ++c) {

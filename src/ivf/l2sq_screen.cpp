@@ -430,20 +430,22 @@ void lower_distances(row_source rows, uint32_t n, uint32_t pick, float* d, l2sq_
 // triangle inequality gives |x - p| >= |p - c| - |x - c|, so when |p - c| exceeds twice the
 // largest true distance d[i] allows, p is strictly farther than c in float as well, for the
 // whole group of c at once. The groups' bounds only grow when rows join, and rows that leave
-// keep the old bound valid, if loose. When the groups looked at hold many rows, the int8
-// screen over all rows (as in lower_distances) is cheaper than float distances for them, and
-// only the rows of those groups that it cannot rule out get one. Scratch comes from the
-// screen's assignment arrays, unused until the first assignment: last (owners), drift (group
-// bounds), by_drift (flags), rest_lower (the group's distance to the pick), candidates (group
-// sizes).
+// keep the old bound valid, if loose; a pass over a group's rows tightens it to their largest
+// d[i]. The same test applies to each row of a group looked at, with the row's own d[i].
+// Scratch comes from the screen's assignment arrays, unused until the first assignment and the
+// first centroid neighbour lists: last (owners), drift (group bounds), by_drift (flags),
+// rest_lower (the rows' thresholds), pair_dist (the groups' largest d[i] seen).
 void pick_by_groups(row_source rows, uint32_t n, uint32_t k, unsigned int* state, uint32_t* out,
                     float* d, l2sq_screen& s) {
     uint32_t* owner = s.last.get();
     double* group_max = s.drift.get();
     uint32_t* look = s.by_drift.get();
-    double* to_pick = s.rest_lower.get();
-    uint32_t* size = s.candidates.get();
+    double* skip_below = s.rest_lower.get();
+    float* kept_max = s.pair_dist.get();
     float pick_row[kCodeBytes], other_row[kCodeBytes], scratch[kCodeBytes];
+    const kernel_table& kernel = kernels();
+    const row_sketches& rs = s.rows;
+    const sketch_columns columns = rs.columns();
 
     float largest = 0.0f;
     for (uint32_t i = 0; i < n; ++i) {
@@ -451,43 +453,51 @@ void pick_by_groups(row_source rows, uint32_t n, uint32_t k, unsigned int* state
         largest = d[i] > largest ? d[i] : largest;
     }
     group_max[0] = largest;
-    size[0] = n;
     for (uint32_t j = 1; j < k; ++j) {
         const uint32_t pick = kmeans_pp_draw(d, n, state);
         out[j] = pick;
         const float* p = rows.get(pick, pick_row);
-        std::size_t looked = 0;
+        bool any = false;
         for (uint32_t g = 0; g < j; ++g) {
-            const double below = distance_below(l2sq_512(p, rows.get(out[g], other_row)));
-            to_pick[g] = below;
+            const double to_pick = distance_below(l2sq_512(p, rows.get(out[g], other_row)));
             look[g] =
-                !(below > 2.0 * distance_beyond(static_cast<float>(group_max[g])) + kDistSlack);
-            if (look[g]) looked += size[g];
+                !(to_pick > 2.0 * distance_beyond(static_cast<float>(group_max[g])) + kDistSlack);
+            any = any || look[g];
+            // The per-row form of the test as one threshold on d[i]: a row is skipped when
+            // d[i] < skip_below, which implies to_pick > 2 distance_beyond(d[i]) + slack (the
+            // threshold is shrunk by a relative 1e-9 to cover its own rounding).
+            const double half = (to_pick - kDistSlack) / 2.0 - kDistSlack;
+            skip_below[g] = half > 0.0 ? (half * half * (1.0 - kEps) - kTau) * (1.0 - 1e-9) : -1.0;
+            kept_max[g] = 0.0f;
         }
         group_max[j] = 0.0;
-        size[j] = 0;
-        if (looked == 0) continue;
-        const bool bulk = looked > n / 32;
-        const float* lo = s.lo.get();
-        if (bulk) {
-            const row_sketches& rs = s.rows;
-            kernels().dot512_many(rs.code(pick), rs.codes.get(), n, s.row_dots.get());
-            kernels().screen_bounds(rs.point(pick), rs.columns(), s.row_dots.get(), s.lo.get());
-        }
+        if (!any) continue;
+        // A row the triangle test cannot rule out goes through the int8 screen of the pick
+        // alone (one integer dot product), which rules out most of the rest before the float
+        // distance.
+        const int8_t* pick_code = rs.code(pick);
+        const sketch_point pick_point = rs.point(pick);
         for (uint32_t i = 0; i < n; ++i) {
             const uint32_t g = owner[i];
             if (!look[g]) continue;
-            if (bulk ? !(lo[i] < d[i]) : to_pick[g] > 2.0 * distance_beyond(d[i]) + kDistSlack) {
+            if (static_cast<double>(d[i]) < skip_below[g] ||
+                !(screen_lower_one(pick_point, columns, i, kernel.dot512(pick_code, rs.code(i))) <
+                  d[i])) {
+                kept_max[g] = d[i] > kept_max[g] ? d[i] : kept_max[g];
                 continue;
             }
             const float v = l2sq_512(rows.get(i, scratch), p);
             if (d[i] > v) {
                 d[i] = v;
-                --size[g];
-                ++size[j];
                 owner[i] = j;
                 if (v > group_max[j]) group_max[j] = v;
+            } else {
+                kept_max[g] = d[i] > kept_max[g] ? d[i] : kept_max[g];
             }
+        }
+        // Every row left in a group looked at was seen, so its bound tightens to their largest d.
+        for (uint32_t g = 0; g < j; ++g) {
+            if (look[g]) group_max[g] = kept_max[g];
         }
     }
 }

@@ -81,6 +81,18 @@ float screen_bounds_generic(const sketch_point& x, const sketch_columns& y, cons
     for (int j = 0; j < 16; ++j) best = hmin[j] < best ? hmin[j] : best;
     return best;
 }
+
+// The lower bound screen_bounds writes for one row c of y, by the same float operations.
+inline float screen_lower_one(const sketch_point& x, const sketch_columns& y, uint32_t c,
+                              int32_t dot) {
+    const float cross = static_cast<float>(dot) * (x.inv_scale * y.inv_scale[c]);
+    const float a = (x.norm2 + y.norm2[c]) - 2.0f * cross;
+    const float m = (x.norm2 + y.norm2[c]) + 2.0f * (x.hat_norm * y.hat_norm[c]);
+    const float w =
+        2.0f * (x.hat_norm * y.err_norm[c] + x.err_norm * y.norm[c]) + kScreenRel * m + kScreenAbs;
+    return (a - w) * (1.0f - kScreenRel) - kScreenAbs;
+}
+
 }  // namespace
 
 float screen_bounds_portable(const sketch_point& x, const sketch_columns& y, const int32_t* dots,

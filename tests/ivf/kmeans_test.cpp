@@ -4,6 +4,7 @@
 #include <stdlib.h>
 
 #include <algorithm>
+#include <cmath>
 #include <cstring>
 #include <vector>
 
@@ -42,6 +43,38 @@ TEST(KmeansPlusPlus, WeightedPickFollowsTheRunningSum) {
     }
     EXPECT_GT(to_row1, 0);
     EXPECT_GT(to_row2, 0);
+}
+
+TEST(KmeansPlusPlus, DrawEqualsOneRunningSumOverManyRows) {
+    // The draw as one plain pass: the first running sum at least the target.
+    const auto plain = [](const std::vector<float>& d, unsigned int* state) -> uint32_t {
+        double total = 0.0;
+        for (float v : d) total += v;
+        if (total <= 1e-30) return static_cast<uint32_t>(rand_r(state) % d.size());
+        const double target = static_cast<double>(rand_r(state)) / 2147483647.0 * total;
+        double running = 0.0;
+        for (std::size_t i = 0; i < d.size(); ++i) {
+            running += d[i];
+            if (running >= target) return static_cast<uint32_t>(i);
+        }
+        return static_cast<uint32_t>(d.size() - 1);
+    };
+    std::vector<float> spread(5000), zeros(4099, 0.0f), negative(3000), nan(2500);
+    for (std::size_t i = 0; i < spread.size(); ++i) spread[i] = (i % 97 == 0) ? 1e6f : 1e-3f * i;
+    // Blocks of three rows here: the sum crosses a target inside block 499 and falls below it
+    // again by the block's end.
+    for (std::size_t i = 0; i < negative.size(); ++i) {
+        negative[i] = i == 1497 ? 1e6f : (i == 1499 ? -1e6f : 1.0f);
+    }
+    for (std::size_t i = 0; i < nan.size(); ++i) nan[i] = i == 1200 ? NAN : 1.0f;
+    for (const auto* d : {&spread, &zeros, &negative, &nan}) {
+        for (unsigned seed = 1; seed < 60; ++seed) {
+            unsigned int a = seed, b = seed;
+            EXPECT_EQ(orve::kmeans_pp_draw(d->data(), static_cast<uint32_t>(d->size()), &a),
+                      plain(*d, &b));
+            EXPECT_EQ(a, b);
+        }
+    }
 }
 
 using builder = int (*)(const float*, uint32_t, uint32_t, uint32_t, const int8_t*, const float*,
