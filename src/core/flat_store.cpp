@@ -7,7 +7,6 @@
 #include "core/system.h"
 #include "quant/dot512_kernels.h"
 #include "util/c_alloc.h"
-#include "util/huge_pages.h"
 
 namespace {
 
@@ -62,11 +61,6 @@ extern "C" ORVE_API int orve_flat_index_ensure(semantic_vector_indexing_system* 
     auto norm = orve::c_calloc_array<float>(sys->capacity);
     auto valid = orve::c_calloc_array<uint8_t>(sys->capacity);
     if (!block || !scale || !norm || !valid) return -1;
-    // The code block is by far the largest array a load fills; the three per-row arrays
-    // (12 bytes a row) fault rarely enough on small pages.
-    orve::advise_huge_pages(
-        block.get(),
-        orve::kFlatHeaderBytes + static_cast<std::size_t>(sys->capacity) * orve::kCodeBytes);
     int8_t* slab = block.get() + orve::kFlatHeaderBytes;
     new (block.release()) flat_rows{{1}, slab, scale.get(), norm.get(), valid.get()};
     sys->row_scale = scale.release();

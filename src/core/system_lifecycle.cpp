@@ -6,7 +6,6 @@
 #include "core/sidecar_attachment.h"
 #include "core/system.h"
 #include "util/c_alloc.h"
-#include "util/huge_pages.h"
 
 namespace {
 
@@ -62,8 +61,6 @@ extern "C" ORVE_API int semantic_vector_indexing_system_create(
 
     sys->nodes = static_cast<indexed_node*>(std::calloc(sys->capacity, sizeof(indexed_node)));
     if (sys->nodes == nullptr) return -1;  // half-created: the mutex lives, destroy cleans up
-    orve::advise_huge_pages(sys->nodes,
-                            static_cast<std::size_t>(sys->capacity) * sizeof(indexed_node));
 
     if (create_legacy_indexes(sys) != 0) {
         semantic_vector_indexing_system_destroy(sys);
