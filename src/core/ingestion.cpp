@@ -139,14 +139,17 @@ void commit_block(semantic_vector_indexing_system* sys, const uint32_t* ids, uin
 
 // A load fills the code store and the node table front to back from row node_count on, and on
 // small pages every 8 rows' first touch of the store is a page fault (a profile put the faults
-// near the quantiser's own cost). Huge pages wholly inside the rows this load writes take one
-// fault per 2 MiB; rows outside it keep small pages, so resident memory still follows the rows
-// stored. One system call per array per load, none per row.
+// near the quantiser's own cost). Huge pages over the rows a large load writes take one fault
+// per 2 MiB; resident memory then runs ahead of the rows stored by at most one huge page per
+// array, and a small load (a row at a time, say) keeps small pages. One system call per array
+// per load, none per row.
 void advise_rows_ahead(semantic_vector_indexing_system* sys, uint32_t n) {
     const std::size_t r0 = sys->node_count;
-    orve::advise_huge_pages(sys->slab_i8 + r0 * orve::kCodeBytes,
+    const std::size_t cap = sys->capacity;
+    orve::advise_huge_pages(sys->slab_i8, cap * orve::kCodeBytes, r0 * orve::kCodeBytes,
                             std::size_t{n} * orve::kCodeBytes);
-    orve::advise_huge_pages(sys->nodes + r0, std::size_t{n} * sizeof(indexed_node));
+    orve::advise_huge_pages(sys->nodes, cap * sizeof(indexed_node), r0 * sizeof(indexed_node),
+                            std::size_t{n} * sizeof(indexed_node));
 }
 
 // Stores n rows from row node_count on: ids from `ids`, or the 1-based row positions when it is
