@@ -54,8 +54,8 @@ class IndexedSearch : public ::testing::Test {
     void build(uint32_t buckets, uint32_t seed, uint32_t b1 = 0, uint32_t b2 = 0,
                uint32_t l2_seed = 0) {
         ASSERT_EQ(semantic_vector_indexing_system_build_ivf(sys(), buckets, seed), 0);
-        if (b1)
-            ASSERT_EQ(semantic_vector_indexing_system_build_ivf_level2(sys(), b1, b2, l2_seed), 0);
+        if (b1 == 0) return;
+        ASSERT_EQ(semantic_vector_indexing_system_build_ivf_level2(sys(), b1, b2, l2_seed), 0);
     }
 
     system_block b;
@@ -238,7 +238,8 @@ TEST_F(IndexedSearch, ObjectBuildEqualsTheFloatBuildOnDequantisedRows) {
 // (copies of 60 rows, whose winners depend on the order candidates are offered in), a batch
 // whose dot products overflow what is held at once (answered in chunks), and a pinned index
 // whose routing refuses, after which the batch is answered again one query at a time over
-// buffers the failed attempt may have scribbled on.
+// buffers the failed attempt may have scribbled on. 4000 queries probing every row make more
+// dot products than one chunk holds (4 Mi).
 TEST_F(IndexedSearch, BatchMatchesSingleQueries) {
     ASSERT_EQ(semantic_vector_indexing_system_load_vectors_f32(sys(), vecs.data(), 60), 60);
     ASSERT_EQ(semantic_vector_indexing_system_build_ivf(sys(), 16, 9), 0);
@@ -247,17 +248,10 @@ TEST_F(IndexedSearch, BatchMatchesSingleQueries) {
         uint32_t n_queries, k, n_probe, repeat;  // query i is pool row (i % repeat)
         float min_similarity;
         bool routing_refuses;
-    } cases[] = {
-        {1, 10, 4, 40, -2.0f, false},
-        {7, 5, 3, 40, -2.0f, false},
-        {37, 20, 16, 40, -2.0f, false},
-        {13, 1, 1, 5, -2.0f, false},
-        {9, 64, 99, 3, 0.05f, false},
-        {20, 300, 6, 40, -2.0f, false},
-        // Every row probed by 4000 queries: more dot products than one chunk holds (4 Mi).
-        {4000, 2, 99, 40, -2.0f, false},
-        {21, 300, 5, 40, 0.1f, true},
-    };
+    } cases[] = {{1, 10, 4, 40, -2.0f, false},    {7, 5, 3, 40, -2.0f, false},
+                 {37, 20, 16, 40, -2.0f, false},  {13, 1, 1, 5, -2.0f, false},
+                 {9, 64, 99, 3, 0.05f, false},    {20, 300, 6, 40, -2.0f, false},
+                 {4000, 2, 99, 40, -2.0f, false}, {21, 300, 5, 40, 0.1f, true}};
     orve_ivf_index& live = sys()->live_ivf.load()->index;
     int8_t* const centroids = live.centroid_codes;
     for (const Case& c : cases) {
