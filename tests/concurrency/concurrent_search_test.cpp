@@ -91,10 +91,8 @@ TEST(Concurrency, SearchesWhileRowsIndexesAndFilesChangeAndTheStoreIsDropped) {
             const bool after_drop = dropped.load();
             const uint32_t before = orve::load_node_count(sys);
             auto q = int8_query(&queries[qi * 512], kK);
-            q.use_ivf = path == 1;
-            q.use_hivf = path == 2;
-            q.n_probe = 3;
-            q.n_probe_l1 = q.n_probe_l2 = 2;
+            q.use_ivf = path == 1, q.use_hivf = path == 2;
+            q.n_probe = 3, q.n_probe_l1 = q.n_probe_l2 = 2;
             vector_similarity_result res[kK];
             uint32_t n = 0;
             const int rc = path == 3

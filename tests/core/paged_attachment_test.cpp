@@ -21,10 +21,7 @@ constexpr uint32_t kRows = 1100;
 
 vector_similarity_query hivf_query(const float* v, bool rerank) {
     auto q = orve_test::int8_query(v, 8);
-    q.use_hivf = 1;
-    q.n_probe_l1 = 2;
-    q.n_probe_l2 = 3;
-    q.rerank = rerank;
+    q.use_hivf = 1, q.n_probe_l1 = 2, q.n_probe_l2 = 3, q.rerank = rerank;
     return q;
 }
 

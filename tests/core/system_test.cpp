@@ -12,21 +12,14 @@ using orve_test::create_with_capacity;
 using orve_test::system_block;
 
 TEST(Capacity, ParsingRules) {
+    // Out of range or not a number: the default. Only the low 32 bits of a number count.
     const struct {
         const char* text;
         uint32_t want;
-    } table[] = {{nullptr, 1100000},
-                 {"500000", 500000},
-                 {"1", 1},
-                 {"1100000", 1100000},
-                 {"1100001", 1100000},
-                 {"0", 1100000},
-                 {"-5", 1100000},
-                 {"abc", 1100000},
-                 {"123abc", 123},
-                 {"  +77", 77},
-                 {"4294967297", 1},  // low 32 bits
-                 {"99999999999999999999", 1100000}};
+    } table[] = {{nullptr, 1100000},   {"500000", 500000},   {"1", 1},
+                 {"1100000", 1100000}, {"1100001", 1100000}, {"0", 1100000},
+                 {"-5", 1100000},      {"abc", 1100000},     {"123abc", 123},
+                 {"  +77", 77},        {"4294967297", 1},    {"99999999999999999999", 1100000}};
     for (const auto& t : table) EXPECT_EQ(orve::parse_capacity(t.text), t.want) << t.text;
 }
 

@@ -4,8 +4,6 @@
 // fail the same way (the IoFailure tests).
 #include <gtest/gtest.h>
 
-#include <cmath>
-#include <cstdlib>
 #include <cstring>
 #include <functional>
 #include <memory>
@@ -67,11 +65,10 @@ TEST(AllocFailure, IngestionLeavesNoTrace) {
             [&] {
                 auto* s = (b = std::make_unique<system_block>())->get();
                 EXPECT_EQ(create_with_capacity(s, "64"), 0);
-                for (uint32_t r = 0; r < c.preload; ++r) {
+                for (uint32_t r = 0; r < c.preload; ++r)
                     EXPECT_EQ(
                         semantic_vector_indexing_system_add_embedding_orve512(s, 9, vecs.data()),
                         0);
-                }
                 return s;
             },
             [&](sys_t* s) {
@@ -90,9 +87,7 @@ TEST(AllocFailure, IngestionLeavesNoTrace) {
                 const uint32_t kept = c.preload + (rc < 0 ? 0 : static_cast<uint32_t>(rc));
                 EXPECT_EQ(s->node_count, kept);
                 EXPECT_EQ(s->ingest_generation.load(), kept);
-                if (kept > 0) {  // no row store before the first row
-                    EXPECT_EQ(s->row_valid[kept], 0);
-                }
+                EXPECT_TRUE(kept == 0 || s->row_valid[kept] == 0);  // no row store before row 1
                 EXPECT_EQ(s->nodes[kept].node_id, 0u);
                 EXPECT_EQ(semantic_vector_indexing_system_add_embedding_orve512(s, 77, vecs.data()),
                           0);
@@ -194,7 +189,8 @@ int64_t file_size(const std::string& p) {
 // write carries many rows and a short one stops inside a row). Ingestion still succeeds, the
 // file keeps exactly the rows written before the failure, whole and each at its own position
 // (read back from its little-endian bytes), and re-ranking never scores a row with another
-// row's vector.
+// row's vector. A short write of seven rows ends inside the fourth; of 300, the second vector
+// (rows 256 on) stops halfway.
 TEST(IoFailure, FailedSidecarAppendLeavesAWholePrefixAndNoMisplacedRow) {
     const auto vecs = orve_test::gaussian_vectors(300, 61);
     const struct {
@@ -202,15 +198,10 @@ TEST(IoFailure, FailedSidecarAppendLeavesAWholePrefixAndNoMisplacedRow) {
         uint32_t rows;  // 0: seven single appends
         long nth;       // the failing write
         uint32_t kept;  // whole rows the file keeps
-    } cases[] = {
-        {io_failure::no_space, 0, 4, 3},
-        {io_failure::io_error, 0, 4, 3},
-        {io_failure::short_write, 0, 4, 3},
-        {io_failure::no_space, 7, 1, 0},
-        {io_failure::io_error, 7, 1, 0},
-        {io_failure::short_write, 7, 1, 3},      // half of seven rows ends inside the fourth
-        {io_failure::short_write, 300, 2, 278},  // the second vector (rows 256 on) stops halfway
-    };
+    } cases[] = {{io_failure::no_space, 0, 4, 3},       {io_failure::io_error, 0, 4, 3},
+                 {io_failure::short_write, 0, 4, 3},    {io_failure::no_space, 7, 1, 0},
+                 {io_failure::io_error, 7, 1, 0},       {io_failure::short_write, 7, 1, 3},
+                 {io_failure::short_write, 300, 2, 278}};
     for (const auto& c : cases) {
         SCOPED_TRACE(testing::Message()
                      << static_cast<int>(c.how) << " " << c.rows << " " << c.nth);
@@ -227,11 +218,10 @@ TEST(IoFailure, FailedSidecarAppendLeavesAWholePrefixAndNoMisplacedRow) {
                 EXPECT_EQ(semantic_vector_indexing_system_load_vectors_f32(sys, vecs.data(), total),
                           static_cast<int>(total));
             }
-            for (uint32_t r = 0; c.rows == 0 && r < total; ++r) {
+            for (uint32_t r = 0; c.rows == 0 && r < total; ++r)
                 EXPECT_EQ(semantic_vector_indexing_system_add_embedding_orve512(sys, r + 1,
                                                                                 &vecs[r * 512]),
                           0);
-            }
             ASSERT_TRUE(orve_test::disarm_io_failure());
             EXPECT_EQ(sys->node_count, total);
             for (uint32_t want : {1u, c.kept, c.kept + 1, total}) {
@@ -243,12 +233,11 @@ TEST(IoFailure, FailedSidecarAppendLeavesAWholePrefixAndNoMisplacedRow) {
                 ASSERT_EQ(semantic_vector_indexing_system_search_similar(sys, &q, res, &n), 0);
                 ASSERT_EQ(n, 6u);
                 EXPECT_EQ(res[0].node_id, want);
-                for (const auto& r : res) {
+                for (const auto& r : res)
                     EXPECT_NEAR(r.similarity,
                                 test_math::cosine512(q.query_vector, &vecs[(r.node_id - 1) * 512]),
                                 0.02)
                         << r.node_id;
-                }
             }
         }
         const std::vector<uint8_t> file = test_files::read_file(path);
@@ -279,10 +268,7 @@ TEST(IoFailure, PagedWriterFlushFailureKeepsThePreviousFile) {
     ASSERT_EQ(orve_hivf_build_i8(codes.data(), scales.data(), norms.data(), n, 2, 2, 1, &h), 0);
     orve_test::scratch_dir d;
     const std::string path = d.file("index.ivfp"), previous = "the index being served";
-    FILE* f = std::fopen(path.c_str(), "wb");
-    ASSERT_NE(f, nullptr);
-    std::fputs(previous.c_str(), f);
-    std::fclose(f);
+    test_files::write_file(path, {previous.begin(), previous.end()});
     for (io_call call : {io_call::msync, io_call::fdatasync}) {
         for (io_failure how : {io_failure::io_error, io_failure::no_space}) {
             SCOPED_TRACE(testing::Message()

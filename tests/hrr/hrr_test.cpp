@@ -92,16 +92,14 @@ TEST(HrrGolden, AtomsAndFacts) {
 
 TEST(HrrNormalize, ScalesToUnitLengthButLeavesNegligibleAndNanVectorsAlone) {
     // Component `index` set to `value` and component 511 to `v511`, the rest 0 (1 for the NaN
-    // case, which must come back untouched).
+    // case, which must come back untouched). A square of 1e-62 is below the threshold.
     const struct {
         int index;
         float value, want, v511, want511;
-    } cases[] = {
-        {0, 3.0f, 0.6f, 4.0f, 0.8f},
-        {5, 0.0f, 0.0f, 0.0f, 0.0f},
-        {3, 1e-31f, 1e-31f, 0.0f, 0.0f},  // square 1e-62: below the threshold
-        {7, std::nanf(""), 0.0f, 1.0f, 1.0f},
-    };
+    } cases[] = {{0, 3.0f, 0.6f, 4.0f, 0.8f},
+                 {5, 0.0f, 0.0f, 0.0f, 0.0f},
+                 {3, 1e-31f, 1e-31f, 0.0f, 0.0f},
+                 {7, std::nanf(""), 0.0f, 1.0f, 1.0f}};
     for (const auto& c : cases) {
         Vec v(ORVE_HRR_DIM, std::isnan(c.value) ? 1.0f : 0.0f);
         v[c.index] = c.value;

@@ -120,9 +120,7 @@ TEST(ClusteringPass, MetricsFromHandPlacedCentroidsAndANeutralSilhouette) {
     ScopedClustering ix;
     ix.rec.n_active = 4;
     ix[0].member_count = 30;
-    ix[1].centroid[0] = 3.0f;
-    ix[1].centroid[1] = 4.0f;
-    ix[1].member_count = 2;
+    ix[1].centroid[0] = 3.0f, ix[1].centroid[1] = 4.0f, ix[1].member_count = 2;
     ix[2].centroid[0] = 1.0f;  // empty: no neighbour for anyone
     ix[2].density = ix[2].nearest_centroid_distance = 9.0f;
     ix[2].quality = 0.42f;

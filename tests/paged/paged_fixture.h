@@ -2,9 +2,9 @@
 // code with the library's writer, plain scoring, and scratch files.
 #pragma once
 
+#include <bit>
 #include <cstdint>
 #include <cstring>
-#include <string>
 #include <vector>
 
 #include "../support/test_files.h"
@@ -161,13 +161,10 @@ T get(const bytes& b, uint64_t at) {
 }
 template <class T>
 void put(bytes& b, uint64_t at, T v) {
-    if constexpr (std::is_same_v<T, float>) {
-        uint32_t u;
-        std::memcpy(&u, &v, 4);
-        return put<uint32_t>(b, at, u);
-    } else {
+    if constexpr (std::is_same_v<T, float>)
+        put<uint32_t>(b, at, std::bit_cast<uint32_t>(v));
+    else
         for (unsigned i = 0; i < sizeof(T); ++i) b.at(at + i) = static_cast<uint8_t>(v >> (8 * i));
-    }
 }
 
 // The file bytes for version 1 or 2, laid out field by field.

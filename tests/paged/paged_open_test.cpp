@@ -51,6 +51,7 @@ TEST(PagedOpen, EachCheckHasItsCodeAndLineInOrder) {
     // leaf with rows and slot 2 the last.
     const uint64_t slot1 = kLD + 24, slot2 = kLD + 48;
     const uint64_t m2 = get<uint32_t>(good, slot2 + 16);
+    auto g64 = [&](uint64_t at) { return get<uint64_t>(good, at); };
     auto u32 = [](uint64_t at, uint32_t v) { return [=](bytes& f) { put(f, at, v); }; };
     auto leaf = [](uint64_t slot, uint64_t codes, uint64_t meta) {
         return [=](bytes& f) {
@@ -87,16 +88,12 @@ TEST(PagedOpen, EachCheckHasItsCodeAndLineInOrder) {
         {"b2 beyond the file", u32(20, 64)},
         {"table and directory disagree", u32(kLT + 16 + 8, 99)},
         {"n_rows off by one", u32(24, n + 1)},
-        {"misaligned leaf",
-         leaf(slot1, get<uint64_t>(good, slot1) + 8, get<uint64_t>(good, slot1 + 8) + 8)},
+        {"misaligned leaf", leaf(slot1, g64(slot1) + 8, g64(slot1 + 8) + 8)},
         {"leaf inside the index part",
          leaf(slot1, 4096, 4096 + 512 * uint64_t{get<uint32_t>(good, slot1 + 16)})},
-        {"metadata not behind the codes",
-         leaf(slot2, get<uint64_t>(good, slot2), get<uint64_t>(good, slot2))},
-        {"leaves overlap",
-         leaf(slot2, get<uint64_t>(good, slot1), get<uint64_t>(good, slot1) + 512 * m2)},
-        {"offset wraps 64 bits",
-         leaf(slot2, 0xFFFFFFFFFFFFFFC0ull, 0xFFFFFFFFFFFFFFC0ull + 512 * m2)},
+        {"metadata not behind the codes", leaf(slot2, g64(slot2), g64(slot2))},
+        {"leaves overlap", leaf(slot2, g64(slot1), g64(slot1) + 512 * m2)},
+        {"offset wraps 64 bits", leaf(slot2, ~uint64_t{63}, ~uint64_t{63} + 512 * m2)},
         {"count past the file",  // counts still agree, n_rows too
          [=](bytes& f) {
              put<uint32_t>(f, 24, static_cast<uint32_t>(n - m2 + 1000000));

@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <numeric>
 #include <thread>
+#include <tuple>
 
 #include "paged_fixture.h"
 #include "search/topk.h"
@@ -85,13 +86,10 @@ class PagedSearch : public ::testing::Test {
         for (uint32_t i = 1; i < found; ++i) EXPECT_GE(heap[i].score, heap[(i - 1) / 2].score);
         std::sort(heap.begin(), heap.end(), by_row);
         ASSERT_EQ(heap.size(), want.size());
-        for (size_t i = 0; i < heap.size(); ++i) {
-            EXPECT_EQ(heap[i].row, want[i].row);
-            EXPECT_EQ(heap[i].node_id, want[i].node_id);
-            EXPECT_EQ(heap[i].score, want[i].score);
-            EXPECT_EQ(heap[i].cluster_id, 0u);
-            EXPECT_EQ(heap[i].node_score, 0.0f);
-        }
+        auto fields = [](const bf_topk_entry& e) {
+            return std::tuple(e.row, e.node_id, e.score, e.cluster_id, e.node_score);
+        };
+        for (size_t i = 0; i < heap.size(); ++i) EXPECT_EQ(fields(heap[i]), fields(want[i])) << i;
     }
 
     scratch_dir dir_;
@@ -105,11 +103,11 @@ class PagedSearch : public ::testing::Test {
 // leaf 1 of bucket 0 repeats leaf 2's, so ties must go to the lower index at both levels.
 TEST_F(PagedSearch, MatchesThePlainComputationForEveryProbeSettingAndMode) {
     auto plan = random_buckets(5, 4, 12, 51);
-    plan[3].centroid = plan[2].centroid, plan[3].scale = plan[2].scale;
-    plan[3].norm = plan[2].norm;
-    plan[0].leaves[1].centroid = plan[0].leaves[2].centroid;
-    plan[0].leaves[1].scale = plan[0].leaves[2].scale;
-    plan[0].leaves[1].norm = plan[0].leaves[2].norm;
+    auto same_centroid = [](auto& to, const auto& from) {
+        to.centroid = from.centroid, to.scale = from.scale, to.norm = from.norm;
+    };
+    same_centroid(plan[3], plan[2]);
+    same_centroid(plan[0].leaves[1], plan[0].leaves[2]);
     hand_hivf h(5, 4, plan);
     const auto ids = node_table(h.total_rows);
     open(h, ids, 2);

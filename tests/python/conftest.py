@@ -1,7 +1,7 @@
 """Shared helpers of the orve Python tests: data, and exact float neighbours computed by numpy as
 the reference for results."""
 
-import threading
+from concurrent.futures import ThreadPoolExecutor
 
 import numpy as np
 import pytest
@@ -29,21 +29,10 @@ def assert_same(got, want):
 
 
 def run_threads(targets):
-    """Runs the callables in threads; the exceptions any of them raised."""
-    failures = []
-
-    def guarded(fn):
-        try:
-            fn()
-        except BaseException as e:  # noqa: BLE001 - reported by the caller
-            failures.append(repr(e))
-
-    threads = [threading.Thread(target=guarded, args=(t,)) for t in targets]
-    for t in threads:
-        t.start()
-    for t in threads:
-        t.join()
-    return failures
+    """Runs the callables at once, one thread each; the exceptions any of them raised."""
+    with ThreadPoolExecutor(max_workers=len(targets)) as pool:
+        done = [pool.submit(t) for t in targets]
+    return [repr(f.exception()) for f in done if f.exception() is not None]
 
 
 @pytest.fixture(scope="session")

@@ -65,9 +65,8 @@ struct inputs {
         // Floats of mixed magnitudes, so rounding really happens in the partial sums.
         const float magnitude[4] = {1e-3f, 3e2f, 1.0f, 1.0f};
         std::normal_distribution<float> bell(0.0f, 1.0f);
-        for (auto* v : {&fa, &fb}) {
+        for (auto* v : {&fa, &fb})
             for (auto& x : *v) x = bell(rng) * magnitude[rng() % 4];
-        }
         for (std::size_t r = 0; r < kRows; ++r) {
             int32_t s = 0;
             for (int i = 0; i < 512; ++i) s += rows[512 * r + i];
@@ -93,9 +92,8 @@ TEST(KernelTables, EveryTableMatchesTheIndependentModels) {
             const int8_t* row = in.rows + 512 * r;
             ASSERT_EQ(many[r], expected_dot(q[0], row)) << t->name << " row " << r;
             ASSERT_EQ(t->dot512(row, q[1]), expected_dot(row, q[1])) << t->name << " row " << r;
-            for (int j = 0; j < 4; ++j) {
+            for (int j = 0; j < 4; ++j)
                 ASSERT_EQ(multi[j * ld + r], expected_dot(q[j], row)) << t->name << " q" << j;
-            }
         }
         EXPECT_EQ(many[R], 0x5a5a5a5a) << t->name << " wrote past n";
         for (int j = 0; j < 4; ++j) EXPECT_EQ(multi[j * ld + R], 0x5a5a5a5a) << t->name;
@@ -103,11 +101,9 @@ TEST(KernelTables, EveryTableMatchesTheIndependentModels) {
         // Screen dots: four queries against the first 64 rows (a multiple of 4).
         std::vector<int32_t> dots4(4 * 64);
         t->screen_dots4(q, in.rows, in.sums.data(), 64, dots4.data(), 64);
-        for (int j = 0; j < 4; ++j) {
-            for (int c = 0; c < 64; ++c) {
+        for (int j = 0; j < 4; ++j)
+            for (int c = 0; c < 64; ++c)
                 ASSERT_EQ(dots4[64 * j + c], expected_dot(q[j], in.rows + 512 * c)) << t->name;
-            }
-        }
 
         for (int r = 0; r < 16; ++r) {
             float partial[16];
@@ -131,9 +127,8 @@ TEST(KernelTables, EveryTableMatchesTheIndependentModels) {
         for (std::size_t c = 0; c < cand_lo.size(); ++c) cand_lo[c] = static_cast<float>(c * 7 % 9);
         cand_lo[3] = NAN;
         std::vector<uint32_t> want, got(cand_lo.size());
-        for (uint32_t c = 0; c < cand_lo.size(); ++c) {
+        for (uint32_t c = 0; c < cand_lo.size(); ++c)
             if (cand_lo[c] <= 4.0f) want.push_back(c);
-        }
         got.resize(t->screen_candidates(cand_lo.data(), 77, 4.0f, got.data()));
         EXPECT_EQ(got, want) << t->name;
     }

@@ -43,6 +43,21 @@ class IndexedSearch : public ::testing::Test {
         }
     }
 
+    // Routes q through the IVF (ivf probes), the H-IVF (l1 and l2 probes) or neither (all 0).
+    static vector_similarity_query route(vector_similarity_query q, uint32_t ivf, uint32_t l1 = 0,
+                                         uint32_t l2 = 0) {
+        q.use_ivf = ivf != 0, q.n_probe = ivf, q.use_hivf = l1 != 0;
+        q.n_probe_l1 = l1, q.n_probe_l2 = l2;
+        return q;
+    }
+    // An IVF of `buckets`, then (b1 != 0) an H-IVF of b1 x b2, each from its own seed.
+    void build(uint32_t buckets, uint32_t seed, uint32_t b1 = 0, uint32_t b2 = 0,
+               uint32_t l2_seed = 0) {
+        ASSERT_EQ(semantic_vector_indexing_system_build_ivf(sys(), buckets, seed), 0);
+        if (b1 == 0) return;
+        ASSERT_EQ(semantic_vector_indexing_system_build_ivf_level2(sys(), b1, b2, l2_seed), 0);
+    }
+
     system_block b;
     std::vector<float> vecs, queries;
 };
@@ -70,8 +85,7 @@ TEST_F(IndexedSearch, BuildLimits) {
 }
 
 TEST_F(IndexedSearch, FullProbeEqualsBruteForceAndGenerationsTrackStaleness) {
-    ASSERT_EQ(semantic_vector_indexing_system_build_ivf(sys(), 16, 7), 0);
-    ASSERT_EQ(semantic_vector_indexing_system_build_ivf_level2(sys(), 4, 4, 3), 0);
+    build(16, 7, 4, 4, 3);
     EXPECT_EQ(semantic_vector_indexing_system_get_ivf_generation(sys()), kRows);
     EXPECT_EQ(semantic_vector_indexing_system_get_ivf_built_generation(sys()), kRows);
     // Probe counts at or past the buckets mean all of them, also where an H-IVF product wraps
@@ -84,20 +98,10 @@ TEST_F(IndexedSearch, FullProbeEqualsBruteForceAndGenerationsTrackStaleness) {
     for (int qi = 0; qi < 3; ++qi) {
         auto q = orve_test::int8_query(&queries[qi * 512], 10);
         const auto brute = search(q);
-        for (const auto& t : table) {
-            q.use_ivf = t.ivf_probes != 0;
-            q.n_probe = t.ivf_probes;
-            q.use_hivf = t.l1 != 0;
-            q.n_probe_l1 = t.l1;
-            q.n_probe_l2 = t.l2;
-            expect_same(search(q), brute);
-        }
+        for (const auto& t : table) expect_same(search(route(q, t.ivf_probes, t.l1, t.l2)), brute);
     }
     // A few probes: still a well-formed answer, from the index (not the full brute-force set).
-    auto q = orve_test::int8_query(vecs.data(), 5);
-    q.use_ivf = 1;
-    q.n_probe = 2;
-    const auto few = search(q);
+    const auto few = search(route(orve_test::int8_query(vecs.data(), 5), 2));
     ASSERT_GE(few.size(), 1u);
     EXPECT_EQ(few[0].node_id, 1u);  // a stored row finds itself in its own bucket
 
@@ -109,10 +113,7 @@ TEST_F(IndexedSearch, FullProbeEqualsBruteForceAndGenerationsTrackStaleness) {
               semantic_vector_indexing_system_get_ivf_built_generation(sys()) + 1);
     ivf_live* pinned = nullptr;
     EXPECT_EQ(ivf_rcu_pin_live(sys(), &pinned), -1);
-    auto qe = orve_test::int8_query(extra.data(), 3);
-    qe.use_ivf = 1;
-    qe.n_probe = 1;
-    EXPECT_EQ(search(qe)[0].node_id, 5000u);
+    EXPECT_EQ(search(route(orve_test::int8_query(extra.data(), 3), 1))[0].node_id, 5000u);
     ASSERT_EQ(semantic_vector_indexing_system_build_ivf(sys(), 16, 7), 0);
     ASSERT_EQ(ivf_rcu_pin_live(sys(), &pinned), 0);
     EXPECT_EQ(pinned->index.n_rows, kRows + 1);
@@ -123,8 +124,7 @@ TEST_F(IndexedSearch, FullProbeEqualsBruteForceAndGenerationsTrackStaleness) {
 // an unfiltered brute-force search, filtered here and cut to k.
 TEST_F(IndexedSearch, ClusterFilterOnIvfAndHivfScans) {
     for (uint32_t s = 0; s < kRows; ++s) sys()->nodes[s].cluster_id = s % 3 + 1;
-    ASSERT_EQ(semantic_vector_indexing_system_build_ivf(sys(), 16, 7), 0);
-    ASSERT_EQ(semantic_vector_indexing_system_build_ivf_level2(sys(), 4, 4, 3), 0);
+    build(16, 7, 4, 4, 3);
     auto q = orve_test::int8_query(&queries[0], kRows);
     std::vector<vector_similarity_result> expected;
     for (const auto& r : search(q)) {
@@ -133,14 +133,7 @@ TEST_F(IndexedSearch, ClusterFilterOnIvfAndHivfScans) {
     ASSERT_EQ(expected.size(), 10u);
     q.max_results = 10;
     q.cluster_filter = 2;
-    vector_similarity_query ivf = q;
-    ivf.use_ivf = 1;
-    ivf.n_probe = 16;
-    vector_similarity_query hivf = q;
-    hivf.use_hivf = 1;
-    hivf.n_probe_l1 = 4;
-    hivf.n_probe_l2 = 4;
-    for (const vector_similarity_query& path : {ivf, hivf}) {
+    for (const vector_similarity_query& path : {route(q, 16), route(q, 0, 4, 4)}) {
         const auto got = search(path);
         expect_same(got, expected);
         for (const auto& r : got) EXPECT_EQ(r.cluster_id, 2u);
@@ -151,19 +144,14 @@ TEST_F(IndexedSearch, KBeyondTheRowsReturnsEveryRowOnEveryPath) {
     // k = 2^32 - 1 must neither ask for a heap of that many candidates nor lose rows: the
     // answer is every row, as with k equal to the row count. The result array holds only the
     // rows, which is all a search can write.
-    ASSERT_EQ(semantic_vector_indexing_system_build_ivf(sys(), 8, 2), 0);
-    ASSERT_EQ(semantic_vector_indexing_system_build_ivf_level2(sys(), 4, 4, 2), 0);
+    build(8, 2, 4, 4, 2);
     auto exact = orve_test::int8_query(queries.data(), kRows);
     exact.min_similarity = -2.0f;
     const auto all = search(exact);
     ASSERT_EQ(all.size(), kRows);
     for (int path = 0; path < 3; ++path) {
-        auto q = exact;
+        auto q = route(exact, path == 1 ? 8 : 0, path == 2 ? 4 : 0, 4);
         q.max_results = 0xFFFFFFFFu;
-        q.use_ivf = path == 1;
-        q.n_probe = 8;
-        q.use_hivf = path == 2;
-        q.n_probe_l1 = q.n_probe_l2 = 4;
         std::vector<vector_similarity_result> r(kRows);
         uint32_t n = 0;
         ASSERT_EQ(semantic_vector_indexing_system_search_similar(sys(), &q, r.data(), &n), 0)
@@ -174,8 +162,7 @@ TEST_F(IndexedSearch, KBeyondTheRowsReturnsEveryRowOnEveryPath) {
 }
 
 TEST_F(IndexedSearch, TeardownsAndGenerations) {
-    ASSERT_EQ(semantic_vector_indexing_system_build_ivf(sys(), 8, 1), 0);
-    ASSERT_EQ(semantic_vector_indexing_system_build_ivf_level2(sys(), 4, 4, 1), 0);
+    build(8, 1, 4, 4, 1);
     hivf_live* h = nullptr;
     ASSERT_EQ(hivf_rcu_pin_live(sys(), &h), 0);
     hivf_live_release(h);
@@ -194,7 +181,7 @@ TEST_F(IndexedSearch, TeardownsAndGenerations) {
 }
 
 TEST_F(IndexedSearch, PinnedIndexOutlivesItsReplacement) {
-    ASSERT_EQ(semantic_vector_indexing_system_build_ivf(sys(), 8, 1), 0);
+    build(8, 1);
     ivf_live* old = nullptr;
     ASSERT_EQ(ivf_rcu_pin_live(sys(), &old), 0);
     ASSERT_EQ(semantic_vector_indexing_system_build_ivf(sys(), 12, 2), 0);
@@ -211,14 +198,11 @@ TEST_F(IndexedSearch, PinnedIndexOutlivesItsReplacement) {
 }
 
 TEST_F(IndexedSearch, DroppedStoreKeepsPublishedIndexesServing) {
-    ASSERT_EQ(semantic_vector_indexing_system_build_ivf(sys(), 8, 1), 0);
+    build(8, 1);
     ASSERT_EQ(semantic_vector_indexing_system_evict_flat_slab(sys()), 0);
     EXPECT_EQ(semantic_vector_indexing_system_build_ivf(sys(), 8, 1), -1);
     EXPECT_EQ(semantic_vector_indexing_system_build_ivf_level2(sys(), 2, 2, 1), -1);
-    auto q = orve_test::int8_query(vecs.data() + 512 * 3, 3);
-    q.use_ivf = 1;
-    q.n_probe = 8;
-    EXPECT_EQ(search(q)[0].node_id, 4u);
+    EXPECT_EQ(search(route(orve_test::int8_query(vecs.data() + 512 * 3, 3), 8))[0].node_id, 4u);
 }
 
 TEST_F(IndexedSearch, ObjectBuildEqualsTheFloatBuildOnDequantisedRows) {
@@ -254,7 +238,8 @@ TEST_F(IndexedSearch, ObjectBuildEqualsTheFloatBuildOnDequantisedRows) {
 // (copies of 60 rows, whose winners depend on the order candidates are offered in), a batch
 // whose dot products overflow what is held at once (answered in chunks), and a pinned index
 // whose routing refuses, after which the batch is answered again one query at a time over
-// buffers the failed attempt may have scribbled on.
+// buffers the failed attempt may have scribbled on. 4000 queries probing every row make more
+// dot products than one chunk holds (4 Mi).
 TEST_F(IndexedSearch, BatchMatchesSingleQueries) {
     ASSERT_EQ(semantic_vector_indexing_system_load_vectors_f32(sys(), vecs.data(), 60), 60);
     ASSERT_EQ(semantic_vector_indexing_system_build_ivf(sys(), 16, 9), 0);
@@ -263,17 +248,10 @@ TEST_F(IndexedSearch, BatchMatchesSingleQueries) {
         uint32_t n_queries, k, n_probe, repeat;  // query i is pool row (i % repeat)
         float min_similarity;
         bool routing_refuses;
-    } cases[] = {
-        {1, 10, 4, 40, -2.0f, false},
-        {7, 5, 3, 40, -2.0f, false},
-        {37, 20, 16, 40, -2.0f, false},
-        {13, 1, 1, 5, -2.0f, false},
-        {9, 64, 99, 3, 0.05f, false},
-        {20, 300, 6, 40, -2.0f, false},
-        // Every row probed by 4000 queries: more dot products than one chunk holds (4 Mi).
-        {4000, 2, 99, 40, -2.0f, false},
-        {21, 300, 5, 40, 0.1f, true},
-    };
+    } cases[] = {{1, 10, 4, 40, -2.0f, false},    {7, 5, 3, 40, -2.0f, false},
+                 {37, 20, 16, 40, -2.0f, false},  {13, 1, 1, 5, -2.0f, false},
+                 {9, 64, 99, 3, 0.05f, false},    {20, 300, 6, 40, -2.0f, false},
+                 {4000, 2, 99, 40, -2.0f, false}, {21, 300, 5, 40, 0.1f, true}};
     orve_ivf_index& live = sys()->live_ivf.load()->index;
     int8_t* const centroids = live.centroid_codes;
     for (const Case& c : cases) {
@@ -292,9 +270,7 @@ TEST_F(IndexedSearch, BatchMatchesSingleQueries) {
         live.centroid_codes = c.routing_refuses ? nullptr : centroids;
         ASSERT_EQ(semantic_vector_indexing_system_search_similar_orve512_batch(sys(), &bq), 0);
         for (uint32_t i = 0; i < c.n_queries; ++i) {
-            auto q = orve_test::int8_query(&qs[512 * i], c.k);
-            q.use_ivf = 1;
-            q.n_probe = c.n_probe;
+            auto q = route(orve_test::int8_query(&qs[512 * i], c.k), c.n_probe);
             q.min_similarity = c.min_similarity;
             std::vector<vector_similarity_result> single(c.k);
             std::memset(single.data(), 0, single.size() * sizeof single[0]);

@@ -2,10 +2,10 @@
 // bit patterns and the exact cosine of two 512-float rows.
 #pragma once
 
+#include <bit>
 #include <cmath>
 #include <cstddef>
 #include <cstdint>
-#include <cstring>
 
 namespace test_math {
 
@@ -19,9 +19,7 @@ inline uint64_t fnv1a(uint64_t h, const void* data, size_t bytes) {
 
 // A float's bit pattern, for comparisons that must be exact down to the sign of zero and NaNs.
 inline uint32_t bits(float f) {
-    uint32_t u;
-    std::memcpy(&u, &f, 4);
-    return u;
+    return std::bit_cast<uint32_t>(f);
 }
 
 // In double, so the reference does not share the library's single-precision rounding.

@@ -9,7 +9,6 @@
 
 #include <algorithm>
 #include <cmath>
-#include <cstring>
 #include <limits>
 #include <sstream>
 
@@ -95,9 +94,7 @@ class direct_library {
         for (size_t q = 0; q < n; ++q) {
             auto query = orve_test::int8_query(&queries[q * 512], k);
             query.min_similarity = -std::numeric_limits<float>::infinity();
-            query.use_hivf = l1 ? 1 : 0;
-            query.n_probe_l1 = l1;
-            query.n_probe_l2 = l2;
+            query.use_hivf = l1 ? 1 : 0, query.n_probe_l1 = l1, query.n_probe_l2 = l2;
             for (const auto& r : orve_test::search(sys(), query))
                 out.push_back({uint32_t(q), r.rank, r.node_id, r.similarity});
         }
@@ -170,9 +167,8 @@ TEST(OrveEndToEnd, BuildThenQueryMatchesTheLibraryCalledDirectly) {
             exact.push_back({-dot / std::sqrt(nr), ids[r]});  // the query's norm ranks nothing
         }
         std::partial_sort(exact.begin(), exact.begin() + 10, exact.end());
-        for (const answer& a : tuned) {
+        for (const answer& a : tuned)
             for (size_t i = 0; i < 10; ++i) found += a.query == qi && a.node_id == exact[i].second;
-        }
     }
     EXPECT_GE(double(found) / (10.0 * kQueries), 0.9) << tune.out;
 }

@@ -47,10 +47,8 @@ bytes ints(const char* descr, uint32_t size, const std::vector<int64_t>& values)
 // A float64 (rows, 512) array of the values.
 bytes f8(const std::vector<float>& v, size_t rows) {
     bytes b = npy_preamble(npy_dict("<f8", "(" + std::to_string(rows) + ", 512)"));
-    for (float x : v) {
-        const double d = x;
-        put(b, &d);
-    }
+    const std::vector<double> wide(v.begin(), v.end());
+    put(b, wide.data(), wide.size());
     return b;
 }
 
@@ -123,6 +121,7 @@ TEST(VectorFile, RefusesMalformedFilesNamingTheFileAndTheProblem) {
     std::vector<float> inf = ramp(3);
     inf[1024 + 9] = -std::numeric_limits<float>::infinity();
     const std::string f4 = "{'descr': '<f4', 'fortran_order': False";
+    const bytes text = {'1', ' ', '2'};
     const std::string range = "id at row 1 is outside 1 to 4294967295 (node ids are 32-bit)";
     const struct {
         const char* name;
@@ -159,10 +158,7 @@ TEST(VectorFile, RefusesMalformedFilesNamingTheFileAndTheProblem) {
          "truncated: shape (2, 512) needs 4096 bytes of data, found 4086"},
         {"extra.npy", extra, as::open, "1 unexpected bytes after the array data"},
         {"empty.npy", npy_preamble(npy_dict("<f4", "(0, 512)")), as::open, "holds no vectors"},
-        {"v.txt",
-         {'1', ' ', '2'},
-         as::open,
-         "unknown vector file format (expected .npy or .fvecs)"},
+        {"v.txt", text, as::open, "unknown vector file format (expected .npy or .fvecs)"},
         {"d128.fvecs", fvecs(v, 12, 128), as::open, "expected dimension 512, found 128 (vector 0)"},
         {"later.fvecs", later, as::open, "expected dimension 512, found 256 (vector 2)"},
         {"cut.fvecs", fvecs_cut, as::open, "truncated: ends inside vector 2 (1952 bytes of 2052)"},

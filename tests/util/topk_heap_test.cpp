@@ -9,17 +9,17 @@
 
 namespace {
 
+// Scores offered in order (candidate i has id i + 1) and the ids kept, ascending. In the fourth
+// case the 1s offered once full tie the lowest and are refused.
 TEST(TopkHeap, KeepsTheBestAndRefusesEqualsOnceFull) {
     const struct {
-        std::vector<float> scores;   // offered in order, candidate i has id i + 1
-        std::vector<uint32_t> kept;  // ids, ascending
-    } cases[] = {
-        {{1, 1, 1, 1, 1}, {1, 2, 3}},
-        {{3, 2, 1, 0, 5, 4}, {1, 5, 6}},
-        {{0, 2, 2, 1, 2}, {2, 3, 5}},
-        {{2, 1, 2, 1, 1}, {1, 2, 3}},  // the 1s offered once full tie the lowest: refused
-        {{7}, {1}},
-    };
+        std::vector<float> scores;
+        std::vector<uint32_t> kept;
+    } cases[] = {{{1, 1, 1, 1, 1}, {1, 2, 3}},
+                 {{3, 2, 1, 0, 5, 4}, {1, 5, 6}},
+                 {{0, 2, 2, 1, 2}, {2, 3, 5}},
+                 {{2, 1, 2, 1, 1}, {1, 2, 3}},
+                 {{7}, {1}}};
     for (const auto& c : cases) {
         std::vector<bf_topk_entry> heap(3);
         uint32_t n = 0;
