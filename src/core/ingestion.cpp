@@ -204,6 +204,28 @@ uint32_t store_rows(semantic_vector_indexing_system* sys, const uint32_t* ids, c
     return n;
 }
 
+// Destroys a legacy index and creates it again in the same record, or in a fresh one when an
+// earlier failure left none. When creation fails the record is freed and the slot emptied:
+// keeping a pointer to a destroyed index would let the next ingestion use it, whereas an empty
+// slot makes ingestion fail cleanly with -1 until a later rebuild succeeds.
+template <class Index, class Create>
+bool recreate_legacy(Index*& slot, void (*destroy)(Index*), Create create) {
+    Index* x = slot;
+    if (x == nullptr) {
+        x = static_cast<Index*>(std::malloc(sizeof *x));
+        if (x == nullptr) return false;
+    } else {
+        destroy(x);
+    }
+    if (create(x) != 0) {
+        std::free(x);
+        slot = nullptr;
+        return false;
+    }
+    slot = x;
+    return true;
+}
+
 }  // namespace
 
 extern "C" ORVE_API int semantic_vector_indexing_system_add_embedding_orve512(
@@ -291,40 +313,23 @@ extern "C" ORVE_API int semantic_vector_indexing_system_add_node(
 extern "C" ORVE_API int semantic_vector_indexing_system_rebuild_clustering(
     semantic_vector_indexing_system* sys) {
     if (sys == nullptr || !sys->initialized) return -1;
-    enhanced_clustering_index* c = sys->clustering_index;
-    if (c == nullptr) {
-        // A previous rebuild lost the index; start from a fresh record.
-        c = static_cast<enhanced_clustering_index*>(std::malloc(sizeof *c));
-        if (c == nullptr) return -1;
-    } else {
-        enhanced_clustering_index_destroy(c);
-    }
-    if (enhanced_clustering_index_create(c, orve::kClusterCount, orve::kLegacyDim) != 0) {
-        // Keep no pointer to a destroyed index: ingestion then fails cleanly with -1 until a
-        // later rebuild succeeds.
-        std::free(c);
-        sys->clustering_index = nullptr;
+    if (!recreate_legacy(sys->clustering_index, enhanced_clustering_index_destroy,
+                         [](enhanced_clustering_index* c) {
+                             return enhanced_clustering_index_create(c, orve::kClusterCount,
+                                                                     orve::kLegacyDim);
+                         })) {
         return -1;
     }
-    sys->clustering_index = c;
-    return enhanced_clustering_index_cluster(c, sys->nodes, sys->node_count);
+    return enhanced_clustering_index_cluster(sys->clustering_index, sys->nodes, sys->node_count);
 }
 
 extern "C" ORVE_API int semantic_vector_indexing_system_update_embeddings(
     semantic_vector_indexing_system* sys) {
     if (sys == nullptr || !sys->initialized) return -1;
-    enhanced_lsh_index* l = sys->lsh_index;
-    if (l == nullptr) {
-        l = static_cast<enhanced_lsh_index*>(std::malloc(sizeof *l));
-        if (l == nullptr) return -1;
-    } else {
-        enhanced_lsh_index_destroy(l);
-    }
-    if (enhanced_lsh_index_create(l, orve::kLegacyDim, orve::kLshHashes) != 0) {
-        std::free(l);
-        sys->lsh_index = nullptr;
+    if (!recreate_legacy(sys->lsh_index, enhanced_lsh_index_destroy, [](enhanced_lsh_index* l) {
+            return enhanced_lsh_index_create(l, orve::kLegacyDim, orve::kLshHashes);
+        })) {
         return -1;
     }
-    sys->lsh_index = l;
     return semantic_vector_indexing_system_rebuild_clustering(sys);
 }
