@@ -189,8 +189,8 @@ def main():
             print(f"dask x{w}: shards opened on the workers in {opened:.1f} s; worker "
                   f"resident {', '.join(gib(r) for r in rss)}, {grown / a.rows:.0f} bytes per "
                   f"row held by the shards (int8 rows, node table, IVF, paged pages touched)")
-        print(f"\nqueries/s and recall@{a.k} ({a.queries}-query batches; shared machine, "
-              f"figures are rough)")
+        print(f"\nqueries/s and recall@{a.k} ({a.queries}-query batches; figures move with "
+              f"whatever else the machine runs)")
         print(f"{'':10s}" + "".join(f"{p:>22s}" for p in ("brute", "ivf", "paged")))
         for name, per_path in figures.items():
             cells = "".join(f"{qps:>11.0f} q/s r={r:.3f}" for qps, r in per_path.values())
