@@ -18,6 +18,8 @@
 #include "semantic_vector_indexing.h"
 #include "util/c_alloc.h"
 
+#include "stream_read.h"
+
 namespace {
 
 constexpr std::size_t kL1Rows = 48;          // 24 KiB: inside any L1 data cache
@@ -91,14 +93,7 @@ void stream_read(benchmark::State& state) {
     const auto* w = reinterpret_cast<const uint64_t*>(slab());
     const std::size_t words = g_slab_rows * 64;
     for (auto _ : state) {
-        uint64_t a = 0, b = 0, c = 0, d = 0;
-        for (std::size_t i = 0; i < words; i += 4) {
-            a += w[i];
-            b += w[i + 1];
-            c += w[i + 2];
-            d += w[i + 3];
-        }
-        benchmark::DoNotOptimize(a + b + c + d);
+        benchmark::DoNotOptimize(orve_bench::sum_words(w, words));
     }
     state.SetBytesProcessed(static_cast<int64_t>(words * 8) * state.iterations());
 }

@@ -30,6 +30,7 @@
 #include "util/c_alloc.h"
 
 #include "bench_rng.h"
+#include "stream_read.h"
 
 namespace {
 
@@ -96,16 +97,9 @@ double stream_bandwidth() {
     double best = 0;
     for (int rep = 0; rep < 5; ++rep) {
         const auto t0 = clock_type::now();
-        uint64_t a = 0, b = 0, c = 0, d = 0;
-        const uint64_t* w = block.get();
-        for (std::size_t i = 0; i < bytes / 8; i += 4) {
-            a += w[i];
-            b += w[i + 1];
-            c += w[i + 2];
-            d += w[i + 3];
-        }
+        const uint64_t sum = orve_bench::sum_words(block.get(), bytes / 8);
         const double s = seconds_since(t0);
-        if (a + b + c + d == 42) std::puts("");
+        if (sum == 42) std::puts("");
         best = std::max(best, bytes / s);
     }
     return best;

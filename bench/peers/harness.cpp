@@ -1,5 +1,6 @@
 #include "harness.h"
 
+#include "../stream_read.h"
 #include "semantic_vector_indexing.h"
 
 #include <malloc.h>
@@ -164,16 +165,9 @@ double read_bandwidth_gbs() {
     volatile uint64_t sink = 0;
     for (int pass = 0; pass < 5; ++pass) {
         const auto t0 = clock_type::now();
-        // Four independent sums keep the adds from being the limit.
-        uint64_t a = 0, b = 0, c = 0, e = 0;
-        for (std::size_t i = 0; i < words; i += 4) {
-            a += buf[i];
-            b += buf[i + 1];
-            c += buf[i + 2];
-            e += buf[i + 3];
-        }
+        const uint64_t sum = orve_bench::sum_words(buf.data(), words);
         const double s = seconds_since(t0);
-        sink = sink + a + b + c + e;
+        sink = sink + sum;
         const double gbs = static_cast<double>(words * sizeof(uint64_t)) / s / 1e9;
         best = std::max(best, gbs);
     }
