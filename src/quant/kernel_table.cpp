@@ -24,7 +24,8 @@ constexpr kernel_table kPortable{"portable",
                                  l2sq_partials_portable,
                                  screen_dots4_by_rows<dot512_reference_many>,
                                  screen_bounds_portable,
-                                 screen_candidates_portable};
+                                 screen_candidates_portable,
+                                 rerank_sums8_portable};
 
 #if defined(__x86_64__)
 constexpr kernel_table kAvx2{"avx2",
@@ -34,7 +35,8 @@ constexpr kernel_table kAvx2{"avx2",
                              l2sq_partials_avx2_fma,
                              screen_dots4_by_rows<dot512_avx2_many>,
                              screen_bounds_portable,
-                             screen_candidates_portable};
+                             screen_candidates_portable,
+                             rerank_sums8_avx2};
 constexpr kernel_table kAvxVnni{"avx_vnni",
                                 dot512_avxvnni,
                                 dot512_avxvnni_many,
@@ -42,7 +44,8 @@ constexpr kernel_table kAvxVnni{"avx_vnni",
                                 l2sq_partials_avx2_fma,
                                 screen_dots4_by_rows<dot512_avxvnni_many>,
                                 screen_bounds_portable,
-                                screen_candidates_portable};
+                                screen_candidates_portable,
+                                rerank_sums8_avx2};
 constexpr kernel_table kAvx512Vnni{"avx512_vnni",
                                    dot512_avx512vnni,
                                    dot512_avx512vnni_many,
@@ -50,7 +53,8 @@ constexpr kernel_table kAvx512Vnni{"avx512_vnni",
                                    l2sq_partials_avx512f,
                                    screen_dots4_avx512vnni,
                                    screen_bounds_avx512vnni,
-                                   screen_candidates_avx512vnni};
+                                   screen_candidates_avx512vnni,
+                                   rerank_sums8_avx2};
 
 struct table_set {
     kernel_table t[4];
@@ -80,7 +84,8 @@ constexpr kernel_table kSdot{"sdot",
                              l2sq_partials_neon,
                              screen_dots4_by_rows<dot512_sdot_many>,
                              screen_bounds_portable,
-                             screen_candidates_portable};
+                             screen_candidates_portable,
+                             rerank_sums8_portable};
 struct table_set {
     kernel_table t[2];
     std::size_t n;

@@ -9,6 +9,7 @@
 
 #include "quant/dot512_kernels.h"
 #include "quant/l2sq_partials.h"
+#include "quant/rerank_sums.h"
 #include "quant/screen_kernels.h"
 
 namespace orve {
@@ -22,6 +23,7 @@ struct kernel_table {
     screen_dots4_fn screen_dots4;
     screen_bounds_fn screen_bounds;
     screen_candidates_fn screen_candidates;
+    rerank_sums8_fn rerank_sums8;
 };
 
 // The tables compiled into this build whose instructions the running processor has; the

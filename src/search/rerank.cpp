@@ -10,20 +10,16 @@
 #include <cstring>
 
 #include "core/sidecar_attachment.h"
+#include "quant/kernel_table.h"
 #include "search/topk.h"
 #include "sidecar/sidecar_format.h"
 
 namespace {
 
-// Candidates scored side by side: each lane keeps its own sums in the one-candidate order, so
-// the scores are bit for bit those of scoring one candidate at a time (lane-wise products and
-// sums are the same IEEE operations, and nothing is fused), while the independent sums keep
-// the processor busy instead of waiting on one chain of additions. The vectors are two doubles
-// or four floats wide, the width every target's registers have, so the sums stay in registers.
-constexpr uint32_t kLanes = 8;
-typedef float quad_f32 __attribute__((vector_size(4 * sizeof(float))));
-typedef float pair_f32 __attribute__((vector_size(2 * sizeof(float))));
-typedef double pair_f64 __attribute__((vector_size(2 * sizeof(double))));
+// Candidates are scored eight side by side by the kernel table's re-ranking sums, which keep
+// each candidate's sums in the one-candidate order, so the scores are bit for bit those of
+// scoring one candidate at a time.
+constexpr uint32_t kLanes = orve::kRerankLanes;
 
 // The row an unused lane reads: zeros keep its sums defined (the loop has a fixed width).
 const float kZeroRow[ORVE512_DIM] = {};
@@ -56,58 +52,13 @@ bool fetch_row(const orve::sidecar_attachment* a, uint32_t at, lane_rows& rows, 
     return true;
 }
 
-quad_f32 load_quad(const float* p) {
-    quad_f32 v;
-    std::memcpy(&v, p, sizeof v);
-    return v;
-}
-
-// Values i .. i + 3 of four rows, turned so that out[d] holds value i + d of each row: moves
-// only, so every value keeps its bits.
-inline __attribute__((always_inline)) void transpose4(const float* const* row, int i,
-                                                      quad_f32* out) {
-    const quad_f32 a = load_quad(row[0] + i), b = load_quad(row[1] + i);
-    const quad_f32 c = load_quad(row[2] + i), d = load_quad(row[3] + i);
-    const quad_f32 ab_lo = __builtin_shufflevector(a, b, 0, 4, 1, 5);
-    const quad_f32 ab_hi = __builtin_shufflevector(a, b, 2, 6, 3, 7);
-    const quad_f32 cd_lo = __builtin_shufflevector(c, d, 0, 4, 1, 5);
-    const quad_f32 cd_hi = __builtin_shufflevector(c, d, 2, 6, 3, 7);
-    out[0] = __builtin_shufflevector(ab_lo, cd_lo, 0, 1, 4, 5);
-    out[1] = __builtin_shufflevector(ab_lo, cd_lo, 2, 3, 6, 7);
-    out[2] = __builtin_shufflevector(ab_hi, cd_hi, 0, 1, 4, 5);
-    out[3] = __builtin_shufflevector(ab_hi, cd_hi, 2, 3, 6, 7);
-}
-
 // Exact cosine of the query against each filled lane, written into those candidates. qq is the
 // query's sum of squares, taken in the same order the one-candidate formula takes it.
 void score_lanes(const float* query, double qq, const lane_rows& rows, const uint32_t* which,
                  uint32_t lanes, bf_topk_entry* candidates) {
-    static_assert(kLanes == 8 && ORVE512_DIM % 4 == 0);
-    // Lanes 2p and 2p + 1 in qr_sum[p] and rr_sum[p].
-    pair_f64 qr_sum[kLanes / 2] = {}, rr_sum[kLanes / 2] = {};
-    for (int i = 0; i < ORVE512_DIM; i += 4) {
-        quad_f32 t[2][4];  // t[h][d]: value i + d of lanes 4h .. 4h + 3
-        transpose4(rows.row, i, t[0]);
-        transpose4(rows.row + 4, i, t[1]);
-        for (int d = 0; d < 4; ++d) {
-            const double qs = query[i + d];
-            const pair_f64 q = {qs, qs};
-            for (int h = 0; h < 2; ++h) {
-                const pair_f32 v_lo = __builtin_shufflevector(t[h][d], t[h][d], 0, 1);
-                const pair_f32 v_hi = __builtin_shufflevector(t[h][d], t[h][d], 2, 3);
-                const pair_f64 lo = __builtin_convertvector(v_lo, pair_f64);
-                const pair_f64 hi = __builtin_convertvector(v_hi, pair_f64);
-                qr_sum[2 * h] += q * lo;
-                rr_sum[2 * h] += lo * lo;
-                qr_sum[2 * h + 1] += q * hi;
-                rr_sum[2 * h + 1] += hi * hi;
-            }
-        }
-    }
-    // Copied out once, so that the sums above stay in registers.
+    static_assert(ORVE512_DIM == 512);
     double qr[kLanes], rr[kLanes];
-    std::memcpy(qr, qr_sum, sizeof qr);
-    std::memcpy(rr, rr_sum, sizeof rr);
+    orve::kernels().rerank_sums8(query, rows.row, qr, rr);
     for (uint32_t l = 0; l < lanes; ++l) {
         if (qq > 0.0 && rr[l] > 0.0) {
             candidates[which[l]].score =

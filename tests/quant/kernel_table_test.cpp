@@ -113,6 +113,22 @@ TEST(KernelTables, EveryTableMatchesTheIndependentModels) {
                 << t->name << " row " << r;
         }
 
+        // Re-ranking sums of eight rows: each in one plain double loop, value 0 to 511.
+        const float* frows[8];
+        for (int l = 0; l < 8; ++l) frows[l] = &in.fb[512 * (l + 3)];
+        double qr[8], rr[8];
+        t->rerank_sums8(in.fa.data(), frows, qr, rr);
+        for (int l = 0; l < 8; ++l) {
+            double want_qr = 0.0, want_rr = 0.0;
+            for (int i = 0; i < 512; ++i) {
+                const double q = in.fa[i], r = frows[l][i];
+                want_qr += q * r;
+                want_rr += r * r;
+            }
+            ASSERT_EQ(bits(qr[l]), bits(want_qr)) << t->name << " lane " << l;
+            ASSERT_EQ(bits(rr[l]), bits(want_rr)) << t->name << " lane " << l;
+        }
+
         // Bounds from arbitrary columns (32 lanes, two blocks): same bits as the portable table.
         std::vector<float> col(5 * 32), lo(32), lo_ref(32);
         for (std::size_t i = 0; i < col.size(); ++i) col[i] = std::fabs(in.fa[i]) + 0.01f;

@@ -21,6 +21,9 @@ inline uint64_t fnv1a(uint64_t h, const void* data, size_t bytes) {
 inline uint32_t bits(float f) {
     return std::bit_cast<uint32_t>(f);
 }
+inline uint64_t bits(double d) {
+    return std::bit_cast<uint64_t>(d);
+}
 
 // In double, so the reference does not share the library's single-precision rounding.
 inline double cosine512(const float* a, const float* b) {
