@@ -37,8 +37,9 @@ int32_t replay_block(const uint32_t* ids, const float* values, const uint32_t* p
     orve::object_lock guard(ctx->sys);
     const uint32_t r0 = ctx->sys->node_count;
     // The file's rows from this block's first on bound the rows still to replay (dead rows
-    // are skipped); announcing them once lets ingestion prepare its arrays for all of them
-    // with one system call per array instead of one per block.
+    // are skipped). A block alone is too small for ingestion to advise huge pages over it;
+    // announcing all of them once, on the first block, gets the replay the advice a large load
+    // gets.
     uint32_t ahead = 0;
     if (!ctx->advised && n != 0 && positions[0] < ctx->file_rows) {
         ahead = ctx->file_rows - positions[0];
