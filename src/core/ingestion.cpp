@@ -137,30 +137,46 @@ void commit_block(semantic_vector_indexing_system* sys, const uint32_t* ids, uin
     sys->ingest_generation.fetch_add(count, std::memory_order_relaxed);
 }
 
-// A load fills the code store and the node table front to back from row node_count on, and on
-// small pages every 8 rows' first touch of the store is a page fault (a profile put the faults
-// near the quantiser's own cost). Huge pages over the rows a large load writes take one fault
-// per 2 MiB; resident memory then runs ahead of the rows stored by at most one huge page per
-// array, and a small load (a row at a time, say) keeps small pages. One system call per array
-// per load, none per row.
+// A load fills the code store, the node table, the scale, norm and valid arrays and the LSH
+// entries front to back, and on small pages their first touches are page faults: for the
+// code store alone one per 8 rows (a profile put the faults near the quantiser's own cost).
+// Huge pages over the rows a large load writes take one fault per 2 MiB instead. A load is
+// large when its codes fill at least one huge page; then every array is advised over its
+// share of the load, even where that share is smaller than a huge page (a 10,000-row load
+// writes only 400 KB of node records): resident memory runs ahead of the rows stored by at
+// most one huge page per array, whatever the number of loads, and a small load (a row at a
+// time, say) keeps small pages. One system call per array per load, none per row.
 void advise_rows_ahead(semantic_vector_indexing_system* sys, uint32_t n) {
+    if (std::size_t{n} * orve::kCodeBytes < orve::kHugePageBytes) return;
     const std::size_t r0 = sys->node_count;
     const std::size_t cap = sys->capacity;
-    orve::advise_huge_pages(sys->slab_i8, cap * orve::kCodeBytes, r0 * orve::kCodeBytes,
-                            std::size_t{n} * orve::kCodeBytes);
-    orve::advise_huge_pages(sys->nodes, cap * sizeof(indexed_node), r0 * sizeof(indexed_node),
-                            std::size_t{n} * sizeof(indexed_node));
+    // Row r0 .. r0 + n - 1 of an array of cap rows of row_bytes each.
+    const auto advise = [&](void* block, std::size_t row_bytes) {
+        orve::advise_huge_pages(block, cap * row_bytes, r0 * row_bytes, n * row_bytes);
+    };
+    advise(sys->slab_i8, orve::kCodeBytes);
+    advise(sys->nodes, sizeof(indexed_node));
+    advise(sys->row_scale, sizeof(float));
+    advise(sys->row_norm, sizeof(float));
+    advise(sys->row_valid, sizeof(uint8_t));
+    // The LSH index counts its own entries and has its own capacity.
+    if (const enhanced_lsh_index* lsh = sys->lsh_index; lsh != nullptr) {
+        orve::advise_huge_pages(lsh->entries, std::size_t{lsh->capacity} * sizeof(lsh_entry),
+                                std::size_t{lsh->count} * sizeof(lsh_entry),
+                                std::size_t{n} * sizeof(lsh_entry));
+    }
 }
 
 // Stores n rows from row node_count on: ids from `ids`, or the 1-based row positions when it is
 // null. Returns the rows stored; a row that fails ends the call and leaves no trace, the rows
-// before it stay. The caller holds the lock and has ensured the store and the room.
+// before it stay. The caller holds the lock and has ensured the store and the room for n rows,
+// and advises the arrays for the `ahead` rows it expects to store from here on.
 //
 // Rows are quantised a block at a time into a stack buffer (the bulk quantiser runs one row
 // per vector lane), stored row by row, and counted, with their sidecar appends, a larger block
 // at a time, so a row that fails leaves the slab rows after it exactly as the one-row path would.
 uint32_t store_rows(semantic_vector_indexing_system* sys, const uint32_t* ids, const float* vecs,
-                    uint32_t n, int64_t t) {
+                    uint32_t n, int64_t t, uint32_t ahead) {
     constexpr uint32_t kBlock = 32;
     constexpr uint32_t kCommitRows = 8 * kBlock;
     int8_t codes[kBlock * orve::kCodeBytes];
@@ -171,7 +187,7 @@ uint32_t store_rows(semantic_vector_indexing_system* sys, const uint32_t* ids, c
     uint32_t clusters[kBlock];
     const bool legacy_ready = sys->lsh_index != nullptr && sys->clustering_index != nullptr;
     uint32_t committed = 0;
-    advise_rows_ahead(sys, n);
+    advise_rows_ahead(sys, ahead);
     for (uint32_t k0 = 0; k0 < n; k0 += kBlock) {
         const uint32_t m = n - k0 < kBlock ? n - k0 : kBlock;
         const float* block = vecs + static_cast<std::size_t>(k0) * ORVE512_DIM;
@@ -261,7 +277,7 @@ extern "C" ORVE_API int semantic_vector_indexing_system_load_vectors_f32(
     if (sys->slabs_dropped || orve_flat_index_ensure(sys) != 0) return -1;
     const int64_t t = static_cast<int64_t>(std::time(nullptr));
     // Identifiers are 1-based row positions.
-    const uint32_t stored = store_rows(sys, nullptr, vecs, n, t);
+    const uint32_t stored = store_rows(sys, nullptr, vecs, n, t, n);
     sys->last_update_time = t;
     return static_cast<int>(stored);
 }
@@ -269,13 +285,14 @@ extern "C" ORVE_API int semantic_vector_indexing_system_load_vectors_f32(
 namespace orve {
 
 uint32_t ingest_replayed_rows(semantic_vector_indexing_system* sys, const uint32_t* ids,
-                              const float* vecs, uint32_t n) {
+                              const float* vecs, uint32_t n, uint32_t rows_ahead) {
     object_lock guard(sys);
     if (sys->slabs_dropped || orve_flat_index_ensure(sys) != 0) return 0;
     // The one-row path refuses a row once the object is full; so do these, row by row.
     const uint32_t room = sys->capacity - sys->node_count;
     const int64_t t = static_cast<int64_t>(std::time(nullptr));
-    const uint32_t stored = store_rows(sys, ids, vecs, n < room ? n : room, t);
+    const uint32_t stored =
+        store_rows(sys, ids, vecs, n < room ? n : room, t, rows_ahead < room ? rows_ahead : room);
     if (stored != 0) sys->last_update_time = t;
     return stored;
 }

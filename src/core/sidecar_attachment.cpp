@@ -25,6 +25,8 @@ namespace {
 struct replay_context {
     semantic_vector_indexing_system* sys;
     uint32_t* file_row;
+    uint32_t file_rows;  // rows in the file, live and dead
+    bool advised;        // the rows still to come were announced to ingestion
     int32_t error;
 };
 
@@ -34,7 +36,16 @@ int32_t replay_block(const uint32_t* ids, const float* values, const uint32_t* p
     // The lock is recursive: it keeps the rows ingestion takes and the rows recorded the same.
     orve::object_lock guard(ctx->sys);
     const uint32_t r0 = ctx->sys->node_count;
-    const uint32_t stored = orve::ingest_replayed_rows(ctx->sys, ids, values, n);
+    // The file's rows from this block's first on bound the rows still to replay (dead rows
+    // are skipped). A block alone is too small for ingestion to advise huge pages over it;
+    // announcing all of them once, on the first block, gets the replay the advice a large load
+    // gets.
+    uint32_t ahead = 0;
+    if (!ctx->advised && n != 0 && positions[0] < ctx->file_rows) {
+        ahead = ctx->file_rows - positions[0];
+        ctx->advised = true;
+    }
+    const uint32_t stored = orve::ingest_replayed_rows(ctx->sys, ids, values, n, ahead);
     for (uint32_t i = 0; i < stored; ++i) ctx->file_row[r0 + i] = positions[i];
     if (stored != n) {
         ctx->error = -1;
@@ -104,7 +115,7 @@ extern "C" ORVE_API int semantic_vector_indexing_system_open_sidecar(
     if (rows >= orve::kNoFileRow) return -1;
     a->file_rows = static_cast<uint32_t>(rows);
 
-    replay_context ctx{sys, a->file_row, 0};
+    replay_context ctx{sys, a->file_row, static_cast<uint32_t>(rows), false, 0};
     if (orve::sidecar::replay_rows(a->file.fd, replay_block, &ctx) != 0 || ctx.error != 0) {
         return -1;
     }

@@ -8,21 +8,6 @@
 #include "lsh_cluster/lsh_hash.h"
 #include "semantic_vector_indexing.h"
 
-namespace {
-constexpr float kHashScale = 1000000.0f;
-// 2^64 as a float; every float at or above it is beyond the range of a u64.
-constexpr float kU64Limit = 18446744073709551616.0f;
-}  // namespace
-
-uint64_t orve::hash_of_projection(float dot, float offset) {
-    const float scaled = (offset + dot) * kHashScale;
-    // A float-to-integer conversion out of range is undefined, so the ends are clamped first;
-    // the negated comparison also sends NaN to 0.
-    if (!(scaled >= 0.0f)) return 0;
-    if (scaled >= kU64Limit) return UINT64_MAX;
-    return static_cast<uint64_t>(scaled);
-}
-
 extern "C" ORVE_API uint64_t generate_lsh_hash(const float* vector, const float* hyperplane,
                                                float offset) {
     if (vector == nullptr || hyperplane == nullptr) return 0;

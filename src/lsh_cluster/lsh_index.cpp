@@ -95,9 +95,15 @@ int orve::lsh_index_add_hashed(enhanced_lsh_index* index, const uint64_t* hashes
     entry.node_id = node_id;
     entry.confidence = kEntryConfidence;
     entry.n_hashes = index->n_hashes;
+    // A 64-bit division per hash is a good part of an entry's cost. Creation always makes
+    // n_buckets a power of two, and then masking keeps exactly the remainder's bits; any other
+    // count (a record edited by hand) keeps the division.
+    const uint64_t n_buckets = index->n_buckets;
+    const bool power_of_two = n_buckets != 0 && (n_buckets & (n_buckets - 1)) == 0;
     for (uint32_t h = 0; h < index->n_hashes; ++h) {
         entry.hashes[h] = hashes[h];
-        entry.buckets[h] = static_cast<uint32_t>(hashes[h] % index->n_buckets);
+        entry.buckets[h] = static_cast<uint32_t>(power_of_two ? hashes[h] & (n_buckets - 1)
+                                                              : hashes[h] % n_buckets);
     }
     // One slot per hash function, so an entry whose hashes share a bucket sits there more than
     // once; a full bucket just goes without this entry.
