@@ -99,18 +99,30 @@ void scan_tile(const semantic_vector_indexing_system* sys, const flat_rows* stor
         for (; i < nq; ++i) k.dot512_many(codes[i], rows, stop - s, dots + i * kTileRows + s);
         s = stop;
     }
+    const uint32_t n = end - t;
+    alignas(64) float scores[kTileRows];
     for (uint32_t i = 0; i < nq; ++i) {
         orve::query_context& ctx = ctxs[i];
         orve::candidate_sink& sink = ctx.sink;
         if (sink.capacity == 0) continue;
-        const int32_t* d = dots + i * kTileRows;
-        for (uint32_t r = t; r < end; ++r) {
+        // Scores of the whole tile at once; a row that was not scored gets a score from a stale
+        // dot product, which the loop below never reads.
+        if (store != nullptr) {
+            orve::cosine_from_dots(dots + i * kTileRows, ctx.scale, store->scale + t, ctx.norm,
+                                   store->norm + t, n, scores);
+        }
+        // Once the heap is full, a row scoring no more than its weakest entry is refused, and
+        // that entry only rises as the tile's offers go in: a row not above the entry as it was
+        // at the tile's start is one offer() would refuse, and skipping it changes nothing.
+        const bool full = sink.count == sink.capacity;
+        const float bar = full ? sink.heap[0].score : 0.0f;
+        for (uint32_t r = 0; r < n; ++r) {
             float score;
-            if (scored[r - t]) {
-                sink.offer(r, orve::cosine_from_dot(d[r - t], ctx.scale, store->scale[r], ctx.norm,
-                                                    store->norm[r]));
-            } else if (record_score(sys, r, ctx, &score)) {
-                sink.offer(r, score);
+            if (scored[r]) {
+                if (full && !(scores[r] > bar)) continue;
+                sink.offer(t + r, scores[r]);
+            } else if (record_score(sys, t + r, ctx, &score)) {
+                sink.offer(t + r, score);
             }
         }
     }
@@ -148,7 +160,8 @@ int brute_force_search_block(semantic_vector_indexing_system* sys,
     for (uint32_t i = 0; i < nq; ++i) {
         if (!begin_query(sys, &qs[i], view.rows, view.rows, false, ctxs[i])) return -1;
     }
-    int32_t dots[kBruteForceBlock * kTileRows];
+    // Zeroed once so that no score is ever computed from an unwritten dot product.
+    int32_t dots[kBruteForceBlock * kTileRows] = {};
     for (uint32_t t = 0; t < view.rows; t += kTileRows) {
         const uint32_t end = view.rows - t < kTileRows ? view.rows : t + kTileRows;
         scan_tile(sys, view.store, t, end, ctxs, nq, dots);
