@@ -15,11 +15,13 @@
 #include "search/brute_force.h"
 
 #include <cstring>
+#include <new>
 
 #include "core/flat_pin.h"
 #include "core/system.h"
 #include "quant/cosine.h"
 #include "quant/kernel_table.h"
+#include "util/c_alloc.h"
 #include "search/query_context.h"
 
 namespace {
@@ -128,6 +130,15 @@ void scan_tile(const semantic_vector_indexing_system* sys, const flat_rows* stor
     }
 }
 
+// The query contexts of a block, in C-allocator memory; the first `live` were constructed.
+struct context_block {
+    orve::c_unique<orve::query_context[]> mem;
+    uint32_t live = 0;
+    ~context_block() {
+        for (uint32_t i = 0; i < live; ++i) mem[i].~query_context();
+    }
+};
+
 }  // namespace
 
 namespace orve {
@@ -156,15 +167,24 @@ int brute_force_search_block(semantic_vector_indexing_system* sys,
     const flat_view view = flat_pin(sys);
     const flat_pin_guard pin(view.store);
     if (view.dropped) return -1;  // the caller answers one by one, and each query is refused
-    query_context ctxs[kBruteForceBlock];
-    for (uint32_t i = 0; i < nq; ++i) {
-        if (!begin_query(sys, &qs[i], view.rows, view.rows, false, ctxs[i])) return -1;
+    // Both from the heap, as a block's queries and dot products (70 KiB at 64 queries) are too
+    // much for a host thread's stack; the dot products zeroed so that no score is ever computed
+    // from an unwritten one. Either failing, the caller answers one query at a time.
+    context_block block;
+    block.mem = c_aligned_array<query_context>(nq, alignof(query_context));
+    const auto dots = c_calloc_array<int32_t>(static_cast<std::size_t>(nq) * kTileRows);
+    if (!block.mem || !dots) return -1;
+    query_context* ctxs = block.mem.get();
+    for (; block.live < nq; ++block.live) {
+        new (&ctxs[block.live]) query_context();
+        if (!begin_query(sys, &qs[block.live], view.rows, view.rows, false, ctxs[block.live])) {
+            ++block.live;
+            return -1;
+        }
     }
-    // Zeroed once so that no score is ever computed from an unwritten dot product.
-    int32_t dots[kBruteForceBlock * kTileRows] = {};
     for (uint32_t t = 0; t < view.rows; t += kTileRows) {
         const uint32_t end = view.rows - t < kTileRows ? view.rows : t + kTileRows;
-        scan_tile(sys, view.store, t, end, ctxs, nq, dots);
+        scan_tile(sys, view.store, t, end, ctxs, nq, dots.get());
     }
     for (uint32_t i = 0; i < nq; ++i) {
         vector_similarity_result* block = results + static_cast<std::size_t>(stride) * i;
