@@ -102,22 +102,39 @@ void scan_tile(const semantic_vector_indexing_system* sys, const flat_rows* stor
         s = stop;
     }
     const uint32_t n = end - t;
+    uint32_t n_scored = 0;
+    for (uint32_t r = 0; r < n; ++r) n_scored += scored[r];
+    const bool all_scored = n_scored == n;
     alignas(64) float scores[kTileRows];
     for (uint32_t i = 0; i < nq; ++i) {
         orve::query_context& ctx = ctxs[i];
         orve::candidate_sink& sink = ctx.sink;
         if (sink.capacity == 0) continue;
-        // Scores of the whole tile at once; a row that was not scored gets a score from a stale
-        // dot product, which the loop below never reads.
-        if (store != nullptr) {
-            orve::cosine_from_dots(dots + i * kTileRows, ctx.scale, store->scale + t, ctx.norm,
-                                   store->norm + t, n, scores);
-        }
         // Once the heap is full, a row scoring no more than its weakest entry is refused, and
         // that entry only rises as the tile's offers go in: a row not above the entry as it was
         // at the tile's start is one offer() would refuse, and skipping it changes nothing.
         const bool full = sink.count == sink.capacity;
         const float bar = full ? sink.heap[0].score : 0.0f;
+        // Scores of the whole tile at once; a row that was not scored gets a score from a stale
+        // dot product, which the loops below never read.
+        bool any_above = true;
+        if (store != nullptr) {
+            any_above = orve::cosine_from_dots(dots + i * kTileRows, ctx.scale, store->scale + t,
+                                               ctx.norm, store->norm + t, n, bar, scores);
+        }
+        if (full && all_scored) {
+            // The common case on a long scan: usually no row of the tile is above the bar, and
+            // otherwise one comparison per row, the bar following the weakest entry up.
+            if (!any_above) continue;
+            float top = bar;
+            for (uint32_t r = 0; r < n; ++r) {
+                if (scores[r] > top) {
+                    sink.offer(t + r, scores[r]);
+                    top = sink.heap[0].score;
+                }
+            }
+            continue;
+        }
         for (uint32_t r = 0; r < n; ++r) {
             float score;
             if (scored[r]) {
