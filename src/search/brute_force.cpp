@@ -21,8 +21,8 @@
 #include "core/system.h"
 #include "quant/cosine.h"
 #include "quant/kernel_table.h"
-#include "util/c_alloc.h"
 #include "search/query_context.h"
+#include "util/c_alloc.h"
 
 namespace {
 
@@ -187,15 +187,15 @@ int brute_force_search_block(semantic_vector_indexing_system* sys,
     // Both from the heap, as a block's queries and dot products (70 KiB at 64 queries) are too
     // much for a host thread's stack; the dot products zeroed so that no score is ever computed
     // from an unwritten one. Either failing, the caller answers one query at a time.
-    context_block block;
-    block.mem = c_aligned_array<query_context>(nq, alignof(query_context));
+    context_block owned;
+    owned.mem = c_aligned_array<query_context>(nq, alignof(query_context));
     const auto dots = c_calloc_array<int32_t>(static_cast<std::size_t>(nq) * kTileRows);
-    if (!block.mem || !dots) return -1;
-    query_context* ctxs = block.mem.get();
-    for (; block.live < nq; ++block.live) {
-        new (&ctxs[block.live]) query_context();
-        if (!begin_query(sys, &qs[block.live], view.rows, view.rows, false, ctxs[block.live])) {
-            ++block.live;
+    if (!owned.mem || !dots) return -1;
+    query_context* ctxs = owned.mem.get();
+    for (; owned.live < nq; ++owned.live) {
+        new (&ctxs[owned.live]) query_context();
+        if (!begin_query(sys, &qs[owned.live], view.rows, view.rows, false, ctxs[owned.live])) {
+            ++owned.live;
             return -1;
         }
     }
