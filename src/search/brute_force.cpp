@@ -15,12 +15,14 @@
 #include "search/brute_force.h"
 
 #include <cstring>
+#include <new>
 
 #include "core/flat_pin.h"
 #include "core/system.h"
 #include "quant/cosine.h"
 #include "quant/kernel_table.h"
 #include "search/query_context.h"
+#include "util/c_alloc.h"
 
 namespace {
 
@@ -99,22 +101,60 @@ void scan_tile(const semantic_vector_indexing_system* sys, const flat_rows* stor
         for (; i < nq; ++i) k.dot512_many(codes[i], rows, stop - s, dots + i * kTileRows + s);
         s = stop;
     }
+    const uint32_t n = end - t;
+    uint32_t n_scored = 0;
+    for (uint32_t r = 0; r < n; ++r) n_scored += scored[r];
+    const bool all_scored = n_scored == n;
+    alignas(64) float scores[kTileRows];
     for (uint32_t i = 0; i < nq; ++i) {
         orve::query_context& ctx = ctxs[i];
         orve::candidate_sink& sink = ctx.sink;
         if (sink.capacity == 0) continue;
-        const int32_t* d = dots + i * kTileRows;
-        for (uint32_t r = t; r < end; ++r) {
+        // Once the heap is full, a row scoring no more than its weakest entry is refused, and
+        // that entry only rises as the tile's offers go in: a row not above the entry as it was
+        // at the tile's start is one offer() would refuse, and skipping it changes nothing.
+        const bool full = sink.count == sink.capacity;
+        const float bar = full ? sink.heap[0].score : 0.0f;
+        // Scores of the whole tile at once; a row that was not scored gets a score from a stale
+        // dot product, which the loops below never read.
+        bool any_above = true;
+        if (store != nullptr) {
+            any_above = orve::cosine_from_dots(dots + i * kTileRows, ctx.scale, store->scale + t,
+                                               ctx.norm, store->norm + t, n, bar, scores);
+        }
+        if (full && all_scored) {
+            // The common case on a long scan: usually no row of the tile is above the bar, and
+            // otherwise one comparison per row, the bar following the weakest entry up.
+            if (!any_above) continue;
+            float top = bar;
+            for (uint32_t r = 0; r < n; ++r) {
+                if (scores[r] > top) {
+                    sink.offer(t + r, scores[r]);
+                    top = sink.heap[0].score;
+                }
+            }
+            continue;
+        }
+        for (uint32_t r = 0; r < n; ++r) {
             float score;
-            if (scored[r - t]) {
-                sink.offer(r, orve::cosine_from_dot(d[r - t], ctx.scale, store->scale[r], ctx.norm,
-                                                    store->norm[r]));
-            } else if (record_score(sys, r, ctx, &score)) {
-                sink.offer(r, score);
+            if (scored[r]) {
+                if (full && !(scores[r] > bar)) continue;
+                sink.offer(t + r, scores[r]);
+            } else if (record_score(sys, t + r, ctx, &score)) {
+                sink.offer(t + r, score);
             }
         }
     }
 }
+
+// The query contexts of a block, in C-allocator memory; the first `live` were constructed.
+struct context_block {
+    orve::c_unique<orve::query_context[]> mem;
+    uint32_t live = 0;
+    ~context_block() {
+        for (uint32_t i = 0; i < live; ++i) mem[i].~query_context();
+    }
+};
 
 }  // namespace
 
@@ -144,14 +184,24 @@ int brute_force_search_block(semantic_vector_indexing_system* sys,
     const flat_view view = flat_pin(sys);
     const flat_pin_guard pin(view.store);
     if (view.dropped) return -1;  // the caller answers one by one, and each query is refused
-    query_context ctxs[kBruteForceBlock];
-    for (uint32_t i = 0; i < nq; ++i) {
-        if (!begin_query(sys, &qs[i], view.rows, view.rows, false, ctxs[i])) return -1;
+    // Both from the heap, as a block's queries and dot products (70 KiB at 64 queries) are too
+    // much for a host thread's stack; the dot products zeroed so that no score is ever computed
+    // from an unwritten one. Either failing, the caller answers one query at a time.
+    context_block owned;
+    owned.mem = c_aligned_array<query_context>(nq, alignof(query_context));
+    const auto dots = c_calloc_array<int32_t>(static_cast<std::size_t>(nq) * kTileRows);
+    if (!owned.mem || !dots) return -1;
+    query_context* ctxs = owned.mem.get();
+    for (; owned.live < nq; ++owned.live) {
+        new (&ctxs[owned.live]) query_context();
+        if (!begin_query(sys, &qs[owned.live], view.rows, view.rows, false, ctxs[owned.live])) {
+            ++owned.live;
+            return -1;
+        }
     }
-    int32_t dots[kBruteForceBlock * kTileRows];
     for (uint32_t t = 0; t < view.rows; t += kTileRows) {
         const uint32_t end = view.rows - t < kTileRows ? view.rows : t + kTileRows;
-        scan_tile(sys, view.store, t, end, ctxs, nq, dots);
+        scan_tile(sys, view.store, t, end, ctxs, nq, dots.get());
     }
     for (uint32_t i = 0; i < nq; ++i) {
         vector_similarity_result* block = results + static_cast<std::size_t>(stride) * i;

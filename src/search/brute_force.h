@@ -11,8 +11,9 @@ namespace orve {
 int brute_force_search(semantic_vector_indexing_system* sys, const vector_similarity_query* q,
                        vector_similarity_result* results, uint32_t* count);
 
-// The most queries one pass over the store serves.
-constexpr uint32_t kBruteForceBlock = 16;
+// The most queries one pass over the store serves: a batch of 64 reads the store once, not
+// four times, which counts once the rows no longer fit the caches.
+constexpr uint32_t kBruteForceBlock = 64;
 
 // Queries qs[0..nq) (nq at most kBruteForceBlock) in one pass over the store under one pin;
 // query i's answer is the one brute_force_search gives at the pin, written to

@@ -88,20 +88,27 @@ TEST(BruteForce, MatchesIndependentModelThresholdAndArguments) {
 
 // A batch answers each query exactly as a lone search does: same count, same result bytes
 // (ids, order, score bits, zeroed tail), across blocks of the batch, partial row tiles, a row
-// without a vector in the middle of the store, thresholds and re-ranking from the sidecar.
+// without a vector in the middle of the store, ties, zero vectors, thresholds and re-ranking
+// from the sidecar.
 TEST(BruteForce, BatchEqualsOneQueryAtATime) {
     orve_test::scratch_dir dir;
     system_block b;
     auto* sys = b.get();
     ASSERT_EQ(create_with_capacity(sys, "1000"), 0);
     ASSERT_EQ(semantic_vector_indexing_system_open_sidecar(sys, dir.file("v.sidecar").c_str()), 0);
-    const auto vecs = orve_test::gaussian_vectors(700, 50);
+    auto vecs = orve_test::gaussian_vectors(700, 50);
+    // Rows 1-3 repeat row 0, so a query equal to it meets ties at its heap's weakest entry, and
+    // row 400 is zero, so its score is 0 by the zero-scale rule rather than by a division.
+    for (int r = 1; r <= 3; ++r)
+        std::copy(vecs.begin(), vecs.begin() + 512, vecs.begin() + r * 512);
+    std::fill(vecs.begin() + 400 * 512, vecs.begin() + 401 * 512, 0.0f);
     ASSERT_EQ(semantic_vector_indexing_system_load_vectors_f32(sys, vecs.data(), 300), 300);
     unsigned char host[632] = {201};  // a row with no vector
     ASSERT_EQ(semantic_vector_indexing_system_add_node(sys, host), 0);
     ASSERT_EQ(semantic_vector_indexing_system_load_vectors_f32(sys, &vecs[300 * 512], 400), 400);
     auto queries = orve_test::gaussian_vectors(64, 51);
     std::copy(vecs.begin(), vecs.begin() + 512, queries.begin() + 3 * 512);  // a stored row
+    std::fill(queries.begin() + 5 * 512, queries.begin() + 6 * 512, 0.0f);  // every score ties at 0
     struct {
         uint32_t n, k;
         float min_similarity;
