@@ -218,20 +218,22 @@ double queries_per_second(Run run) {
     return reps / seconds_since(t0);
 }
 
-// Rows a query scans at n_probe: the sizes of its routed buckets, averaged over the queries.
-double ivf_rows_scanned(object& o, const std::vector<float>& queries, uint32_t n_probe) {
+// Rows a query scans at n_probe: the sizes of its routed buckets, averaged over the first nq
+// queries.
+double ivf_rows_scanned(object& o, const std::vector<float>& queries, uint32_t n_probe,
+                        uint32_t nq = 64) {
     ivf_live* live = nullptr;
     if (ivf_rcu_pin_live(o.sys, &live) != 0) return 0;
     const orve_ivf_index& idx = live->index;
     const uint32_t n = n_probe < idx.n_buckets ? n_probe : idx.n_buckets;
     std::vector<uint32_t> b(n);
     double rows = 0;
-    for (uint32_t i = 0; i < 64; ++i) {
+    for (uint32_t i = 0; i < nq; ++i) {
         if (orve_ivf_route_top_buckets(&idx, &queries[512 * i], n, b.data()) != 0) continue;
         for (uint32_t j = 0; j < n; ++j) rows += idx.bucket_sizes[b[j]];
     }
     ivf_live_release(live);
-    return rows / 64;
+    return rows / nq;
 }
 
 // An IVF batch of the 64 queries at n_probe 8, k 10, against the same queries one at a time.
@@ -310,7 +312,7 @@ void index_scans(object& o, std::size_t rows, const std::vector<float>& centres)
     constexpr int kPasses = 5;
     const uint32_t probe_set[3] = {nlist, nlist / 2, nlist / 8};
     double per_probe_rows[3];
-    for (int k = 0; k < 3; ++k) per_probe_rows[k] = ivf_rows_scanned(o, queries, probe_set[k]);
+    for (int k = 0; k < 3; ++k) per_probe_rows[k] = ivf_rows_scanned(o, queries, probe_set[k], nq);
     std::vector<double> brute_rates, ivf_rates[3], ivf_ratios[3], hivf_rates, hivf_ratios;
     for (int pass = 0; pass <= kPasses; ++pass) {
         const double brute = rate(0, 0, 0, 0, 0, static_cast<double>(rows));

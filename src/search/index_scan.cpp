@@ -8,6 +8,9 @@
 namespace orve {
 namespace {
 
+// Rows of a bucket whose codes prefetch_bucket asks for: one 4 KiB page.
+constexpr uint32_t kPrefetchRows = 8;
+
 // Offers rows p0 .. p0 + len of the index, whose dot products with the query are dots[0 ..
 // len). The row arrays are read in order, so this part of the scan streams like brute force.
 inline void offer_rows(const orve_ivf_index& index, uint32_t p0, uint32_t len, const int32_t* dots,
@@ -39,6 +42,20 @@ void scan_bucket(const orve_ivf_index& index, uint32_t b, query_context& ctx) {
         many(ctx.codes, index.codes + static_cast<std::size_t>(p0) * kCodeBytes, len, dots);
         offer_rows(index, p0, len, dots, ctx);
     }
+}
+
+void prefetch_bucket(const orve_ivf_index& index, uint32_t b) {
+    if (index.codes == nullptr || b >= index.n_buckets) return;
+    const uint32_t first = index.bucket_offsets[b];
+    const uint32_t size = index.bucket_sizes[b];
+    if (size == 0) return;
+    __builtin_prefetch(index.row_ids + first);
+    __builtin_prefetch(index.row_scales + first);
+    __builtin_prefetch(index.row_norms + first);
+    // The first rows only: once the scan reads on in order, the hardware streams the rest.
+    const uint32_t rows = size < kPrefetchRows ? size : kPrefetchRows;
+    const int8_t* codes = index.codes + static_cast<std::size_t>(first) * kCodeBytes;
+    for (std::size_t off = 0; off < rows * kCodeBytes; off += 64) __builtin_prefetch(codes + off);
 }
 
 void offer_bucket(const orve_ivf_index& index, uint32_t b, const int32_t* dots,
