@@ -6,7 +6,8 @@
 //
 // Usage: bench_system [--rows N] [--builds-only [--skip-ivf] | --ingestion | --scans |
 // --rerank] (default 1000000; the small size is N / 10).
-//   --scans         only the scan rates and the batch figures, at both sizes
+//   --scans         only the scan rates (medians of interleaved passes) and the batch
+//                   figures, at both sizes
 //   --builds-only   only the build figures, at both sizes
 //   --skip-ivf      with --builds-only: no IVF build, so the H-IVF figures hold no IVF index
 //   --ingestion     only the ingestion and sidecar replay rates, at both sizes
@@ -303,9 +304,10 @@ void index_scans(object& o, std::size_t rows, const std::vector<float>& centres)
         }
         return nq * rows_per_query / seconds_since(t0);
     };
-    // A single figure per path, taken one after the other, swung by a third between runs on
-    // the same machine: whichever path ran first paid the first touches of its arrays, and the
-    // load of other processes (and with it the core's clock) drifted between the paths. So
+    // A single figure per path, taken once and one path after the other, swung by a third
+    // between runs on the same machine: it took in the first touches of whichever path ran
+    // first, and the load of other processes (and with it the core's clock) drifted between
+    // the paths, so a ratio compared two different machines. So
     // every pass measures all the paths back to back, a warm-up pass is thrown away, and each
     // figure is the median over the passes, its ratio the median of the per-pass ratios, both
     // sides of which were measured seconds apart.
