@@ -6,7 +6,8 @@
 //
 // Usage: bench_system [--rows N] [--builds-only [--skip-ivf] | --ingestion | --scans |
 // --rerank] (default 1000000; the small size is N / 10).
-//   --scans         only the scan rates and the batch figures, at both sizes
+//   --scans         only the scan rates (medians of interleaved passes) and the batch
+//                   figures, at both sizes
 //   --builds-only   only the build figures, at both sizes
 //   --skip-ivf      with --builds-only: no IVF build, so the H-IVF figures hold no IVF index
 //   --ingestion     only the ingestion and sidecar replay rates, at both sizes
@@ -276,20 +277,22 @@ double queries_per_second(Run run) {
     return reps / seconds_since(t0);
 }
 
-// Rows a query scans at n_probe: the sizes of its routed buckets, averaged over the queries.
-double ivf_rows_scanned(object& o, const std::vector<float>& queries, uint32_t n_probe) {
+// Rows a query scans at n_probe: the sizes of its routed buckets, averaged over the first nq
+// queries.
+double ivf_rows_scanned(object& o, const std::vector<float>& queries, uint32_t n_probe,
+                        uint32_t nq = 64) {
     ivf_live* live = nullptr;
     if (ivf_rcu_pin_live(o.sys, &live) != 0) return 0;
     const orve_ivf_index& idx = live->index;
     const uint32_t n = n_probe < idx.n_buckets ? n_probe : idx.n_buckets;
     std::vector<uint32_t> b(n);
     double rows = 0;
-    for (uint32_t i = 0; i < 64; ++i) {
+    for (uint32_t i = 0; i < nq; ++i) {
         if (orve_ivf_route_top_buckets(&idx, &queries[512 * i], n, b.data()) != 0) continue;
         for (uint32_t j = 0; j < n; ++j) rows += idx.bucket_sizes[b[j]];
     }
     ivf_live_release(live);
-    return rows / 64;
+    return rows / nq;
 }
 
 // An IVF batch of the 64 queries at n_probe 8, k 10, against the same queries one at a time.
@@ -336,10 +339,15 @@ void index_scans(object& o, std::size_t rows, const std::vector<float>& centres)
         std::printf("index scans, %zu rows: build failed\n", rows);
         return;
     }
+    // One measurement: the same `nq` queries once each, as rows scored per second. `rows_per_query`
+    // is the rows each query scans (all of them for brute force and the H-IVF with every leaf).
+    const uint32_t nq = rows > 200000 ? 16 : 64;
     vector_similarity_result res[10];
     uint32_t n = 0;
-    auto one = [&](uint8_t ivf, uint32_t probes, uint8_t hivf, uint32_t p1, uint32_t p2) {
-        return queries_per_second([&](uint32_t i) {
+    auto rate = [&](uint8_t ivf, uint32_t probes, uint8_t hivf, uint32_t p1, uint32_t p2,
+                    double rows_per_query) {
+        const auto t0 = clock_type::now();
+        for (uint32_t i = 0; i < nq; ++i) {
             vector_similarity_query q = {};
             q.use_orve512 = 1;
             q.max_results = 10;
@@ -351,20 +359,53 @@ void index_scans(object& o, std::size_t rows, const std::vector<float>& centres)
             q.n_probe_l1 = p1;
             q.n_probe_l2 = p2;
             semantic_vector_indexing_system_search_similar(o.sys, &q, res, &n);
-        });
+        }
+        return nq * rows_per_query / seconds_since(t0);
     };
-    const double brute = one(0, 0, 0, 0, 0) * rows;
-    std::printf("scan rates, %8zu rows (nlist %u, H-IVF %u x %u):\n", rows, nlist, b, b);
-    std::printf("  brute force:              %.3e rows/s\n", brute);
-    for (uint32_t probes : {nlist, nlist / 2, nlist / 8}) {
-        const double rate = one(1, probes, 0, 0, 0) * ivf_rows_scanned(o, queries, probes);
-        std::printf("  IVF n_probe %5u:        %.3e rows/s (%3.0f%% of brute force)\n", probes,
-                    rate, 100.0 * rate / brute);
+    // A single figure per path, taken once and one path after the other, swung by a third
+    // between runs on the same machine: it took in the first touches of whichever path ran
+    // first, and the load of other processes (and with it the core's clock) drifted between
+    // the paths, so a ratio compared two different machines. So
+    // every pass measures all the paths back to back, a warm-up pass is thrown away, and each
+    // figure is the median over the passes, its ratio the median of the per-pass ratios, both
+    // sides of which were measured seconds apart.
+    constexpr int kPasses = 5;
+    const uint32_t probe_set[3] = {nlist, nlist / 2, nlist / 8};
+    double per_probe_rows[3];
+    for (int k = 0; k < 3; ++k) per_probe_rows[k] = ivf_rows_scanned(o, queries, probe_set[k], nq);
+    std::vector<double> brute_rates, ivf_rates[3], ivf_ratios[3], hivf_rates, hivf_ratios;
+    for (int pass = 0; pass <= kPasses; ++pass) {
+        const double brute = rate(0, 0, 0, 0, 0, static_cast<double>(rows));
+        double ivf[3];
+        for (int k = 0; k < 3; ++k) ivf[k] = rate(1, probe_set[k], 0, 0, 0, per_probe_rows[k]);
+        // Every leaf probed: the H-IVF scans every row.
+        const double hivf = rate(0, 0, 1, b, b, static_cast<double>(rows));
+        if (pass == 0) continue;
+        brute_rates.push_back(brute);
+        for (int k = 0; k < 3; ++k) {
+            ivf_rates[k].push_back(ivf[k]);
+            ivf_ratios[k].push_back(ivf[k] / brute);
+        }
+        hivf_rates.push_back(hivf);
+        hivf_ratios.push_back(hivf / brute);
     }
-    // Every leaf probed: the H-IVF scans every row.
-    const double hivf = one(0, 0, 1, b, b) * rows;
-    std::printf("  H-IVF all %3u x %3u:      %.3e rows/s (%3.0f%% of brute force)\n", b, b, hivf,
-                100.0 * hivf / brute);
+    auto median = [](std::vector<double> v) {
+        std::sort(v.begin(), v.end());
+        return v[v.size() / 2];
+    };
+    std::printf(
+        "scan rates, %8zu rows (nlist %u, H-IVF %u x %u; medians of %d interleaved passes of "
+        "the same %u queries per path, after one warm-up pass):\n",
+        rows, nlist, b, b, kPasses, nq);
+    std::printf("  brute force:              %.3e rows/s (passes %.3e .. %.3e)\n",
+                median(brute_rates), *std::min_element(brute_rates.begin(), brute_rates.end()),
+                *std::max_element(brute_rates.begin(), brute_rates.end()));
+    for (int k = 0; k < 3; ++k) {
+        std::printf("  IVF n_probe %5u:        %.3e rows/s (%3.0f%% of brute force)\n",
+                    probe_set[k], median(ivf_rates[k]), 100.0 * median(ivf_ratios[k]));
+    }
+    std::printf("  H-IVF all %3u x %3u:      %.3e rows/s (%3.0f%% of brute force)\n", b, b,
+                median(hivf_rates), 100.0 * median(hivf_ratios));
 
     batch_figures(o, queries, "");
     // Batches whose queries are near each other probe the same buckets, which is where

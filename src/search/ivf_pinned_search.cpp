@@ -21,6 +21,7 @@ int search_similar_orve512_ivf_rcu_pinned(semantic_vector_indexing_system* sys, 
     if (!orve::begin_query(sys, q, index.n_rows, index.n_rows, true, ctx)) return -1;
     for (uint32_t i = 0; i < n; ++i) {
         if (buckets[i] >= index.n_buckets) continue;
+        if (i + 1 < n) orve::prefetch_bucket(index, buckets[i + 1]);
         orve::scan_bucket(index, buckets[i], ctx);
     }
     orve::finish_results(ctx.sink.heap, ctx.sink.count, q, sys, results, count);
@@ -62,6 +63,9 @@ int search_similar_orve512_hivf_pinned(semantic_vector_indexing_system* sys,
         if (l1[i] >= index.b1) continue;
         const orve_ivf_index& leaf = index.l2_indexes[l1[i]];
         if (l2[i] >= leaf.n_buckets) continue;
+        if (i + 1 < leaves && l1[i + 1] < index.b1) {
+            orve::prefetch_bucket(index.l2_indexes[l1[i + 1]], l2[i + 1]);
+        }
         orve::scan_bucket(leaf, l2[i], ctx);
     }
     orve::finish_results(ctx.sink.heap, ctx.sink.count, q, sys, results, count);
