@@ -12,6 +12,7 @@
 //   --skip-ivf      with --builds-only: no IVF build, so the H-IVF figures hold no IVF index
 //   --ingestion     only the ingestion and sidecar replay rates, at both sizes
 //   --rerank        only plain against re-ranked IVF queries/s, at both sizes
+//   --batch         only the IVF batch figures, at N rows only (IVF built, no H-IVF)
 #include <sys/resource.h>
 #include <unistd.h>
 
@@ -417,6 +418,28 @@ void index_scans(object& o, std::size_t rows, const std::vector<float>& centres)
     batch_figures(o, near, " (64 queries near 8)");
 }
 
+// --batch: the IVF batch figures alone at one size, for measuring batch changes without the
+// H-IVF build and the scan-rate sweeps.
+void batch_only(std::size_t rows, const std::vector<float>& centres) {
+    object o(rows);
+    ingest(o, rows, centres);
+    rng r{4242};
+    std::vector<float> queries(64 * 512);
+    fill_rows(queries, 11, centres, r);
+    const auto nlist = static_cast<uint32_t>(2.0 * std::sqrt(static_cast<double>(rows)));
+    if (semantic_vector_indexing_system_build_ivf(o.sys, nlist, 42) != 0) {
+        std::printf("IVF batch, %zu rows: build failed\n", rows);
+        return;
+    }
+    std::printf("IVF batch, %8zu rows (nlist %u):\n", rows, nlist);
+    batch_figures(o, queries, "");
+    std::vector<float> near(queries.size());
+    for (std::size_t i = 0; i < near.size(); ++i) {
+        near[i] = queries[i % (8 * 512)] + 0.05f * r.next();
+    }
+    batch_figures(o, near, " (64 queries near 8)");
+}
+
 // One stage of a build: seconds, and the peak resident memory during it per stored row, both
 // in total and above what was resident when the stage began.
 template <typename Stage>
@@ -546,10 +569,15 @@ int main(int argc, char** argv) {
     if (ingestion_only(argc, argv, big)) return 0;
     for (int i = 1; i < argc; ++i) {
         const bool scans = std::strcmp(argv[i], "--scans") == 0;
-        if (!scans && std::strcmp(argv[i], "--rerank") != 0) continue;
+        const bool batch = std::strcmp(argv[i], "--batch") == 0;
+        if (!scans && !batch && std::strcmp(argv[i], "--rerank") != 0) continue;
         std::vector<float> centres(256 * 512);
         rng r{7};
         for (float& x : centres) x = r.next();
+        if (batch) {
+            batch_only(big, centres);
+            return 0;
+        }
         if (!scans) {
             rerank_figures(big / 10, centres);
             if (big > 100000) rerank_figures(big, centres);
