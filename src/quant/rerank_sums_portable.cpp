@@ -17,22 +17,14 @@ void rerank_sums8_portable(const float* query, const float* const* rows, double*
         qr_sum += q * v;
         rr_sum += v * v;
     };
-    const auto step = [&](double qs, quad_f32 a, quad_f32 b) __attribute__((always_inline)) {
+    const auto step = [&](float qs, quad_f32 a, quad_f32 b) __attribute__((always_inline)) {
         const pair_f64 q = {qs, qs};
         add(qr0, rr0, q, __builtin_shufflevector(a, a, 0, 1));
         add(qr1, rr1, q, __builtin_shufflevector(a, a, 2, 3));
         add(qr2, rr2, q, __builtin_shufflevector(b, b, 0, 1));
         add(qr3, rr3, q, __builtin_shufflevector(b, b, 2, 3));
     };
-    for (int i = 0; i < 512; i += 4) {
-        quad_f32 a[4], b[4];  // a[d]: value i + d of rows 0-3; b[d] of rows 4-7
-        transpose4(rows, i, a);
-        transpose4(rows + 4, i, b);
-        step(query[i], a[0], b[0]);
-        step(query[i + 1], a[1], b[1]);
-        step(query[i + 2], a[2], b[2]);
-        step(query[i + 3], a[3], b[3]);
-    }
+    for_each_value_of_eight(query, rows, step);
     const pair_f64 qr_all[4] = {qr0, qr1, qr2, qr3}, rr_all[4] = {rr0, rr1, rr2, rr3};
     std::memcpy(qr, qr_all, sizeof qr_all);
     std::memcpy(rr, rr_all, sizeof rr_all);

@@ -17,15 +17,7 @@ void rerank_sums8_avx2(const float* query, const float* const* rows, double* qr,
         qr_b = _mm256_add_pd(qr_b, _mm256_mul_pd(q, vb));
         rr_b = _mm256_add_pd(rr_b, _mm256_mul_pd(vb, vb));
     };
-    for (int i = 0; i < 512; i += 4) {
-        quad_f32 a[4], b[4];  // a[d]: value i + d of rows 0-3; b[d] of rows 4-7
-        transpose4(rows, i, a);
-        transpose4(rows + 4, i, b);
-        step(query[i], a[0], b[0]);
-        step(query[i + 1], a[1], b[1]);
-        step(query[i + 2], a[2], b[2]);
-        step(query[i + 3], a[3], b[3]);
-    }
+    for_each_value_of_eight(query, rows, step);
     _mm256_storeu_pd(qr, qr_a);
     _mm256_storeu_pd(qr + 4, qr_b);
     _mm256_storeu_pd(rr, rr_a);
