@@ -3,7 +3,6 @@
 
 #include <stdlib.h>
 
-#include <algorithm>
 #include <cmath>
 #include <cstring>
 #include <vector>
@@ -63,9 +62,8 @@ TEST(KmeansPlusPlus, DrawEqualsOneRunningSumOverManyRows) {
     for (std::size_t i = 0; i < spread.size(); ++i) spread[i] = (i % 97 == 0) ? 1e6f : 1e-3f * i;
     // Blocks of three rows here: the sum crosses a target inside block 499 and falls below it
     // again by the block's end.
-    for (std::size_t i = 0; i < negative.size(); ++i) {
+    for (std::size_t i = 0; i < negative.size(); ++i)
         negative[i] = i == 1497 ? 1e6f : (i == 1499 ? -1e6f : 1.0f);
-    }
     for (std::size_t i = 0; i < nan.size(); ++i) nan[i] = i == 1200 ? NAN : 1.0f;
     for (const auto* d : {&spread, &zeros, &negative, &nan}) {
         for (unsigned seed = 1; seed < 60; ++seed) {

@@ -21,17 +21,14 @@ struct centroid_set {
     void add(float t) {
         std::vector<float> v(512, 0.0f);
         v[0] = t, v[1] = std::sqrt(1.0f - t * t);
-        codes.resize(codes.size() + 512);
-        scales.push_back(0.0f), norms.push_back(0.0f);
+        codes.resize(codes.size() + 512), scales.push_back(0.0f), norms.push_back(0.0f);
         orve_quantize_float_vector_symmetric(v.data(), 512, &codes[codes.size() - 512],
                                              &scales.back(), &norms.back());
     }
     uint32_t size() const { return static_cast<uint32_t>(scales.size()); }
     void point(orve_ivf_index* x) {
-        x->n_buckets = size();
-        x->centroid_codes = codes.data();
-        x->centroid_scales = scales.data();
-        x->centroid_norms = norms.data();
+        x->n_buckets = size(), x->centroid_codes = codes.data();
+        x->centroid_scales = scales.data(), x->centroid_norms = norms.data();
     }
 };
 
@@ -58,9 +55,8 @@ struct hand_hivf {
 
     hand_hivf(std::initializer_list<float> l1, std::vector<centroid_set> l2, uint32_t b2)
         : level1(l1), leaves(std::move(l2)), entries(leaves.size(), orve_ivf_index{}) {
-        for (size_t i = 0; i < leaves.size(); ++i) {
+        for (size_t i = 0; i < leaves.size(); ++i)
             if (leaves[i].size() > 0) leaves[i].point(&entries[i]);
-        }
         h = {level1.size(), b2, level1.codes.data(), level1.scales.data(), level1.norms.data(),
              entries.data()};
     }

@@ -84,17 +84,10 @@ struct hand_hivf {
             const auto rows = static_cast<uint32_t>(s.row_ids.size());
             total_rows += rows;
             if (b.leaves.empty()) continue;  // the all-zero entry of a bucket without rows
-            records_[i] = {rows,
-                           static_cast<uint32_t>(b.leaves.size()),
-                           s.codes.data(),
-                           s.row_scales.data(),
-                           s.row_norms.data(),
-                           s.centroid_codes.data(),
-                           s.centroid_scales.data(),
-                           s.centroid_norms.data(),
-                           s.offsets.data(),
-                           s.sizes.data(),
-                           s.row_ids.data()};
+            records_[i] = orve_ivf_index(
+                rows, static_cast<uint32_t>(b.leaves.size()), s.codes.data(), s.row_scales.data(),
+                s.row_norms.data(), s.centroid_codes.data(), s.centroid_scales.data(),
+                s.centroid_norms.data(), s.offsets.data(), s.sizes.data(), s.row_ids.data());
         }
         rec_ = {b1, b2, l1_codes_.data(), l1_scales_.data(), l1_norms_.data(), records_.data()};
     }
@@ -220,9 +213,6 @@ inline float plain_cosine(const int8_t* a, const int8_t* b, float qs, float rs, 
     return d <= 0 ? 0.0f : static_cast<float>(dot) / d;
 }
 
-using test_files::file_exists;
-using test_files::read_file;
-using test_files::scratch_dir;
-using test_files::write_file;
+using namespace test_files;
 
 }  // namespace paged_test

@@ -1,10 +1,8 @@
 // Exact re-ranking from the sidecar file.
 #include <gtest/gtest.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
-#include <cmath>
 #include <cstring>
 #include <string>
 #include <thread>
@@ -14,6 +12,7 @@
 #include "core/system.h"
 #include "search/topk.h"
 #include "support/system_fixture.h"
+#include "support/test_math.h"
 
 namespace {
 
@@ -25,16 +24,6 @@ class SidecarSearch : public ::testing::Test {
     orve_test::scratch_dir dir;
     std::string path = dir.file("vectors.sidecar");
 };
-
-double exact_cosine(const float* a, const float* b) {
-    double ab = 0, aa = 0, bb = 0;
-    for (int i = 0; i < 512; ++i) {
-        ab += static_cast<double>(a[i]) * b[i];
-        aa += static_cast<double>(a[i]) * a[i];
-        bb += static_cast<double>(b[i]) * b[i];
-    }
-    return ab / (std::sqrt(aa) * std::sqrt(bb));
-}
 
 // Re-ranking reads rows through the file's mapping, or by positional reads when there is none:
 // both give every candidate its own row's exact cosine, bit for bit, in the same descending
@@ -48,13 +37,11 @@ TEST_F(SidecarSearch, MappedRerankEqualsTheReadPathAndTheExactCosine) {
     for (int layout = 0; layout < 2; ++layout) {
         SCOPED_TRACE(layout);
         unlink(path.c_str());
-        std::vector<uint32_t> file_ids;  // ids the file holds alive, in row order
-        if (layout == 1) {               // the file: ids 1 .. 30, id 2 dead
+        if (layout == 1) {  // the file: ids 1 .. 30, id 2 dead
             orve_vec_sidecar* h = nullptr;
             ASSERT_EQ(orve_vec_sidecar_open(path.c_str(), &h), 0);
-            for (uint32_t id = 1; id <= 30; ++id) {
+            for (uint32_t id = 1; id <= 30; ++id)
                 ASSERT_EQ(orve_vec_sidecar_append(h, id, &v[(id - 1) * 512]), 0);
-            }
             const uint8_t dead = 0;
             ASSERT_EQ(pwrite(h->fd, &dead, 1, 32 + 2056 + 4), 1);
             orve_vec_sidecar_close(h);
@@ -87,16 +74,14 @@ TEST_F(SidecarSearch, MappedRerankEqualsTheReadPathAndTheExactCosine) {
         a->mapped = {};
         rerank_from_sidecar(read.data(), rows, query, sys);
         a->mapped = kept;
-        struct stat st;
-        ASSERT_EQ(stat(path.c_str(), &st), 0);
-        EXPECT_EQ(st.st_size, 32 + (layout == 1 ? 330 : 300) * 2056);
+        EXPECT_EQ(test_files::read_file(path).size(), 32u + (layout == 1 ? 330 : 300) * 2056);
         for (uint32_t i = 0; i < rows; ++i) {
             ASSERT_EQ(mapped[i].row, read[i].row) << i;
             EXPECT_TRUE(i == 0 || mapped[i - 1].score >= mapped[i].score) << i;
             ASSERT_EQ(std::memcmp(&mapped[i].score, &read[i].score, sizeof(float)), 0) << i;
             const bool in_file = orve::sidecar_file_row_of(sys, mapped[i].row) != orve::kNoFileRow;
             const bool zero = vec_of[mapped[i].row] == &v[100 * 512];
-            EXPECT_EQ(mapped[i].score, in_file && !zero ? static_cast<float>(exact_cosine(
+            EXPECT_EQ(mapped[i].score, in_file && !zero ? static_cast<float>(test_math::cosine512(
                                                               query, vec_of[mapped[i].row]))
                                                         : -1.0f)
                 << i;
@@ -124,7 +109,7 @@ TEST_F(SidecarSearch, RerankDuringIngestionReadsOnlyWrittenRows) {
         q.rerank = 1;
         for (const auto& r : orve_test::search(sys, q))
             EXPECT_EQ(r.similarity,
-                      static_cast<float>(exact_cosine(query, &v[(r.node_id - 1) * 512])));
+                      static_cast<float>(test_math::cosine512(query, &v[(r.node_id - 1) * 512])));
     }
     writer.join();
 }

@@ -1,22 +1,15 @@
-// The sidecar file is checked byte for byte against encodings spelled out here, never against
-// the module's own encoder, and files for the reader are written by hand.
+// The sidecar file is checked byte for byte against encodings spelled out here, and files for the
+// reader are written by hand.
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <gtest/gtest.h>
 
-#include <initializer_list>
-#include <cstdint>
-#include <cstdlib>
 #include <cstring>
-#include <string>
-#include <vector>
 
 #include "core/system.h"
-#include "semantic_vector_indexing.h"
 #include "support/system_fixture.h"
-#include "support/test_files.h"
 #include "support/test_math.h"
 
 namespace {
@@ -53,14 +46,12 @@ bytes row(uint32_t id, uint8_t live, const std::vector<float>& v) {
     return b;
 }
 
-// Distinct per seed, with a negative zero and a NaN carrying a payload, which only survive a
-// bit-exact round trip.
+// Distinct per seed, with a negative zero and a NaN payload that only a bit-exact trip keeps.
 std::vector<float> vec(float seed) {
     std::vector<float> v(512);
     for (int i = 0; i < 512; ++i) v[i] = seed + 0.25f * static_cast<float>(i) - 40.0f;
     v[0] = -0.0f;
-    uint32_t nan_bits = 0x7FC01234u;
-    std::memcpy(&v[1], &nan_bits, 4);
+    v[1] = std::bit_cast<float>(0x7FC01234u);
     return v;
 }
 

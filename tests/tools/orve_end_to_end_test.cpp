@@ -1,6 +1,5 @@
-// The orve program as a user runs it: build from generated files, query in CSV, and compare
-// every answer with the library called directly on the same vectors. Also the promises about
-// bad input: one line naming the file, a non-zero exit, no file left behind or damaged.
+// The orve program as a user runs it, every answer compared with the library called directly on
+// the same vectors; bad input gets one line naming the file, a non-zero exit, no file left behind.
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -8,11 +7,11 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <cmath>
 #include <limits>
 #include <sstream>
 
 #include "semantic_vector_indexing.h"
+#include "support/test_math.h"
 #include "tool_test_files.h"
 
 namespace {
@@ -65,11 +64,10 @@ std::vector<answer> parse_csv(const std::string& text) {
     std::getline(in, line);
     EXPECT_EQ(line, "query,rank,node_id,similarity");
     while (std::getline(in, line)) {
-        answer a{};
-        char sim[64] = {0};
-        EXPECT_EQ(std::sscanf(line.c_str(), "%u,%u,%u,%63s", &a.query, &a.rank, &a.node_id, sim),
-                  4);
-        a.similarity = std::strtof(sim, nullptr);
+        answer a{};  // %f converts as strtof does
+        EXPECT_EQ(
+            std::sscanf(line.c_str(), "%u,%u,%u,%f", &a.query, &a.rank, &a.node_id, &a.similarity),
+            4);
         out.push_back(a);
     }
     return out;
@@ -144,8 +142,7 @@ TEST(OrveEndToEnd, BuildThenQueryMatchesTheLibraryCalledDirectly) {
     ASSERT_EQ(paged.exit_code, 0) << paged.err;
     EXPECT_EQ(parse_csv(paged.out), lib.search(q, kQueries, 4, 2, 3));
 
-    // tune: the setting it chooses reaches the target against exact float neighbours
-    // computed here, with the library searched at that setting.
+    // tune: the library searched at the chosen setting reaches the target on exact neighbours.
     const run_result tune = run_orve(dir, "tune --quiet" + paged_files + " --target-recall 0.9");
     ASSERT_EQ(tune.exit_code, 0) << tune.err;
     unsigned l1 = 0, l2 = 0;
@@ -158,14 +155,8 @@ TEST(OrveEndToEnd, BuildThenQueryMatchesTheLibraryCalledDirectly) {
     size_t found = 0;
     for (size_t qi = 0; qi < kQueries; ++qi) {
         std::vector<std::pair<double, uint32_t>> exact;
-        for (size_t r = 0; r < kRows; ++r) {
-            double dot = 0, nr = 0;
-            for (size_t j = 0; j < 512; ++j) {
-                dot += double(q[qi * 512 + j]) * v[r * 512 + j];
-                nr += double(v[r * 512 + j]) * v[r * 512 + j];
-            }
-            exact.push_back({-dot / std::sqrt(nr), ids[r]});  // the query's norm ranks nothing
-        }
+        for (size_t r = 0; r < kRows; ++r)
+            exact.push_back({-test_math::cosine512(&q[qi * 512], &v[r * 512]), ids[r]});
         std::partial_sort(exact.begin(), exact.begin() + 10, exact.end());
         for (const answer& a : tuned)
             for (size_t i = 0; i < 10; ++i) found += a.query == qi && a.node_id == exact[i].second;
@@ -176,8 +167,8 @@ TEST(OrveEndToEnd, BuildThenQueryMatchesTheLibraryCalledDirectly) {
 TEST(OrveEndToEnd, AFailedWriteGetsOneLineAndLeavesNoFiles) {
     scratch_dir dir;
     write_file(dir.file("v.npy"), npy_f32(mixture(kRows, 5), kRows));
-    // A write that fails during the build (a file size limit stands in for a full disk): one
-    // line naming the sidecar and the cause, and neither output nor a temporary survives.
+    // A write failing mid-build (a file size limit for a full disk): one line naming the sidecar
+    // and the cause; neither output nor a temporary survives.
     const run_result r = run_orve(dir,
                                   "build --quiet --vectors " + dir.file("v.npy") + " --sidecar " +
                                       dir.file("s.sc") + " --ivfp " + dir.file("i.ivfp"),
@@ -260,9 +251,8 @@ TEST(OrveEndToEnd, PathsOfTheWrongKindAndBadOptionsAreRefusedFirst) {
     EXPECT_FALSE(file_exists(dir.file("n.sc")) || file_exists(dir.file("i.ivfp")));
 }
 
-// Temporaries are named after the output and the process; a killed build's are removed by the
-// next build, and nothing else is: not a live process's, not another output's. --force replaces
-// a non-empty sidecar.
+// The next build removes a killed build's temporaries (named after output and process), not a
+// live process's or another output's; --force replaces a non-empty sidecar.
 TEST(OrveEndToEnd, TheNextBuildRemovesTemporariesOfKilledBuilds) {
     scratch_dir dir;
     write_file(dir.file("v.npy"), npy_f32(mixture(kRows, 8), kRows));
@@ -289,8 +279,7 @@ TEST(OrveEndToEnd, TheNextBuildRemovesTemporariesOfKilledBuilds) {
     EXPECT_EQ(read_file(dir.file("s.sc")).size(), 32 + kRows * 2056);
 }
 
-// A paged index answers only for the sidecar it was built with: one from another data set of
-// the same size (same ids 1..n), of another size, or with other ids is refused by name.
+// A paged index of other rows (same size and ids 1..n, another size, other ids) is refused.
 TEST(OrveEndToEnd, QueryRefusesAPagedIndexBuiltFromOtherRows) {
     scratch_dir dir;
     std::vector<uint32_t> ids(kRows);

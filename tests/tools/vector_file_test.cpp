@@ -236,9 +236,8 @@ TEST(ShardedManifest, MalformedOrHostileManifestsAreRefused) {
         with("\"name\": \"shard-000002\", ", ""),
         with("\"shard-000002\"", "\"shard-0000\\"),
     };
-    for (const std::string& text : cases) {
+    for (const std::string& text : cases)
         EXPECT_THROW(orve::tool::parse_manifest(text, "m"), tool_error) << text;
-    }
 }
 
 }  // namespace
