@@ -51,11 +51,8 @@ TEST(Concurrency, SearchesWhileRowsIndexesAndFilesChangeAndTheStoreIsDropped) {
     const std::string dir = tmp.path();
     const auto vecs = orve_test::gaussian_vectors(kRows, 60);
     const auto queries = orve_test::gaussian_vectors(8, 61);
-    orve_test::system_block ref, b;
+    orve_test::system_block ref("2000"), b("2000");  // ref: a quiet object holding every row
     auto* sys = b.get();
-    ASSERT_EQ(orve_test::create_with_capacity(sys, "2000"), 0);
-    // Every row's score per query, from a quiet object holding all of them.
-    ASSERT_EQ(orve_test::create_with_capacity(ref.get(), "2000"), 0);
     ASSERT_EQ(semantic_vector_indexing_system_load_vectors_f32(ref.get(), vecs.data(), kRows),
               1500);
     std::vector<std::vector<vector_similarity_result>> all(8);

@@ -14,7 +14,6 @@
 
 namespace {
 
-using orve_test::create_with_capacity;
 using orve_test::system_block;
 
 constexpr uint32_t kRows = 1100;
@@ -41,11 +40,10 @@ std::vector<std::pair<uint32_t, float>> answers(semantic_vector_indexing_system*
 TEST(PagedAttachment, FileAnswersAsTheHivfDidFailuresLeaveItAloneAndOldFilesStayInBounds) {
     orve_test::scratch_dir tmp;
     const std::string dir = tmp.path(), ivfp = dir + "/index.ivfp", junk = dir + "/junk.ivfp";
-    system_block b, small;
+    system_block b("3000"), small("3000");
     auto* sys = b.get();
     const auto vecs = orve_test::gaussian_vectors(kRows, 110);
     const auto queries = orve_test::gaussian_vectors(4, 111);
-    ASSERT_EQ(create_with_capacity(sys, "3000"), 0);
     ASSERT_EQ(semantic_vector_indexing_system_open_sidecar(sys, (dir + "/v.sidecar").c_str()), 0);
     // Identifiers unlike row numbers, so the file's identifiers are really checked.
     for (uint32_t r = 0; r < kRows; ++r)
@@ -92,7 +90,6 @@ TEST(PagedAttachment, FileAnswersAsTheHivfDidFailuresLeaveItAloneAndOldFilesStay
     std::filesystem::copy_file(ivfp, v1);
     std::fstream(v1, std::ios::in | std::ios::out | std::ios::binary).seekp(8).put(1);
     constexpr uint32_t kFewer = 600;
-    ASSERT_EQ(create_with_capacity(small.get(), "3000"), 0);
     for (uint32_t r = 0; r < kFewer; ++r)
         ASSERT_EQ(semantic_vector_indexing_system_add_embedding_orve512(small.get(), 7 + r,
                                                                         &vecs[r * 512]),

@@ -45,9 +45,8 @@ TEST(SystemObject, RefusalsAndReuseAfterDestroy) {
 // independent model, generations by the indexed-search tests; here: refusals and the host
 // record's byte layout.
 TEST(Ingestion, RefusalsHostRecordLayoutAndTheDroppedStore) {
-    system_block b;
+    system_block b("4");
     auto* sys = b.get();
-    ASSERT_EQ(create_with_capacity(sys, "4"), 0);
     auto v = orve_test::gaussian_vectors(5, 1);
     // Refused: id 0, no vector, more rows than the capacity, no rows. Nothing is counted.
     EXPECT_EQ(semantic_vector_indexing_system_add_embedding_orve512(sys, 0, v.data()), -1);

@@ -63,8 +63,7 @@ TEST(AllocFailure, IngestionLeavesNoTrace) {
         std::unique_ptr<system_block> b;
         sweep(
             [&] {
-                auto* s = (b = std::make_unique<system_block>())->get();
-                EXPECT_EQ(create_with_capacity(s, "64"), 0);
+                auto* s = (b = std::make_unique<system_block>("64"))->get();
                 for (uint32_t r = 0; r < c.preload; ++r)
                     EXPECT_EQ(
                         semantic_vector_indexing_system_add_embedding_orve512(s, 9, vecs.data()),
@@ -100,11 +99,7 @@ TEST(AllocFailure, SidecarAttachReplaysOrFailsWithoutAttaching) {
     const std::string path = dir.file("rows.sidecar");
     const auto vecs = orve_test::gaussian_vectors(3, 53);
     std::unique_ptr<system_block> b;
-    auto fresh = [&] {
-        auto* s = (b = std::make_unique<system_block>())->get();
-        EXPECT_EQ(create_with_capacity(s, "64"), 0);
-        return s;
-    };
+    auto fresh = [&] { return (b = std::make_unique<system_block>("64"))->get(); };
     auto attach = [&](sys_t* s) {
         return semantic_vector_indexing_system_open_sidecar(s, path.c_str());
     };
@@ -131,9 +126,8 @@ TEST(AllocFailure, SidecarAttachReplaysOrFailsWithoutAttaching) {
 // A failed build publishes nothing and leaves the previous index serving (optional scratch may
 // let it succeed); a failed index search falls back to brute force, failing only with its own.
 TEST(AllocFailure, IndexBuildsAndIndexSearches) {
-    system_block b;
+    system_block b("2000");
     sys_t* sys = b.get();
-    ASSERT_EQ(create_with_capacity(sys, "2000"), 0);
     const auto vecs = orve_test::gaussian_vectors(1000, 54);
     ASSERT_EQ(semantic_vector_indexing_system_load_vectors_f32(sys, vecs.data(), 1000), 1000);
     const void* before = nullptr;
@@ -201,9 +195,8 @@ TEST(IoFailure, FailedSidecarAppendLeavesAWholePrefixAndNoMisplacedRow) {
         orve_test::scratch_dir d;
         const std::string path = d.file("rows.sidecar");
         {
-            system_block b;
+            system_block b("512");
             auto* sys = b.get();
-            ASSERT_EQ(create_with_capacity(sys, "512"), 0);
             ASSERT_EQ(semantic_vector_indexing_system_open_sidecar(sys, path.c_str()), 0);
             orve_test::arm_io_failure(io_call::write, c.nth, c.how);
             if (c.rows != 0) {

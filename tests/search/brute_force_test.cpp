@@ -13,7 +13,6 @@
 
 namespace {
 
-using orve_test::create_with_capacity;
 using orve_test::int8_query;
 using orve_test::search;
 using orve_test::system_block;
@@ -43,8 +42,7 @@ float model_cosine(const model_row& a, const model_row& b) {
 
 TEST(BruteForce, MatchesIndependentModelThresholdAndArguments) {
     constexpr uint32_t kRows = 3000;
-    system_block b;
-    ASSERT_EQ(create_with_capacity(b.get(), "5000"), 0);
+    system_block b("5000");
     const auto vecs = orve_test::gaussian_vectors(kRows, 21);
     ASSERT_EQ(semantic_vector_indexing_system_load_vectors_f32(b.get(), vecs.data(), kRows), 3000);
     std::vector<model_row> rows;
@@ -92,9 +90,8 @@ TEST(BruteForce, MatchesIndependentModelThresholdAndArguments) {
 // without a vector in the middle of the store, thresholds and re-ranking from the sidecar.
 TEST(BruteForce, BatchEqualsOneQueryAtATime) {
     orve_test::scratch_dir dir;
-    system_block b;
+    system_block b("1000");
     auto* sys = b.get();
-    ASSERT_EQ(create_with_capacity(sys, "1000"), 0);
     ASSERT_EQ(semantic_vector_indexing_system_open_sidecar(sys, dir.file("v.sidecar").c_str()), 0);
     const auto vecs = orve_test::gaussian_vectors(700, 50);
     ASSERT_EQ(semantic_vector_indexing_system_load_vectors_f32(sys, vecs.data(), 300), 300);
@@ -132,9 +129,8 @@ TEST(BruteForce, BatchEqualsOneQueryAtATime) {
 
 // The all-zero query lists rows in table order with zero scores, by cluster when asked.
 TEST(BruteForce, LegacyListingInTableOrder) {
-    system_block b;
+    system_block b("10");
     auto* sys = b.get();
-    ASSERT_EQ(create_with_capacity(sys, "10"), 0);
     const auto vecs = orve_test::gaussian_vectors(5, 40);
     ASSERT_EQ(semantic_vector_indexing_system_load_vectors_f32(sys, vecs.data(), 5), 5);
     sys->nodes[1].cluster_id = sys->nodes[3].cluster_id = 7;

@@ -13,7 +13,6 @@
 
 namespace {
 
-using orve_test::create_with_capacity;
 using orve_test::system_block;
 
 constexpr uint32_t kRows = 1200;
@@ -21,7 +20,6 @@ constexpr uint32_t kRows = 1200;
 class IndexedSearch : public ::testing::Test {
   protected:
     void SetUp() override {
-        ASSERT_EQ(create_with_capacity(b.get(), "4000"), 0);
         vecs = orve_test::gaussian_vectors(kRows, 90);
         ASSERT_EQ(semantic_vector_indexing_system_load_vectors_f32(sys(), vecs.data(), kRows),
                   static_cast<int>(kRows));
@@ -58,7 +56,7 @@ class IndexedSearch : public ::testing::Test {
         ASSERT_EQ(semantic_vector_indexing_system_build_ivf_level2(sys(), b1, b2, l2_seed), 0);
     }
 
-    system_block b;
+    system_block b{"4000"};
     std::vector<float> vecs, queries;
 };
 
@@ -70,8 +68,7 @@ TEST_F(IndexedSearch, BuildLimits) {
     EXPECT_EQ(semantic_vector_indexing_system_build_ivf_level2(sys(), 12, 100, 1), 0);
     EXPECT_EQ(semantic_vector_indexing_system_build_ivf(nullptr, 4, 1), -1);
 
-    system_block small;
-    ASSERT_EQ(create_with_capacity(small.get(), "2000"), 0);
+    system_block small("2000");
     ASSERT_EQ(semantic_vector_indexing_system_load_vectors_f32(small.get(), vecs.data(), 999), 999);
     EXPECT_EQ(semantic_vector_indexing_system_build_ivf(small.get(), 4, 1), -1);
     EXPECT_EQ(semantic_vector_indexing_system_build_ivf_level2(small.get(), 2, 2, 1), -1);

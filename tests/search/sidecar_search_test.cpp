@@ -16,7 +16,6 @@
 
 namespace {
 
-using orve_test::create_with_capacity;
 using orve_test::system_block;
 
 class SidecarSearch : public ::testing::Test {
@@ -46,9 +45,8 @@ TEST_F(SidecarSearch, MappedRerankEqualsTheReadPathAndTheExactCosine) {
             ASSERT_EQ(pwrite(h->fd, &dead, 1, 32 + 2056 + 4), 1);
             orve_vec_sidecar_close(h);
         }
-        system_block b;
+        system_block b("1000");
         auto* sys = b.get();
-        ASSERT_EQ(create_with_capacity(sys, "1000"), 0);
         if (layout == 1) {
             ASSERT_EQ(
                 semantic_vector_indexing_system_add_embedding_orve512(sys, 331, &v[330 * 512]), 0);
@@ -94,9 +92,8 @@ TEST_F(SidecarSearch, MappedRerankEqualsTheReadPathAndTheExactCosine) {
 // file has grown past the length it had at the attach.
 TEST_F(SidecarSearch, RerankDuringIngestionReadsOnlyWrittenRows) {
     const auto v = orve_test::gaussian_vectors(1200, 74);
-    system_block b;
+    system_block b("2000");
     auto* sys = b.get();
-    ASSERT_EQ(create_with_capacity(sys, "2000"), 0);
     ASSERT_EQ(semantic_vector_indexing_system_open_sidecar(sys, path.c_str()), 0);
     ASSERT_EQ(semantic_vector_indexing_system_load_vectors_f32(sys, v.data(), 100), 100);
     std::thread writer([&] {

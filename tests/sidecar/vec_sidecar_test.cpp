@@ -162,8 +162,7 @@ TEST(SidecarFile, SecondWriterIsRefusedUntilTheFirstCloses) {
     EXPECT_EQ(orve_vec_sidecar_open(p.c_str(), &second), -1);
     EXPECT_EQ(second, nullptr);
     {
-        orve_test::system_block b;
-        ASSERT_EQ(orve_test::create_with_capacity(b.get(), "8"), 0);
+        orve_test::system_block b("8");
         EXPECT_EQ(semantic_vector_indexing_system_open_sidecar(b.get(), p.c_str()), -1);
         EXPECT_EQ(b.get()->node_count, 0u);  // nothing replayed either
     }
@@ -179,8 +178,7 @@ TEST(SidecarFile, SecondWriterIsRefusedUntilTheFirstCloses) {
     EXPECT_EQ(read_file(p), one);
 
     orve_vec_sidecar_close(h);
-    orve_test::system_block b;
-    ASSERT_EQ(orve_test::create_with_capacity(b.get(), "8"), 0);
+    orve_test::system_block b("8");
     ASSERT_EQ(semantic_vector_indexing_system_open_sidecar(b.get(), p.c_str()), 0);
     EXPECT_EQ(b.get()->node_count, 1u);
     EXPECT_EQ(orve_vec_sidecar_open(p.c_str(), &second), -1);  // the attachment holds it now

@@ -76,8 +76,8 @@ std::vector<answer> parse_csv(const std::string& text) {
 // The library used directly, without the tool: a fresh object holding the same vectors.
 class direct_library {
   public:
-    direct_library(const std::vector<float>& v, size_t rows, const std::vector<uint32_t>& ids) {
-        EXPECT_EQ(orve_test::create_with_capacity(sys(), std::to_string(rows).c_str()), 0);
+    direct_library(const std::vector<float>& v, size_t rows, const std::vector<uint32_t>& ids)
+        : block_(std::to_string(rows).c_str()) {
         for (size_t r = 0; r < rows; ++r)
             EXPECT_EQ(
                 semantic_vector_indexing_system_add_embedding_orve512(sys(), ids[r], &v[r * 512]),
