@@ -14,10 +14,6 @@ namespace {
 
 using ivf_test::dataset;
 
-uint64_t digest(const orve_ivf_index& x) {
-    return ivf_test::digest_ivf(ivf_test::kFnvOffset, x);
-}
-
 TEST(KmeansPlusPlus, WeightedPickFollowsTheRunningSum) {
     // Rows at squared distances 0, 1 and 3 from row 0.
     std::vector<int8_t> codes(512 * 3, 0);
@@ -91,7 +87,7 @@ TEST(IvfBuilders, SeedZeroActsAsOneFlagsAreIgnoredAndRejectionsWriteNothing) {
             orve_ivf_index idx{};
             ASSERT_EQ(build(r, d.n, 12, seeds[i], c, s, m, i == 1 ? flags.data() : nullptr, &idx),
                       0);
-            h[i] = digest(idx);
+            h[i] = ivf_test::digest_ivf(ivf_test::kFnvOffset, idx);
             orve_ivf_index_destroy(&idx);
         }
         EXPECT_EQ(h[0], h[1]);

@@ -22,10 +22,7 @@ std::vector<uint32_t> full_assignment(const dataset& d, const std::vector<float>
         float best = FLT_MAX;
         for (uint32_t c = 0; c < centroids.size() / 512; ++c) {
             const float dist = l2sq_512(d.row(i), &centroids[512 * c]);
-            if (dist < best) {
-                best = dist;
-                a[i] = c;
-            }
+            if (dist < best) best = dist, a[i] = c;
         }
     }
     return a;

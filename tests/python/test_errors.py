@@ -76,26 +76,25 @@ def test_closed_index_raises_everywhere(rows, queries, tmp_path):
     assert ctx.closed
 
 
-def _built(ix, rows, tmp):
+def _built(ix, *_):
     ix.build_hivf(4, 4)
 
 
+_WIDE = orve.PAGED_MAX_BRANCHING + 1
+
+
 @pytest.mark.parametrize("setup, target, message", [
-    (lambda ix, rows, tmp: None, "x.ivfp", "no H-IVF built"),
-    (lambda ix, rows, tmp: (_built(ix, rows, tmp), ix.add(rows[:1])), "x.ivfp",
-     "stale .*has to be built again"),
-    (lambda ix, rows, tmp: ix.build_hivf(orve.PAGED_MAX_BRANCHING + 1, 2), "x.ivfp",
-     "b1 or b2 above 64 cannot be paged"),
-    (lambda ix, rows, tmp: ix.build_hivf(2, orve.PAGED_MAX_BRANCHING + 1), "x.ivfp",
-     "b1 or b2 above 64 cannot be paged"),
-    (lambda ix, rows, tmp: (_built(ix, rows, tmp), ix.write_paged(tmp / "first.ivfp")), "x.ivfp",
+    (lambda ix, r, t: None, "x.ivfp", "no H-IVF built"),
+    (lambda ix, r, t: (_built(ix), ix.add(r[:1])), "x.ivfp", "stale .*has to be built again"),
+    (lambda ix, r, t: ix.build_hivf(_WIDE, 2), "x.ivfp", "b1 or b2 above 64 cannot be paged"),
+    (lambda ix, r, t: ix.build_hivf(2, _WIDE), "x.ivfp", "b1 or b2 above 64 cannot be paged"),
+    (lambda ix, r, t: (_built(ix), ix.write_paged(t / "first.ivfp")), "x.ivfp",
      "moved to .*first.ivfp.*has to be built again"),
     (_built, "no/dir/x.ivfp", "directory .* does not exist"),
     (_built, "adir", "not a regular file"),
     (_built, "rows.vec", "is this index's sidecar"),
 ])
-def test_write_paged_refusal_names_the_cause_and_keeps_the_target(rows, tmp_path, setup, target,
-                                                                 message):
+def test_write_paged_refusal_keeps_the_target(rows, tmp_path, setup, target, message):
     (tmp_path / "adir").mkdir()
     (tmp_path / "x.ivfp").write_bytes(b"the index served until now")
     with orve.Index(capacity=2000, sidecar=tmp_path / "rows.vec") as ix:
