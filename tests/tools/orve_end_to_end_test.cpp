@@ -200,47 +200,37 @@ TEST(OrveEndToEnd, PathsOfTheWrongKindAndBadOptionsAreRefusedFirst) {
     ASSERT_EQ(::mkfifo(dir.file("fifo").c_str(), 0644), 0);
     ASSERT_EQ(::mkdir(dir.file("sub").c_str(), 0755), 0);
     ASSERT_EQ(::link(dir.file("s.sc").c_str(), dir.file("hard.ivfp").c_str()), 0);
-    const std::string d = dir.path() + "/", v = " --vectors " + d + "v2.npy";
-    const std::string q = "query --sidecar " + d + "s.sc --queries " + d + "v2.npy";
+    // Run inside the directory, so paths (and the messages naming them) are short.
+    const std::string v = "build --vectors v2.npy", b = v + " --sidecar n.sc --ivfp ",
+                      q = "query --sidecar s.sc --queries v2.npy";
     const struct {
         std::string args;
         int exit_code;
         std::string message;
     } cases[] = {
-        {"build" + v + " --sidecar " + d + "s.sc --ivfp " + d + "i.ivfp", 1,
-         d + "s.sc: exists and is not empty (use --force to replace it)"},
-        {"build" + v + " --force --sidecar " + d + "null --ivfp " + d + "i.ivfp", 1,
-         d + "null: is a character device; an output must be a regular file or not exist yet"},
-        {"build" + v + " --sidecar " + d + "n.sc --ivfp " + d + "sub", 1,
-         d + "sub: is a directory; an output must be"},
-        {"build" + v + " --sidecar " + d + "n.sc --ivfp " + d + "sub/../n.sc", 2,
-         d + "n.sc and " + d + "sub/../n.sc are the same file"},
-        {"build" + v + " --force --sidecar " + d + "s.sc --ivfp " + d + "hard.ivfp", 2,
-         d + "s.sc and " + d + "hard.ivfp are the same file"},
-        {"build" + v + " --sidecar " + d + "n.sc --ivfp " + d + "v2.npy", 2,
-         "output " + d + "v2.npy is the input " + d + "v2.npy"},
-        {"build" + v + " --sidecar " + d + "n.sc --ivfp " + d + "i.ivfp --b2 65", 2,
-         "--b2 65: the paged index supports at most 64 buckets per level"},
-        {"build --vectors " + d + "fifo --sidecar " + d + "n.sc --ivfp " + d + "i.ivfp", 1,
-         d + "fifo: is a FIFO, not a regular file"},
-        {"inspect " + d + "fifo", 1, d + "fifo: is a FIFO, not a regular file"},
-        {"query --sidecar " + d + "s.sc --queries " + d + "fifo", 1,
-         d + "fifo: is a FIFO, not a regular file"},
-        {q + " --ivfp " + d + "sub", 1, d + "sub: is a directory, not a regular file"},
+        {v + " --sidecar s.sc --ivfp i.ivfp", 1,
+         "s.sc: exists and is not empty (use --force to replace it)"},
+        {v + " --force --sidecar null --ivfp i.ivfp", 1,
+         "null: is a character device; an output must be a regular file or not exist yet"},
+        {b + "sub", 1, "sub: is a directory; an output must be"},
+        {b + "sub/../n.sc", 2, "n.sc and sub/../n.sc are the same file"},
+        {v + " --force --sidecar s.sc --ivfp hard.ivfp", 2, "s.sc and hard.ivfp are the same file"},
+        {b + "v2.npy", 2, "output v2.npy is the input v2.npy"},
+        {b + "i.ivfp --b2 65", 2, "--b2 65: the paged index supports at most 64 buckets per level"},
+        {"build --vectors fifo --sidecar n.sc --ivfp i.ivfp", 1, "fifo: is a FIFO, not a regular"},
+        {"inspect fifo", 1, "fifo: is a FIFO, not a regular file"},
+        {"query --sidecar s.sc --queries fifo", 1, "fifo: is a FIFO, not a regular file"},
+        {q + " --ivfp sub", 1, "sub: is a directory, not a regular file"},
         {q + " -k 0", 2, "-k expects a whole number from 1 to 100000, got '0'"},
-        {"build" + v + " --sidecar " + d + "n.sc --ivfp " + d + "no/dir/i.ivfp", 1,
-         d + "no/dir/i.ivfp: cannot write in"},
-        {"query --sidecar " + d + "v2.npy --queries " + d + "v2.npy", 1,
-         d + "v2.npy: not a sidecar file (bad magic)"},
-        {"query --dir " + d + "sub --queries " + d + "v2.npy", 1,
-         d + "sub: not a sharded directory (no manifest)"},
-        {"build" + v + " --shard-rows 999 --dir " + d + "sharded", 2,
-         "--shard-rows expects a whole number from 1000 to 1100000"},
+        {b + "no/dir/i.ivfp", 1, "no/dir/i.ivfp: cannot write in"},
+        {"query --sidecar v2.npy --queries v2.npy", 1, "v2.npy: not a sidecar file (bad magic)"},
+        {"query --dir sub --queries v2.npy", 1, "sub: not a sharded directory (no manifest)"},
+        {v + " --shard-rows 999 --dir sharded", 2, "--shard-rows expects a whole number from 1000"},
     };
     for (const auto& c : cases) {
-        const run_result r = run_orve(dir, c.args);
+        const run_result r = run_orve(dir, c.args, "cd '" + dir.path() + "' && ");
         EXPECT_EQ(r.exit_code, c.exit_code) << c.args << "\n" << r.err;
-        EXPECT_NE(r.err.find(c.message), std::string::npos) << c.args << "\n" << r.err;
+        EXPECT_NE(r.err.find(": " + c.message), std::string::npos) << c.args << "\n" << r.err;
         EXPECT_EQ(lines(r.err), 1u) << r.err;
     }
     struct stat st {};
