@@ -23,8 +23,8 @@ struct run_result {
     std::string out, err;
 };
 
-// Runs the tool with stdout and stderr captured through files; `shell_setup` runs first in the
-// same shell (resource limits, ignored signals), and `out_to` replaces the stdout capture.
+// Runs the tool inside `dir` (paths are relative to it) with stdout and stderr captured through
+// files; `shell_setup` runs first in the same shell, and `out_to` replaces the stdout capture.
 run_result run_orve(const scratch_dir& dir, const std::string& args,
                     const std::string& shell_setup = "", const std::string& out_to = "") {
     const char* tool = std::getenv("ORVE_TOOL");
@@ -35,8 +35,9 @@ run_result run_orve(const scratch_dir& dir, const std::string& args,
         return r;
     }
     const std::string out = out_to.empty() ? dir.file("stdout.txt") : out_to;
-    const std::string cmd = shell_setup + (launcher ? launcher : "") + " '" + tool + "' " + args +
-                            " >'" + out + "' 2>'" + dir.file("stderr.txt") + "'";
+    const std::string cmd = "cd '" + dir.path() + "' && " + shell_setup +
+                            (launcher ? launcher : "") + " '" + tool + "' " + args + " >'" + out +
+                            "' 2>'" + dir.file("stderr.txt") + "'";
     const int status = std::system(cmd.c_str());
     r.exit_code = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
     // A redirection target such as /dev/full is not read back: it reads as endless zeros.
@@ -116,14 +117,14 @@ TEST(OrveEndToEnd, BuildThenQueryMatchesTheLibraryCalledDirectly) {
     write_file(dir.file("ids.npy"), npy_u32(ids));
     write_file(dir.file("q.npy"), npy_f32(q, kQueries));
     const run_result b =
-        run_orve(dir, "build --quiet --vectors " + dir.file("v.fvecs") + " --ids " +
-                          dir.file("ids.npy") + " --sidecar " + dir.file("s.sc") + " --ivfp " +
-                          dir.file("i.ivfp") + " --b1 4 --b2 5");
+        run_orve(dir,
+                 "build --quiet --vectors v.fvecs --ids ids.npy --sidecar s.sc --ivfp i.ivfp "
+                 "--b1 4 --b2 5");
     ASSERT_EQ(b.exit_code, 0) << b.err;
     EXPECT_EQ(b.err, "");  // --quiet
 
     direct_library lib(v, kRows, ids);
-    const std::string files = " --sidecar " + dir.file("s.sc") + " --queries " + dir.file("q.npy");
+    const std::string files = " --sidecar s.sc --queries q.npy";
     const run_result brute = run_orve(dir, "query --quiet" + files + " -k 6 --format csv");
     ASSERT_EQ(brute.exit_code, 0) << brute.err;
     EXPECT_EQ(parse_csv(brute.out), lib.search(q, kQueries, 6));
@@ -136,7 +137,7 @@ TEST(OrveEndToEnd, BuildThenQueryMatchesTheLibraryCalledDirectly) {
     // The paged path: the library given the tool's .ivfp file answers the same.
     ASSERT_EQ(semantic_vector_indexing_system_open_ivf_paged(lib.sys(), dir.file("i.ivfp").c_str()),
               0);
-    const std::string paged_files = files + " --ivfp " + dir.file("i.ivfp");
+    const std::string paged_files = files + " --ivfp i.ivfp";
     const run_result paged = run_orve(
         dir, "query --quiet" + paged_files + " -k 4 --nprobe-l1 2 --nprobe-l2 3 --format csv");
     ASSERT_EQ(paged.exit_code, 0) << paged.err;
@@ -169,14 +170,10 @@ TEST(OrveEndToEnd, AFailedWriteGetsOneLineAndLeavesNoFiles) {
     write_file(dir.file("v.npy"), npy_f32(mixture(kRows, 5), kRows));
     // A write failing mid-build (a file size limit for a full disk): one line naming the sidecar
     // and the cause; neither output nor a temporary survives.
-    const run_result r = run_orve(dir,
-                                  "build --quiet --vectors " + dir.file("v.npy") + " --sidecar " +
-                                      dir.file("s.sc") + " --ivfp " + dir.file("i.ivfp"),
+    const run_result r = run_orve(dir, "build --quiet --vectors v.npy --sidecar s.sc --ivfp i.ivfp",
                                   "ulimit -f 1024; trap '' XFSZ; ");
     EXPECT_EQ(r.exit_code, 1);
-    EXPECT_EQ(r.err.rfind("orve: " + dir.file("s.sc") + ": writing the sidecar failed after ", 0),
-              0u)
-        << r.err;
+    EXPECT_EQ(r.err.rfind("orve: s.sc: writing the sidecar failed after ", 0), 0u) << r.err;
     EXPECT_NE(r.err.find(" of 1500 rows: File too large\n"), std::string::npos) << r.err;
     EXPECT_EQ(lines(r.err), 1u) << r.err;
     ASSERT_EQ(std::system(("ls -A '" + dir.path() + "' > '" + dir.file("ls.txt") + "'").c_str()),
@@ -200,7 +197,6 @@ TEST(OrveEndToEnd, PathsOfTheWrongKindAndBadOptionsAreRefusedFirst) {
     ASSERT_EQ(::mkfifo(dir.file("fifo").c_str(), 0644), 0);
     ASSERT_EQ(::mkdir(dir.file("sub").c_str(), 0755), 0);
     ASSERT_EQ(::link(dir.file("s.sc").c_str(), dir.file("hard.ivfp").c_str()), 0);
-    // Run inside the directory, so paths (and the messages naming them) are short.
     const std::string v = "build --vectors v2.npy", b = v + " --sidecar n.sc --ivfp ",
                       q = "query --sidecar s.sc --queries v2.npy";
     const struct {
@@ -228,7 +224,7 @@ TEST(OrveEndToEnd, PathsOfTheWrongKindAndBadOptionsAreRefusedFirst) {
         {v + " --shard-rows 999 --dir sharded", 2, "--shard-rows expects a whole number from 1000"},
     };
     for (const auto& c : cases) {
-        const run_result r = run_orve(dir, c.args, "cd '" + dir.path() + "' && ");
+        const run_result r = run_orve(dir, c.args);
         EXPECT_EQ(r.exit_code, c.exit_code) << c.args << "\n" << r.err;
         EXPECT_NE(r.err.find(": " + c.message), std::string::npos) << c.args << "\n" << r.err;
         EXPECT_EQ(lines(r.err), 1u) << r.err;
@@ -259,8 +255,7 @@ TEST(OrveEndToEnd, TheNextBuildRemovesTemporariesOfKilledBuilds) {
     for (const std::string& f : stale) write_file(dir.file(f), {1, 2, 3});
     for (const std::string& f : kept) write_file(dir.file(f), {1, 2, 3});
     const run_result r =
-        run_orve(dir, "build --force --vectors " + dir.file("v.npy") + " --sidecar " +
-                          dir.file("s.sc") + " --ivfp " + dir.file("i.ivfp"));
+        run_orve(dir, "build --force --vectors v.npy --sidecar s.sc --ivfp i.ivfp");
     ASSERT_EQ(r.exit_code, 0) << r.err;
     EXPECT_NE(r.err.find("removed 3 temporary files left by killed runs"), std::string::npos)
         << r.err;
@@ -284,24 +279,21 @@ TEST(OrveEndToEnd, QueryRefusesAPagedIndexBuiltFromOtherRows) {
     } cases[] = {{"a", "a", "", ""},
                  {"b", "b", "", "holds another vector than the sidecar's"},
                  {"c", "c", "", "it holds 1501 rows, the sidecar 1500"},
-                 {"aids", "a", " --ids " + dir.file("ids.npy"), "the sidecar's row has id"}};
+                 {"aids", "a", " --ids ids.npy", "the sidecar's row has id"}};
     for (const auto& c : cases) {
-        const std::string ivfp = dir.file(c.name + ".ivfp");
+        const std::string ivfp = c.name + ".ivfp";
         const run_result b =
-            run_orve(dir, "build --quiet --vectors " + dir.file(c.vectors + ".npy") + c.extra +
-                              " --sidecar " + dir.file(c.name + ".sc") + " --ivfp " + ivfp);
+            run_orve(dir, "build --quiet --vectors " + c.vectors + ".npy" + c.extra +
+                              " --sidecar " + c.name + ".sc --ivfp " + ivfp);
         ASSERT_EQ(b.exit_code, 0) << b.err;
         const run_result r =
-            run_orve(dir, "query --quiet --sidecar " + dir.file("a.sc") + " --ivfp " + ivfp +
-                              " --queries " + dir.file("q.npy"));
+            run_orve(dir, "query --quiet --sidecar a.sc --ivfp " + ivfp + " --queries q.npy");
         if (c.problem.empty()) {  // its own index
             EXPECT_EQ(r.exit_code, 0) << r.err;
             continue;
         }
         EXPECT_EQ(r.exit_code, 1) << c.name;
-        EXPECT_EQ(
-            r.err.rfind("orve: " + ivfp + ": does not belong to " + dir.file("a.sc") + ": ", 0), 0u)
-            << r.err;
+        EXPECT_EQ(r.err.rfind("orve: " + ivfp + ": does not belong to a.sc: ", 0), 0u) << r.err;
         EXPECT_NE(r.err.find(c.problem), std::string::npos) << r.err;
         EXPECT_EQ(lines(r.err), 1u) << r.err;
         EXPECT_EQ(r.out, "");
