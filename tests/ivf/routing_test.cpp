@@ -107,10 +107,9 @@ TEST(LeafRouting, RejectsBadArgumentsAndMalformedRecords) {
     EXPECT_EQ(count, 77u);
 }
 
-// Many centroids with few distinct scores (so many ties), routed for every probe count: the
-// chosen buckets must be the first entries of an independent stable sort by score descending,
-// clamped to the bucket count. A centroid stored with scale 0 scores 0, as does every centroid
-// for a query below the quantiser's zero threshold.
+// Many centroids with few distinct scores (many ties), for every probe count: the chosen buckets
+// are the first of an independent stable sort by score, descending. A centroid stored with scale 0
+// scores 0, as does every centroid for a query below the quantiser's zero threshold.
 TEST(BucketRouting, ChoosesTheFirstOfAStableSortByScore) {
     centroid_set set{};
     for (int i = 0; i < 300; ++i) set.add(((i * 37) % 11) / 10.0f - 0.5f);

@@ -140,8 +140,7 @@ TEST(ClusteringPass, MetricsFromHandPlacedCentroidsAndANeutralSilhouette) {
         EXPECT_EQ(ix[w.k].nearest_centroid_distance, w.nearest);
         EXPECT_FLOAT_EQ(ix[w.k].quality, w.quality);
     }
-    // Every node counts (another cluster is occupied) with a = b = 0: each contributes the
-    // neutral 0, not 0/0.
+    // Every node counts (another cluster is occupied) with a = b = 0: the neutral 0, not 0/0.
     for (uint32_t j = 0; j < 3; ++j) ix[0].members[j] = j;
     nodes[1].cluster_id = 1;
     nodes[2].cluster_id = 2;     // active but empty

@@ -58,10 +58,9 @@ struct ScopedLsh {
     ~ScopedLsh() { enhanced_lsh_index_destroy(&rec); }
 };
 
-// The block hash and the filing from precomputed hashes (the ingestion path) against the
-// one-row hash and add: every hash, entry and bucket equal, for row counts on either side of
-// the block's row grouping, hyperplane strides above 128, fewer than 8 hashes and rows holding
-// extreme values.
+// The block hash and the filing of precomputed hashes (ingestion) against the one-row hash and
+// add: every hash, entry and bucket equal, for row counts either side of the block's grouping,
+// hyperplane strides above 128, fewer than 8 hashes and rows holding extreme values.
 TEST(LshBlock, MatchesTheOneRowPath) {
     std::mt19937 gen(11);
     std::uniform_real_distribution<float> u(-3.0f, 3.0f);

@@ -156,9 +156,8 @@ TEST(PagedWriter, ConcurrentBuildsToOnePathLeaveOneCompleteFile) {
     testing::internal::GetCapturedStdout();
 }
 
-// Crash safety: a child process rewrites an index over a good file and is killed at many
-// moments; the final path must hold the complete old file or the complete new one, and a
-// temporary file left behind must not stop the next build.
+// A child rewriting an index over a good file is killed at many moments: the path holds the whole
+// old file or the whole new one, and a temporary left behind does not stop the next build.
 TEST(PagedCrash, KilledWriterLeavesTheOldOrTheNewFile) {
     scratch_dir d;
     const std::string path = d.file("live.ivfp");

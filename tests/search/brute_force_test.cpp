@@ -85,9 +85,8 @@ TEST(BruteForce, MatchesIndependentModelThresholdAndArguments) {
         EXPECT_EQ(semantic_vector_indexing_system_search_similar(b.get(), qp, out, &n), -1);
 }
 
-// A batch answers each query exactly as a lone search does: same count, same result bytes
-// (ids, order, score bits, zeroed tail), across blocks of the batch, partial row tiles, a row
-// without a vector in the middle of the store, thresholds and re-ranking from the sidecar.
+// A batch answers each query as a lone search does, to the byte, across blocks of the batch,
+// partial row tiles, a row without a vector mid-store, thresholds and re-ranking from the sidecar.
 TEST(BruteForce, BatchEqualsOneQueryAtATime) {
     orve_test::scratch_dir dir;
     system_block b("1000");

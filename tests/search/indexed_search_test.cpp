@@ -1,6 +1,5 @@
-// The IVF and H-IVF paths and the batch search through the public entry points. With every
-// bucket (or leaf) probed an index scan sees every row, so its answer must equal brute force;
-// that is the independent check used here.
+// The IVF and H-IVF paths and the batch search through the public entry points; probing every
+// bucket (or leaf), an index scan sees every row, so its answer must equal brute force's.
 #include <gtest/gtest.h>
 
 #include <cstring>
@@ -266,8 +265,7 @@ TEST_F(IndexedSearch, BatchMatchesSingleQueries) {
         }
     }
     live.centroid_codes = centroids;
-    // Bad arguments, missing counts, and the batch failing once the dropped store refuses brute
-    // force.
+    // Bad arguments, missing counts, and a batch failing once the store's drop refuses it.
     std::vector<vector_similarity_result> results(3 * 2);
     orve512_batch_query bq{3, 0, -2.0f, 0, 0, queries.data(), results.data(), nullptr, 0, 0};
     EXPECT_EQ(semantic_vector_indexing_system_search_similar_orve512_batch(sys(), &bq), -1);

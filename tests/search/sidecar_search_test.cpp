@@ -24,12 +24,10 @@ class SidecarSearch : public ::testing::Test {
     std::string path = dir.file("vectors.sidecar");
 };
 
-// Re-ranking reads rows through the file's mapping, or by positional reads when there is none:
-// both give every candidate its own row's exact cosine, bit for bit, in the same descending
-// order. Object rows and file rows part ways here: rows appended after the mapping was made
-// (two vectored writes' worth), a row ingested before the attach (no file row) and an all-zero row
-// (no cosine) keep the score they came with; a dead file row is never replayed and later rows
-// land behind it.
+// Re-ranking through the file's mapping and by positional reads gives every candidate its own
+// row's exact cosine, bit for bit, in the same order. Rows appended after the mapping (two vectored
+// writes' worth), a row ingested before the attach (no file row) and an all-zero row keep their
+// score; a dead file row is never replayed and later rows land behind it.
 TEST_F(SidecarSearch, MappedRerankEqualsTheReadPathAndTheExactCosine) {
     auto v = orve_test::gaussian_vectors(340, 73);
     std::fill(v.begin() + 100 * 512, v.begin() + 101 * 512, 0.0f);  // a row with no direction
@@ -87,9 +85,8 @@ TEST_F(SidecarSearch, MappedRerankEqualsTheReadPathAndTheExactCosine) {
     }
 }
 
-// Searches re-rank while another thread appends rows: every row a search can see was written
-// before it was counted, so each answer carries its own row's exact cosine, however far the
-// file has grown past the length it had at the attach.
+// Searches re-rank while another thread appends: a row is written before it is counted, so each
+// answer has its own row's exact cosine, however far the file grew past its length at the attach.
 TEST_F(SidecarSearch, RerankDuringIngestionReadsOnlyWrittenRows) {
     const auto v = orve_test::gaussian_vectors(1200, 74);
     system_block b("2000");

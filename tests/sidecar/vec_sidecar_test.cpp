@@ -85,10 +85,9 @@ collected load(const std::string& p, int32_t* rc, size_t stop_at = 0, int32_t st
     return c;
 }
 
-// What load hands over from a file as it lies on disk (without changing it), and what the file
-// is once a handle has opened it and appended two rows: foreign or short headers start over,
-// reserved header bytes are kept, a torn last row is cut so the new rows keep their numbers,
-// and dead rows and rows with id 0 are skipped by load but keep their place.
+// What load hands over from a file as it lies (unchanged), and the file once opened and given two
+// rows: foreign or short headers start over, reserved header bytes stay, a torn last row is cut so
+// new rows keep their numbers, dead rows and id 0 are skipped by load but keep their place.
 TEST(SidecarFile, LoadAndOpenThenAppendOnEveryKindOfFile) {
     test_files::scratch_dir dir;
     const bytes one_row = row(1, 1, vec(1));

@@ -50,8 +50,7 @@ bool mentions(const std::vector<std::string>& problems, const std::string& text)
                        [&](const std::string& p) { return p.find(text) != std::string::npos; });
 }
 
-// Counts of a well-formed file; headers the library would discard are flagged and their rows
-// not counted.
+// Counts of a well-formed file; headers the library would discard flagged, their rows uncounted.
 TEST(SidecarReport, CountsRowsAndFlagsHeadersTheLibraryWouldDiscard) {
     scratch_dir dir;
     // id 0 is dead whatever the live byte says; live byte 0 is dead; id 5 comes twice.

@@ -183,9 +183,8 @@ TEST(OrveEndToEnd, AFailedWriteGetsOneLineAndLeavesNoFiles) {
               "ls.txt\nstderr.txt\nstdout.txt\nv.npy\n");
 }
 
-// Existing outputs, paths of the wrong kind, paths that name one file, and out-of-range options
-// are refused before any work: the vectors file here has the wrong dtype, so reaching it would
-// print a different message. Devices, FIFOs, inputs and a non-empty sidecar are left as they were.
+// Existing outputs, paths of the wrong kind or naming one file, and bad options are refused before
+// any work (reaching the <f2 vectors would print another message); nothing is changed.
 TEST(OrveEndToEnd, PathsOfTheWrongKindAndBadOptionsAreRefusedFirst) {
     scratch_dir dir;
     bytes f2 = npy_preamble(npy_dict("<f2", "(1500, 512)"));

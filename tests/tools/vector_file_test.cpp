@@ -1,6 +1,6 @@
-// The tool's readers against well-formed and malformed .npy, .fvecs and manifest files written
-// here: every malformed or hostile input is refused by a tool_error naming the file and the
-// problem, never a crash or a path outside the directory.
+// The tool's readers against well-formed and malformed .npy, .fvecs and manifest files: each bad
+// input is refused by a tool_error naming the file and the problem, never a crash or a path
+// outside.
 #include <gtest/gtest.h>
 
 #include <cstring>
