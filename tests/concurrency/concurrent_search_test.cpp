@@ -114,8 +114,7 @@ TEST(Concurrency, SearchesWhileRowsIndexesAndFilesChangeAndTheStoreIsDropped) {
                 const uint32_t seen = searches.load();
                 while (searches.load() == seen) std::this_thread::yield();
                 if (r % 100 != 0) continue;
-                // One writer: builds lose no race. The file replaces the attached one and is
-                // then attached again over itself.
+                // One writer, so builds succeed; the file replaces the attached one, then itself.
                 const std::string path = dir + (r % 200 ? "/a.ivfp" : "/b.ivfp");
                 if (semantic_vector_indexing_system_build_ivf(sys, 8, r) != 0 ||
                     semantic_vector_indexing_system_build_ivf_level2(sys, 2, 4, r) != 0 ||

@@ -64,8 +64,7 @@ ssize_t __wrap_write(int fd, const void* buf, size_t n) {
     if (g_how == io_failure::short_write && n > 1) return __real_write(fd, buf, n / 2);
     return fail();
 }
-// A short vectored write stops halfway through its bytes, which for many rows lands inside a
-// row in the middle of the vector.
+// A short vectored write stops halfway through its bytes: for many rows, inside a row.
 ssize_t __wrap_writev(int fd, const struct iovec* iov, int count) {
     if (!fires(io_call::write)) return __real_writev(fd, iov, count);
     if (g_how != io_failure::short_write) return fail();

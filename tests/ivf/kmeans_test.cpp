@@ -56,8 +56,7 @@ TEST(KmeansPlusPlus, DrawEqualsOneRunningSumOverManyRows) {
     };
     std::vector<float> spread(5000), zeros(4099, 0.0f), negative(3000), nan(2500);
     for (std::size_t i = 0; i < spread.size(); ++i) spread[i] = (i % 97 == 0) ? 1e6f : 1e-3f * i;
-    // Blocks of three rows here: the sum crosses a target inside block 499 and falls below it
-    // again by the block's end.
+    // Blocks of 3 rows: the sum crosses a target inside block 499, back below by its end.
     for (std::size_t i = 0; i < negative.size(); ++i)
         negative[i] = i == 1497 ? 1e6f : (i == 1499 ? -1e6f : 1.0f);
     for (std::size_t i = 0; i < nan.size(); ++i) nan[i] = i == 1200 ? NAN : 1.0f;

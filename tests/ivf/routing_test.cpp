@@ -45,8 +45,7 @@ TEST(ScoredPairOrder, NaNOnEitherSideLetsTheIndexDecide) {
     EXPECT_EQ(cmp_scored_desc(&nan5, &e9), -1);
 }
 
-// An H-IVF whose level-1 and leaf centroids are given by their cosines with e0; an empty
-// list makes an all-zero leaf entry.
+// An H-IVF of centroids given by their cosines with e0; an empty list: an all-zero leaf.
 struct hand_hivf {
     centroid_set level1;
     std::vector<centroid_set> leaves;

@@ -36,8 +36,7 @@ std::vector<float> centroids_from(const dataset& d, uint32_t k, uint32_t stride)
 }
 
 TEST(ScreenBounds, IntervalsContainTheFloatDistance) {
-    // Unit rows, raw rows of magnitudes 2^-25 .. 2^4, a zero row and a row below the
-    // quantiser's zero threshold.
+    // Unit rows, rows of magnitudes 2^-25 .. 2^4, a zero row and one below the zero threshold.
     dataset d = ivf_test::random_rows(32, 43);
     for (uint32_t r = 0; r < 20; ++r) l2_normalize_inplace(&d.rows[512 * r]);
     for (uint32_t r = 20; r < 30; ++r) {

@@ -130,8 +130,7 @@ inline std::vector<bucket_plan> random_buckets(uint32_t b1, uint32_t b2, uint32_
             n += out[i].leaves.back().rows();
         }
     }
-    // Scramble the global ids (1000003 is a prime above any n used here), so that a reader
-    // mixing up row ids and positions is caught.
+    // Scrambled ids (1000003: a prime above any n here) catch readers mixing ids and positions.
     for (bucket_plan& b : out)
         for (leaf_plan& l : b.leaves)
             for (uint32_t& r : l.row_ids) r = static_cast<uint32_t>((r * 1000003ull + 3) % n);

@@ -147,8 +147,7 @@ TEST(PagedWriter, ConcurrentBuildsToOnePathLeaveOneCompleteFile) {
         std::thread ta([&] { rc_a = orve_ivf_paged_build(a.get(), ids_a.data(), p.c_str()); });
         rc_b = orve_ivf_paged_build(b.get(), ids_b.data(), p.c_str());
         ta.join();
-        ASSERT_EQ(rc_a, 0);
-        ASSERT_EQ(rc_b, 0);
+        ASSERT_TRUE(rc_a == 0 && rc_b == 0) << rc_a << " " << rc_b;
         const bytes got = read_file(p);
         ASSERT_TRUE(got == want_a || got == want_b) << "round " << round;
         ASSERT_FALSE(file_exists(p + ".tmp"));

@@ -65,8 +65,7 @@ TEST(BruteForce, MatchesIndependentModelThresholdAndArguments) {
         }
         EXPECT_TRUE(qi > 0 || res[0].node_id == 1235u);
     }
-    // A threshold exactly equal to the best similarity keeps that row (>=); slots past the
-    // returned count are left alone.
+    // A threshold equal to the best similarity keeps that row (>=); later slots are left alone.
     auto q = int8_query(&vecs[7 * 512], 2);
     q.min_similarity = search(b.get(), q)[0].similarity;
     vector_similarity_result res[2] = {};

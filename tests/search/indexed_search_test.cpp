@@ -72,8 +72,7 @@ TEST_F(IndexedSearch, BuildLimits) {
     EXPECT_EQ(semantic_vector_indexing_system_build_ivf(small.get(), 4, 1), -1);
     EXPECT_EQ(semantic_vector_indexing_system_build_ivf_level2(small.get(), 2, 2, 1), -1);
     // One row without a vector makes both builds impossible.
-    unsigned char host[632] = {};
-    host[0] = 1;
+    unsigned char host[632] = {1};
     ASSERT_EQ(semantic_vector_indexing_system_add_node(small.get(), host), 0);
     ASSERT_EQ(semantic_vector_indexing_system_load_vectors_f32(small.get(), vecs.data(), 10), 10);
     EXPECT_EQ(semantic_vector_indexing_system_build_ivf(small.get(), 4, 1), -1);

@@ -1,5 +1,4 @@
-// The sidecar file is checked byte for byte against encodings spelled out here, and files for the
-// reader are written by hand.
+// The sidecar file against encodings spelled out here, byte for byte; reader files by hand.
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>

@@ -191,8 +191,7 @@ TEST(VectorFile, RefusesMalformedFilesNamingTheFileAndTheProblem) {
     }
 }
 
-// As json.dump(indent=1, sort_keys=True) writes it for two shards, one of them sealed; each
-// case below breaks it in one way.
+// json.dump(indent=1, sort_keys=True) of two shards, one sealed; each case breaks it once.
 const std::string kPython = R"({
  "format": "orve-sharded",
  "next_shard": 3,
