@@ -63,8 +63,7 @@ TEST(PagedAttachment, FileAnswersAsTheHivfDidFailuresLeaveItAloneAndOldFilesStay
     EXPECT_NE(sys->live_hivf.load()->index.l2_indexes[0].codes, nullptr);
     ASSERT_EQ(semantic_vector_indexing_system_build_ivf_paged(sys, ivfp.c_str()), 0);
     EXPECT_EQ(answers(sys, queries.data()), before);
-    // The row-less copy left in memory never pins as current: a search that missed the file
-    // and fell to the H-IVF must not take its empty scan for an answer.
+    // The row-less copy in memory never pins as current: a scan of it is no answer.
     hivf_live* rowless = nullptr;
     EXPECT_EQ(hivf_rcu_pin_live(sys, &rowless), -1);
     vector_similarity_result r[8];

@@ -8,8 +8,7 @@
 
 namespace orve_test {
 
-// Runs call() with its allocation number k (1-based) failing; returns false when it made fewer
-// allocations, and so ran with a working allocator.
+// Runs call() with its allocation k (1-based) failing; false when it made fewer (none failed).
 bool run_with_failing_allocation(long k, const std::function<void()>& call);
 
 // `write` counts plain and vectored writes alike.

@@ -98,8 +98,7 @@ TEST(ScreenedAssignment, EqualsTheFullScanAcrossMovingCentroidsTiesAndUnscreenab
             EXPECT_EQ(got[10], 0u);         // tie between centroids 0 and 3 goes to the lower index
             EXPECT_EQ(s.rows_scanned, 2u);  // the NaN row and the huge row
         }
-        // Move every centroid a little and one of them far (as a re-seeded empty cluster),
-        // so bounds carried across passes are exercised.
+        // Move each centroid a little and one far (a re-seeded cluster): carried bounds in use.
         for (auto& v : centroids) v += 0.002f * g.bell();
         std::memcpy(&centroids[512 * (round % k + 5)], d.row(g.next() % d.n), 2048);
     }

@@ -1,5 +1,4 @@
-// Shared by the paged tests: hand-built H-IVFs, an encoder of the file format that shares no
-// code with the library's writer, plain scoring, and scratch files.
+// For the paged tests: hand-built H-IVFs, an encoder sharing no code with the writer, scoring.
 #pragma once
 
 #include <bit>

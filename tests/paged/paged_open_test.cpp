@@ -1,5 +1,4 @@
-// Opening: each check with its code and line, in order, on files encoded by the fixture and
-// damaged by hand; a refusal leaks no descriptor or mapping.
+// Each open check's code and line, in order, on damaged files; refusals leak no fd or mapping.
 #include <gtest/gtest.h>
 
 #include <cstring>

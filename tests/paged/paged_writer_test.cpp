@@ -133,8 +133,7 @@ TEST(PagedWriter, RefusalsAndFailuresLeaveThePathAsItWas) {
     EXPECT_TRUE(file_exists(occupied + "/keep"));
 }
 
-// Two builds racing on one path share the temporary name; the result must still be one of the
-// two complete files, never a mixture or a truncated one.
+// Two builds racing on one path (one temporary name) leave one complete file, never a mixture.
 TEST(PagedWriter, ConcurrentBuildsToOnePathLeaveOneCompleteFile) {
     scratch_dir d;
     const std::string p = d.file("race.ivfp");

@@ -114,8 +114,7 @@ TEST_F(IndexedSearch, FullProbeEqualsBruteForceAndGenerationsTrackStaleness) {
     ivf_live_release(pinned);
 }
 
-// The cluster filter on both index scans, against an independent model: every row's score from
-// an unfiltered brute-force search, filtered here and cut to k.
+// The cluster filter on both index scans against an unfiltered brute force, filtered here.
 TEST_F(IndexedSearch, ClusterFilterOnIvfAndHivfScans) {
     for (uint32_t s = 0; s < kRows; ++s) sys()->nodes[s].cluster_id = s % 3 + 1;
     build(16, 7, 4, 4, 3);

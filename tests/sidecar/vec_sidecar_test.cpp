@@ -182,8 +182,7 @@ TEST(SidecarFile, SecondWriterIsRefusedUntilTheFirstCloses) {
     EXPECT_EQ(orve_vec_sidecar_open(p.c_str(), &second), -1);  // the attachment holds it now
 }
 
-// A directory, a missing directory and a pipe cannot hold a sidecar; load sees no rows in
-// them (and must not wait for a writer on the pipe).
+// A directory, a missing one and a pipe hold no sidecar; load sees no rows (nor waits on the pipe).
 TEST(SidecarFile, UnusablePathsFailWithoutSideEffects) {
     test_files::scratch_dir dir;
     orve_vec_sidecar no_file{};

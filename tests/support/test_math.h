@@ -1,5 +1,4 @@
-// Small independent computations shared by the tests: a byte digest for golden values, float
-// bit patterns and the exact cosine of two 512-float rows.
+// Independent computations for the tests: a byte digest, float bits, the exact 512-float cosine.
 #pragma once
 
 #include <bit>

@@ -139,8 +139,7 @@ TEST(VectorFile, RefusesMalformedFilesNamingTheFileAndTheProblem) {
         {"fo.npy", npy_preamble("{'descr': '<f4', 'fortran_order': 0, 'shape': (1, 512)}"),
          as::open, "'fortran_order' is not True or False"},
         {"open.npy", npy_preamble(f4 + ", 'shape': (1, 512"), as::open, "malformed NPY header"},
-        // A hostile header is refused by its nesting depth and its length, before recursion
-        // or allocation could exhaust the stack or memory.
+        // A hostile header is refused by depth and length, before it could exhaust stack or memory.
         {"deep.npy", npy_preamble(f4 + ", 'shape': " + std::string(60000, '(')), as::open,
          "nested more than 16 levels deep"},
         {"huge.npy", huge, as::open, "NPY header of 65537 bytes (at most 65536 accepted)"},
