@@ -1,7 +1,6 @@
-// Searches racing the calls that change what they read: ingestion, index rebuilds and
-// retirement, paged files replacing each other, and the drop of the flat store. Answers must
-// stay well formed (or exact, where the rows are known), and no search may read freed memory:
-// the AddressSanitizer and ThreadSanitizer legs run these tests.
+// Searches racing ingestion, index rebuilds and retirement, paged files replacing each other and
+// the drop of the flat store: answers stay well formed (exact where the rows are known) and no
+// search reads freed memory (the AddressSanitizer and ThreadSanitizer legs run this).
 #include <gtest/gtest.h>
 
 #include <atomic>
@@ -16,8 +15,7 @@ namespace {
 
 using orve_test::int8_query;
 
-// Runs search(thread, round) on two threads while change() runs here, and at least five
-// rounds each; returns what change() returned.
+// Runs search(thread, round) on two threads, at least five rounds each, while change() runs.
 template <class Search, class Change>
 bool race(Search search, Change change) {
     std::atomic<bool> done{false};
@@ -41,24 +39,20 @@ bool well_formed(const vector_similarity_result* r, uint32_t n, uint32_t max_id)
     return true;
 }
 
-// The writer ingests in chunks, rebuilds the IVF and the H-IVF, writes paged files over each
-// other, retires the indexes now and then, and finally drops the flat store, while searchers
-// cycle brute force, the IVF, the paged file or H-IVF, and the pinned H-IVF scan. Retired
-// indexes, replaced files and released H-IVF rows must stay alive for the searches that
-// pinned them. Brute force runs without the object's lock: each of its answers must be exactly
-// the answer over some prefix of the rows, between the row count before the search and after
-// it; once the drop has begun it may be refused with -7, and after it always is.
+// The writer ingests in chunks, rebuilds both indexes, writes paged files over each other,
+// retires the indexes now and then and finally drops the flat store, while searchers cycle
+// brute force, the IVF, the paged file or H-IVF, and the pinned H-IVF scan; whatever they pinned
+// must stay alive. Brute force takes no lock: each answer must be exactly that over some prefix
+// of the rows (between the counts before and after it); from the drop on it may be refused
+// with -7, and after it always is.
 TEST(Concurrency, SearchesWhileRowsIndexesAndFilesChangeAndTheStoreIsDropped) {
     constexpr uint32_t kBase = 1000, kRows = 1500, kK = 5;
     orve_test::scratch_dir tmp;
     const std::string dir = tmp.path();
     const auto vecs = orve_test::gaussian_vectors(kRows, 60);
     const auto queries = orve_test::gaussian_vectors(8, 61);
-    orve_test::system_block ref, b;
+    orve_test::system_block ref("2000"), b("2000");  // ref: a quiet object holding every row
     auto* sys = b.get();
-    ASSERT_EQ(orve_test::create_with_capacity(sys, "2000"), 0);
-    // Every row's score per query, from a quiet object holding all the rows.
-    ASSERT_EQ(orve_test::create_with_capacity(ref.get(), "2000"), 0);
     ASSERT_EQ(semantic_vector_indexing_system_load_vectors_f32(ref.get(), vecs.data(), kRows),
               1500);
     std::vector<std::vector<vector_similarity_result>> all(8);
@@ -120,8 +114,7 @@ TEST(Concurrency, SearchesWhileRowsIndexesAndFilesChangeAndTheStoreIsDropped) {
                 const uint32_t seen = searches.load();
                 while (searches.load() == seen) std::this_thread::yield();
                 if (r % 100 != 0) continue;
-                // One writer: the builds lose no race, so they succeed. The file written
-                // replaces the attached one, and is then attached again over itself.
+                // One writer, so builds succeed; the file replaces the attached one, then itself.
                 const std::string path = dir + (r % 200 ? "/a.ivfp" : "/b.ivfp");
                 if (semantic_vector_indexing_system_build_ivf(sys, 8, r) != 0 ||
                     semantic_vector_indexing_system_build_ivf_level2(sys, 2, 4, r) != 0 ||

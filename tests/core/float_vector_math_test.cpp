@@ -1,5 +1,4 @@
-// The legacy 128-float helpers against sums in double: only the first 128 components count,
-// and null or zero inputs give the documented neutral values.
+// The legacy 128-float helpers against double sums: 128 components count; null or zero: neutral.
 #include <gtest/gtest.h>
 
 #include <cmath>

@@ -16,8 +16,7 @@ std::string long_text(bool z) {
     return s;
 }
 
-// Reference components from tests/core/hashed_embeddings_golden.py, which computes the
-// embeddings on its own with float32 rounding emulated in Python.
+// Reference components from hashed_embeddings_golden.py (float32 rounding emulated in Python).
 struct Golden {
     std::string text;
     std::pair<int, float> comps[7];

@@ -14,7 +14,6 @@
 
 namespace {
 
-using orve_test::create_with_capacity;
 using orve_test::system_block;
 
 constexpr uint32_t kRows = 1100;
@@ -41,11 +40,10 @@ std::vector<std::pair<uint32_t, float>> answers(semantic_vector_indexing_system*
 TEST(PagedAttachment, FileAnswersAsTheHivfDidFailuresLeaveItAloneAndOldFilesStayInBounds) {
     orve_test::scratch_dir tmp;
     const std::string dir = tmp.path(), ivfp = dir + "/index.ivfp", junk = dir + "/junk.ivfp";
-    system_block b, small;
+    system_block b("3000"), small("3000");
     auto* sys = b.get();
     const auto vecs = orve_test::gaussian_vectors(kRows, 110);
     const auto queries = orve_test::gaussian_vectors(4, 111);
-    ASSERT_EQ(create_with_capacity(sys, "3000"), 0);
     ASSERT_EQ(semantic_vector_indexing_system_open_sidecar(sys, (dir + "/v.sidecar").c_str()), 0);
     // Identifiers unlike row numbers, so the file's identifiers are really checked.
     for (uint32_t r = 0; r < kRows; ++r)
@@ -65,8 +63,7 @@ TEST(PagedAttachment, FileAnswersAsTheHivfDidFailuresLeaveItAloneAndOldFilesStay
     EXPECT_NE(sys->live_hivf.load()->index.l2_indexes[0].codes, nullptr);
     ASSERT_EQ(semantic_vector_indexing_system_build_ivf_paged(sys, ivfp.c_str()), 0);
     EXPECT_EQ(answers(sys, queries.data()), before);
-    // The row-less copy left in memory never pins as current: a search that missed the file
-    // and fell to the H-IVF must not take its empty scan for an answer.
+    // The row-less copy in memory never pins as current: a scan of it is no answer.
     hivf_live* rowless = nullptr;
     EXPECT_EQ(hivf_rcu_pin_live(sys, &rowless), -1);
     vector_similarity_result r[8];
@@ -92,7 +89,6 @@ TEST(PagedAttachment, FileAnswersAsTheHivfDidFailuresLeaveItAloneAndOldFilesStay
     std::filesystem::copy_file(ivfp, v1);
     std::fstream(v1, std::ios::in | std::ios::out | std::ios::binary).seekp(8).put(1);
     constexpr uint32_t kFewer = 600;
-    ASSERT_EQ(create_with_capacity(small.get(), "3000"), 0);
     for (uint32_t r = 0; r < kFewer; ++r)
         ASSERT_EQ(semantic_vector_indexing_system_add_embedding_orve512(small.get(), 7 + r,
                                                                         &vecs[r * 512]),

@@ -5,7 +5,6 @@
 
 #include <cerrno>
 #include <cstddef>
-#include <cstdlib>
 
 using orve_test::io_call;
 using orve_test::io_failure;
@@ -18,7 +17,6 @@ int __real_posix_memalign(void** out, std::size_t alignment, std::size_t n);
 ssize_t __real_write(int fd, const void* buf, size_t n);
 ssize_t __real_writev(int fd, const struct iovec* iov, int count);
 int __real_msync(void* addr, size_t length, int flags);
-int __real_fsync(int fd);
 int __real_fdatasync(int fd);
 }
 
@@ -66,8 +64,7 @@ ssize_t __wrap_write(int fd, const void* buf, size_t n) {
     if (g_how == io_failure::short_write && n > 1) return __real_write(fd, buf, n / 2);
     return fail();
 }
-// A short vectored write stops halfway through its bytes, which for many rows lands inside a
-// row in the middle of the vector.
+// A short vectored write stops halfway through its bytes: for many rows, inside a row.
 ssize_t __wrap_writev(int fd, const struct iovec* iov, int count) {
     if (!fires(io_call::write)) return __real_writev(fd, iov, count);
     if (g_how != io_failure::short_write) return fail();
@@ -85,9 +82,6 @@ ssize_t __wrap_writev(int fd, const struct iovec* iov, int count) {
 }
 int __wrap_msync(void* addr, size_t length, int flags) {
     return fires(io_call::msync) ? fail() : __real_msync(addr, length, flags);
-}
-int __wrap_fsync(int fd) {
-    return fires(io_call::fsync) ? fail() : __real_fsync(fd);
 }
 int __wrap_fdatasync(int fd) {
     return fires(io_call::fdatasync) ? fail() : __real_fdatasync(fd);

@@ -1,22 +1,18 @@
-// Makes the C allocator and file I/O fail on purpose, for tests of the library's failure paths.
-//
-// The test executable in this folder is linked with --wrap for malloc, calloc, realloc,
-// posix_memalign, write, writev, msync, fsync and fdatasync, so every call the library's code
-// makes to them goes through the switches here. Other allocations (the C++ runtime, the test
-// framework's shared parts) are untouched. Plain globals: these tests arm and disarm on one thread.
+// Makes the C allocator and file I/O fail on purpose, for tests of the library's failure paths:
+// the test executable here is linked with --wrap for malloc, calloc, realloc, posix_memalign,
+// write, writev, msync and fdatasync, so the library's calls go through the switches here (the C++
+// runtime's are untouched). Plain globals: these tests arm and disarm on one thread.
 #pragma once
 
 #include <functional>
 
 namespace orve_test {
 
-// Runs call() with allocation number k (1-based, counted from the start of the call) failing.
-// Returns true when the call reached that allocation, so a failure was injected; false when it
-// made fewer allocations and so ran with a working allocator.
+// Runs call() with its allocation k (1-based) failing; false when it made fewer (none failed).
 bool run_with_failing_allocation(long k, const std::function<void()>& call);
 
 // `write` counts plain and vectored writes alike.
-enum class io_call { write, msync, fsync, fdatasync };
+enum class io_call { write, msync, fdatasync };
 enum class io_failure {
     no_space,     // -1 with ENOSPC, nothing written
     io_error,     // -1 with EIO, nothing written

@@ -1,7 +1,6 @@
-// Every allocation an operation makes is made to fail in turn: each failing run returns the
-// documented code, leaves the object as it was (or, for create, zeroed and reusable) and leaks
-// nothing (LeakSanitizer checks in the sanitizer build). File writes and flushes are made to
-// fail the same way (the IoFailure tests).
+// Every allocation an operation makes fails in turn: each failing run returns the documented
+// code, leaves the object as it was (create: zeroed and reusable) and leaks nothing (checked by
+// LeakSanitizer). The IoFailure tests fail file writes and flushes the same way.
 #include <gtest/gtest.h>
 
 #include <cstring>
@@ -12,6 +11,7 @@
 
 #include "fault_hooks.h"
 #include "core/system.h"
+#include "paged/paged_fixture.h"
 #include "support/system_fixture.h"
 #include "support/test_math.h"
 
@@ -21,8 +21,8 @@ using orve_test::create_with_capacity;
 using orve_test::system_block;
 using sys_t = semantic_vector_indexing_system;
 
-// Runs op on the object make() gives with allocation k failing, k = 1, 2, ... until a run makes
-// fewer than k allocations; check(sys, rc, injected) judges every run. Returns the failed runs.
+// Runs op on make()'s object with allocation k = 1, 2, ... failing until a run makes fewer than
+// k; check(sys, rc, injected) judges every run. Returns the failed runs.
 long sweep(const std::function<sys_t*()>& make, const std::function<int(sys_t*)>& op,
            const std::function<void(sys_t*, int, bool)>& check) {
     for (long k = 1;; ++k) {
@@ -51,8 +51,8 @@ TEST(AllocFailure, CreateFailsCleanlyAtEveryAllocation) {
     EXPECT_GE(failed, 3) << "the node table and two index records at least";
 }
 
-// Ingestion, one row or many, onto an empty object or one holding a row: a failure refuses the
-// call or stops it at a row, committed rows stay consistent and the object keeps working.
+// Ingestion of one row or many, onto an empty object or one holding a row: a failure refuses the
+// call or stops it at a row; committed rows stay consistent and the object keeps working.
 TEST(AllocFailure, IngestionLeavesNoTrace) {
     const auto vecs = orve_test::gaussian_vectors(4, 50);
     const struct {
@@ -63,8 +63,7 @@ TEST(AllocFailure, IngestionLeavesNoTrace) {
         std::unique_ptr<system_block> b;
         sweep(
             [&] {
-                auto* s = (b = std::make_unique<system_block>())->get();
-                EXPECT_EQ(create_with_capacity(s, "64"), 0);
+                auto* s = (b = std::make_unique<system_block>("64"))->get();
                 for (uint32_t r = 0; r < c.preload; ++r)
                     EXPECT_EQ(
                         semantic_vector_indexing_system_add_embedding_orve512(s, 9, vecs.data()),
@@ -100,19 +99,15 @@ TEST(AllocFailure, SidecarAttachReplaysOrFailsWithoutAttaching) {
     const std::string path = dir.file("rows.sidecar");
     const auto vecs = orve_test::gaussian_vectors(3, 53);
     std::unique_ptr<system_block> b;
-    auto fresh = [&] {
-        auto* s = (b = std::make_unique<system_block>())->get();
-        EXPECT_EQ(create_with_capacity(s, "64"), 0);
-        return s;
-    };
+    auto fresh = [&] { return (b = std::make_unique<system_block>("64"))->get(); };
     auto attach = [&](sys_t* s) {
         return semantic_vector_indexing_system_open_sidecar(s, path.c_str());
     };
     ASSERT_EQ(attach(fresh()), 0);
     ASSERT_EQ(semantic_vector_indexing_system_load_vectors_f32(b->get(), vecs.data(), 3), 3);
     sweep(fresh, attach, [](sys_t* s, int rc, bool injected) {
-        // The replay's read buffer may fail and be done without (a row at a time): the attach
-        // then succeeds whole. Any other failure refuses it with nothing attached.
+        // Without the replay's read buffer (a row at a time) the attach still succeeds whole;
+        // any other failure refuses it with nothing attached.
         if (rc == 0) {
             EXPECT_EQ(s->node_count, 3u);
             EXPECT_NE(s->sidecar, nullptr);
@@ -128,13 +123,11 @@ TEST(AllocFailure, SidecarAttachReplaysOrFailsWithoutAttaching) {
     b.reset();
 }
 
-// A failed build publishes nothing and leaves the previous index serving (some scratch is
-// optional, so a build may still succeed); a failed index search falls back to brute force,
-// so the front end still answers or fails only with brute force's own allocations.
+// A failed build publishes nothing and leaves the previous index serving (optional scratch may
+// let it succeed); a failed index search falls back to brute force, failing only with its own.
 TEST(AllocFailure, IndexBuildsAndIndexSearches) {
-    system_block b;
+    system_block b("2000");
     sys_t* sys = b.get();
-    ASSERT_EQ(create_with_capacity(sys, "2000"), 0);
     const auto vecs = orve_test::gaussian_vectors(1000, 54);
     ASSERT_EQ(semantic_vector_indexing_system_load_vectors_f32(sys, vecs.data(), 1000), 1000);
     const void* before = nullptr;
@@ -157,7 +150,6 @@ TEST(AllocFailure, IndexBuildsAndIndexSearches) {
                 EXPECT_EQ(live() == before, rc == -1);
             });
     }
-    // Brute force, then the index paths, which fall back to it when their scan fails.
     auto q = orve_test::int8_query(vecs.data() + 512 * 10, 3);
     q.n_probe = q.n_probe_l2 = 2;
     q.n_probe_l1 = 1;
@@ -181,16 +173,10 @@ TEST(AllocFailure, IndexBuildsAndIndexSearches) {
 using orve_test::io_call;
 using orve_test::io_failure;
 
-int64_t file_size(const std::string& p) {
-    return test_files::file_exists(p) ? static_cast<int64_t>(test_files::read_file(p).size()) : -1;
-}
-
-// An append fails partway through the rows (ingested one by one, or in bulk where one vectored
-// write carries many rows and a short one stops inside a row). Ingestion still succeeds, the
-// file keeps exactly the rows written before the failure, whole and each at its own position
-// (read back from its little-endian bytes), and re-ranking never scores a row with another
-// row's vector. A short write of seven rows ends inside the fourth; of 300, the second vector
-// (rows 256 on) stops halfway.
+// An append fails partway (single rows, or a bulk vectored write cut short inside a row: of
+// seven rows inside the fourth, of 300 halfway through the second vector, rows 256 on).
+// Ingestion succeeds, the file keeps exactly the whole rows written before, each at its own
+// position, and re-ranking never scores a row with another row's vector.
 TEST(IoFailure, FailedSidecarAppendLeavesAWholePrefixAndNoMisplacedRow) {
     const auto vecs = orve_test::gaussian_vectors(300, 61);
     const struct {
@@ -209,9 +195,8 @@ TEST(IoFailure, FailedSidecarAppendLeavesAWholePrefixAndNoMisplacedRow) {
         orve_test::scratch_dir d;
         const std::string path = d.file("rows.sidecar");
         {
-            system_block b;
+            system_block b("512");
             auto* sys = b.get();
-            ASSERT_EQ(create_with_capacity(sys, "512"), 0);
             ASSERT_EQ(semantic_vector_indexing_system_open_sidecar(sys, path.c_str()), 0);
             orve_test::arm_io_failure(io_call::write, c.nth, c.how);
             if (c.rows != 0) {
@@ -228,10 +213,8 @@ TEST(IoFailure, FailedSidecarAppendLeavesAWholePrefixAndNoMisplacedRow) {
                 if (want == 0) continue;
                 auto q = orve_test::int8_query(&vecs[(want - 1) * 512], 6);
                 q.rerank = 1;
-                vector_similarity_result res[6];
-                uint32_t n = 0;
-                ASSERT_EQ(semantic_vector_indexing_system_search_similar(sys, &q, res, &n), 0);
-                ASSERT_EQ(n, 6u);
+                const auto res = orve_test::search(sys, q);
+                ASSERT_EQ(res.size(), 6u);
                 EXPECT_EQ(res[0].node_id, want);
                 for (const auto& r : res)
                     EXPECT_NEAR(r.similarity,
@@ -250,43 +233,31 @@ TEST(IoFailure, FailedSidecarAppendLeavesAWholePrefixAndNoMisplacedRow) {
     }
 }
 
-// A flush that fails keeps the new file from being published: -2, nothing printed, the previous
-// file still under the final name, the temporary gone.
+// A failed flush publishes nothing: -2, no output, the previous file kept, no temporary left.
 TEST(IoFailure, PagedWriterFlushFailureKeepsThePreviousFile) {
-    const uint32_t n = 16;
-    const auto vecs = orve_test::gaussian_vectors(n, 62);
-    std::vector<int8_t> codes(n * 512);
-    std::vector<float> scales(n), norms(n);
-    std::vector<uint32_t> ids(n);
-    for (uint32_t r = 0; r < n; ++r) {
-        ids[r] = r + 1;
-        ASSERT_EQ(orve_quantize_float_vector_symmetric(&vecs[r * 512], 512, &codes[r * 512],
-                                                       &scales[r], &norms[r]),
-                  0);
-    }
-    orve_hivf_index h{};
-    ASSERT_EQ(orve_hivf_build_i8(codes.data(), scales.data(), norms.data(), n, 2, 2, 1, &h), 0);
+    const paged_test::hand_hivf h(2, 2, paged_test::random_buckets(2, 2, 6, 62));
+    const auto ids = paged_test::node_table(h.total_rows);
     orve_test::scratch_dir d;
-    const std::string path = d.file("index.ivfp"), previous = "the index being served";
-    test_files::write_file(path, {previous.begin(), previous.end()});
+    const std::string path = d.file("index.ivfp"), served = "the index being served";
+    const std::vector<uint8_t> previous(served.begin(), served.end());
+    test_files::write_file(path, previous);
     for (io_call call : {io_call::msync, io_call::fdatasync}) {
         for (io_failure how : {io_failure::io_error, io_failure::no_space}) {
             SCOPED_TRACE(testing::Message()
                          << static_cast<int>(call) << " " << static_cast<int>(how));
             orve_test::arm_io_failure(call, 1, how);
             testing::internal::CaptureStdout();
-            EXPECT_EQ(orve_ivf_paged_build(&h, ids.data(), path.c_str()), -2);
+            EXPECT_EQ(orve_ivf_paged_build(h.get(), ids.data(), path.c_str()), -2);
             EXPECT_EQ(testing::internal::GetCapturedStdout(), "");
             ASSERT_TRUE(orve_test::disarm_io_failure());
-            EXPECT_EQ(file_size(path), static_cast<int64_t>(previous.size()));
-            EXPECT_EQ(file_size(path + ".tmp"), -1);
+            EXPECT_EQ(test_files::read_file(path), previous);
+            EXPECT_FALSE(test_files::file_exists(path + ".tmp"));
         }
     }
     testing::internal::CaptureStdout();
-    EXPECT_EQ(orve_ivf_paged_build(&h, ids.data(), path.c_str()), 0);
+    EXPECT_EQ(orve_ivf_paged_build(h.get(), ids.data(), path.c_str()), 0);
     testing::internal::GetCapturedStdout();
-    EXPECT_GT(file_size(path), static_cast<int64_t>(previous.size()));
-    orve_hivf_index_destroy(&h);
+    EXPECT_EQ(test_files::read_file(path), paged_test::encode_ivfp(h, ids, 2));
 }
 
 }  // namespace

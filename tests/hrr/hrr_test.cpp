@@ -47,9 +47,8 @@ TEST(Sha256, LengthsAroundThePaddingBoundary) {
     }
 }
 
-// SHA-256 digests of whole vectors (their float32 bytes) from tests/hrr/hrr_golden.py, which
-// rebuilds atoms and facts from hashlib and an independent model; a digest pins every bit, so
-// the seeding, the generator, Box-Muller and the normalisation are all checked through it.
+// SHA-256 digests of whole vectors from hrr_golden.py (hashlib and an independent model): a digest
+// pins every bit, so seeding, generator, Box-Muller and normalisation are all checked through it.
 TEST(HrrGolden, AtomsAndFacts) {
     std::string long_name;  // 600 bytes cycling through the alphabet
     for (int i = 0; i < 600; ++i) long_name.push_back(static_cast<char>('a' + i % 26));

@@ -1,5 +1,4 @@
-// The training's exact int8 distance and the in-place normalisation (the float distance's
-// order is checked with its kernels, tests/quant/kernel_table_test.cpp).
+// The training's exact int8 distance and in-place normalisation (float order: kernel_table_test).
 #include <gtest/gtest.h>
 
 #include <cmath>

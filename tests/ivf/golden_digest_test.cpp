@@ -1,9 +1,7 @@
-// Cross-architecture agreement check. The constants below were produced by an x86-64 run of
-// this test and must be reproduced exactly by the aarch64 build (run under qemu): the training
-// is defined down to its float rounding, so the same input and seed give the same bytes on
-// every processor. They are not independent expectations of the values, only of agreement; a
-// change to the training or to the quantiser that is meant to change results must update them.
-// The input's own digest tells a changed generator or quantiser from a changed training.
+// Cross-architecture agreement: the constants come from an x86-64 run and the aarch64 build (under
+// qemu) must reproduce them, as the training is defined down to its float rounding. They pin
+// agreement, not values: a change meant to alter results updates them. The input's own digest
+// tells a changed generator or quantiser from a changed training.
 #include <gtest/gtest.h>
 
 #include <cinttypes>

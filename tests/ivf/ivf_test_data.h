@@ -1,5 +1,4 @@
-// Inputs for the IVF tests: a small integer generator (the same numbers on every platform and
-// standard library), float rows built from it, and their int8 codes.
+// IVF test inputs: a platform-independent integer generator, float rows from it, their codes.
 #pragma once
 
 #include <cstdint>

@@ -3,7 +3,6 @@
 
 #include <stdlib.h>
 
-#include <algorithm>
 #include <cmath>
 #include <cstring>
 #include <vector>
@@ -14,10 +13,6 @@
 namespace {
 
 using ivf_test::dataset;
-
-uint64_t digest(const orve_ivf_index& x) {
-    return ivf_test::digest_ivf(ivf_test::kFnvOffset, x);
-}
 
 TEST(KmeansPlusPlus, WeightedPickFollowsTheRunningSum) {
     // Rows at squared distances 0, 1 and 3 from row 0.
@@ -61,11 +56,9 @@ TEST(KmeansPlusPlus, DrawEqualsOneRunningSumOverManyRows) {
     };
     std::vector<float> spread(5000), zeros(4099, 0.0f), negative(3000), nan(2500);
     for (std::size_t i = 0; i < spread.size(); ++i) spread[i] = (i % 97 == 0) ? 1e6f : 1e-3f * i;
-    // Blocks of three rows here: the sum crosses a target inside block 499 and falls below it
-    // again by the block's end.
-    for (std::size_t i = 0; i < negative.size(); ++i) {
+    // Blocks of 3 rows: the sum crosses a target inside block 499, back below by its end.
+    for (std::size_t i = 0; i < negative.size(); ++i)
         negative[i] = i == 1497 ? 1e6f : (i == 1499 ? -1e6f : 1.0f);
-    }
     for (std::size_t i = 0; i < nan.size(); ++i) nan[i] = i == 1200 ? NAN : 1.0f;
     for (const auto* d : {&spread, &zeros, &negative, &nan}) {
         for (unsigned seed = 1; seed < 60; ++seed) {
@@ -93,7 +86,7 @@ TEST(IvfBuilders, SeedZeroActsAsOneFlagsAreIgnoredAndRejectionsWriteNothing) {
             orve_ivf_index idx{};
             ASSERT_EQ(build(r, d.n, 12, seeds[i], c, s, m, i == 1 ? flags.data() : nullptr, &idx),
                       0);
-            h[i] = digest(idx);
+            h[i] = ivf_test::digest_ivf(ivf_test::kFnvOffset, idx);
             orve_ivf_index_destroy(&idx);
         }
         EXPECT_EQ(h[0], h[1]);

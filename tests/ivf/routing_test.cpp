@@ -21,17 +21,14 @@ struct centroid_set {
     void add(float t) {
         std::vector<float> v(512, 0.0f);
         v[0] = t, v[1] = std::sqrt(1.0f - t * t);
-        codes.resize(codes.size() + 512);
-        scales.push_back(0.0f), norms.push_back(0.0f);
+        codes.resize(codes.size() + 512), scales.push_back(0.0f), norms.push_back(0.0f);
         orve_quantize_float_vector_symmetric(v.data(), 512, &codes[codes.size() - 512],
                                              &scales.back(), &norms.back());
     }
     uint32_t size() const { return static_cast<uint32_t>(scales.size()); }
     void point(orve_ivf_index* x) {
-        x->n_buckets = size();
-        x->centroid_codes = codes.data();
-        x->centroid_scales = scales.data();
-        x->centroid_norms = norms.data();
+        x->n_buckets = size(), x->centroid_codes = codes.data();
+        x->centroid_scales = scales.data(), x->centroid_norms = norms.data();
     }
 };
 
@@ -48,8 +45,7 @@ TEST(ScoredPairOrder, NaNOnEitherSideLetsTheIndexDecide) {
     EXPECT_EQ(cmp_scored_desc(&nan5, &e9), -1);
 }
 
-// An H-IVF whose level-1 and leaf centroids are given by their cosines with e0; an empty
-// list makes an all-zero leaf entry.
+// An H-IVF of centroids given by their cosines with e0; an empty list: an all-zero leaf.
 struct hand_hivf {
     centroid_set level1;
     std::vector<centroid_set> leaves;
@@ -58,9 +54,8 @@ struct hand_hivf {
 
     hand_hivf(std::initializer_list<float> l1, std::vector<centroid_set> l2, uint32_t b2)
         : level1(l1), leaves(std::move(l2)), entries(leaves.size(), orve_ivf_index{}) {
-        for (size_t i = 0; i < leaves.size(); ++i) {
+        for (size_t i = 0; i < leaves.size(); ++i)
             if (leaves[i].size() > 0) leaves[i].point(&entries[i]);
-        }
         h = {level1.size(), b2, level1.codes.data(), level1.scales.data(), level1.norms.data(),
              entries.data()};
     }
@@ -111,10 +106,9 @@ TEST(LeafRouting, RejectsBadArgumentsAndMalformedRecords) {
     EXPECT_EQ(count, 77u);
 }
 
-// Many centroids with few distinct scores (so many ties), routed for every probe count: the
-// chosen buckets must be the first entries of an independent stable sort by score descending,
-// clamped to the bucket count. A centroid stored with scale 0 scores 0, as does every centroid
-// for a query below the quantiser's zero threshold.
+// Many centroids with few distinct scores (many ties), for every probe count: the chosen buckets
+// are the first of an independent stable sort by score, descending. A centroid stored with scale 0
+// scores 0, as does every centroid for a query below the quantiser's zero threshold.
 TEST(BucketRouting, ChoosesTheFirstOfAStableSortByScore) {
     centroid_set set{};
     for (int i = 0; i < 300; ++i) set.add(((i * 37) % 11) / 10.0f - 0.5f);

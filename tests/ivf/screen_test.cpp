@@ -22,10 +22,7 @@ std::vector<uint32_t> full_assignment(const dataset& d, const std::vector<float>
         float best = FLT_MAX;
         for (uint32_t c = 0; c < centroids.size() / 512; ++c) {
             const float dist = l2sq_512(d.row(i), &centroids[512 * c]);
-            if (dist < best) {
-                best = dist;
-                a[i] = c;
-            }
+            if (dist < best) best = dist, a[i] = c;
         }
     }
     return a;
@@ -39,8 +36,7 @@ std::vector<float> centroids_from(const dataset& d, uint32_t k, uint32_t stride)
 }
 
 TEST(ScreenBounds, IntervalsContainTheFloatDistance) {
-    // Unit rows, raw rows of magnitudes 2^-25 .. 2^4, a zero row and a row below the
-    // quantiser's zero threshold.
+    // Unit rows, rows of magnitudes 2^-25 .. 2^4, a zero row and one below the zero threshold.
     dataset d = ivf_test::random_rows(32, 43);
     for (uint32_t r = 0; r < 20; ++r) l2_normalize_inplace(&d.rows[512 * r]);
     for (uint32_t r = 20; r < 30; ++r) {
@@ -102,8 +98,7 @@ TEST(ScreenedAssignment, EqualsTheFullScanAcrossMovingCentroidsTiesAndUnscreenab
             EXPECT_EQ(got[10], 0u);         // tie between centroids 0 and 3 goes to the lower index
             EXPECT_EQ(s.rows_scanned, 2u);  // the NaN row and the huge row
         }
-        // Move every centroid a little and one of them far (as a re-seeded empty cluster),
-        // so bounds carried across passes are exercised.
+        // Move each centroid a little and one far (a re-seeded cluster): carried bounds in use.
         for (auto& v : centroids) v += 0.002f * g.bell();
         std::memcpy(&centroids[512 * (round % k + 5)], d.row(g.next() % d.n), 2048);
     }

@@ -4,6 +4,7 @@
 #include <cstring>
 #include <limits>
 #include <random>
+#include <tuple>
 #include <vector>
 
 #include "lsh_cluster/clustering_common.h"
@@ -54,9 +55,8 @@ TEST(ClusteringBlock, NearestClustersMatchTheOneRowSearch) {
         if (l == kDistinct) std::memcpy(ix[8].centroid, ix[9].centroid, sizeof ix[9].centroid);
         uint32_t targets[12];
         orve::nearest_active_clusters(&ix.rec, rows.data(), stride, 12, targets);
-        for (uint32_t r = 0; r < 12; ++r) {
+        for (uint32_t r = 0; r < 12; ++r)
             EXPECT_EQ(targets[r], orve::nearest_active_cluster(&ix.rec, &rows[r * stride])) << r;
-        }
     }
 }
 
@@ -81,12 +81,9 @@ TEST(ClusteringIndex, AddPicksNearestActiveCentroidAndSearchListsMembers) {
     ix[1].quality = 0.75f;
     ASSERT_EQ(enhanced_clustering_index_search_by_cluster(&ix.rec, 1, out, &count), 0);
     ASSERT_EQ(count, 2u);
-    for (uint32_t i = 0; i < 2; ++i) {
-        EXPECT_EQ(out[i].node_id, i == 0 ? 42u : 9u);
-        EXPECT_EQ(out[i].cluster_id, 1u);
-        EXPECT_EQ(out[i].node_score, 0.75f);
-        EXPECT_EQ(out[i].rank, i + 1);
-    }
+    for (uint32_t i = 0; i < 2; ++i)
+        EXPECT_EQ(std::tuple(out[i].node_id, out[i].cluster_id, out[i].node_score, out[i].rank),
+                  std::tuple(i == 0 ? 42u : 9u, 1u, 0.75f, i + 1));
     EXPECT_EQ(out[2].rank, 0xEEEEEEEEu);  // past the count: untouched
     EXPECT_EQ(enhanced_clustering_index_search_by_cluster(&ix.rec, 3, out, &count), -1);
     EXPECT_EQ(count, 0u);
@@ -143,8 +140,7 @@ TEST(ClusteringPass, MetricsFromHandPlacedCentroidsAndANeutralSilhouette) {
         EXPECT_EQ(ix[w.k].nearest_centroid_distance, w.nearest);
         EXPECT_FLOAT_EQ(ix[w.k].quality, w.quality);
     }
-    // Every node counts (another cluster is occupied) with a = b = 0: each contributes the
-    // neutral 0, not 0/0.
+    // Every node counts (another cluster is occupied) with a = b = 0: the neutral 0, not 0/0.
     for (uint32_t j = 0; j < 3; ++j) ix[0].members[j] = j;
     nodes[1].cluster_id = 1;
     nodes[2].cluster_id = 2;     // active but empty

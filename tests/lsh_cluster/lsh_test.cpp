@@ -24,9 +24,8 @@ TEST(LshFormulas, CollisionProbabilityAndHash) {
     } probabilities[] = {{0.5f, 8, 0.00390625f}, {0.0f, 8, 1.0f},  {1.0f, 8, 0.0f},
                          {0.25f, 3, 0.421875f},  {0.3f, 0, 1.0f},  {1.5f, 8, 0.0f},
                          {-0.01f, 8, 0.0f},      {-0.01f, 0, 0.0f}};
-    for (const auto& c : probabilities) {
+    for (const auto& c : probabilities)
         EXPECT_EQ(calculate_lsh_collision_probability(c.s, c.n), c.p) << c.s << " " << c.n;
-    }
     // v = e0, plane = -e0: the projection is offset - 1, scaled by 10^6.
     std::vector<float> v(128, 0.0f), plane(128, 0.0f);
     v[0] = 1.0f;
@@ -36,9 +35,8 @@ TEST(LshFormulas, CollisionProbabilityAndHash) {
         uint64_t hash;
     } hashes[] = {{0.25f, 0},          {0.9999999f, 0},    {std::nanf(""), 0},
                   {1e20f, UINT64_MAX}, {kInf, UINT64_MAX}, {3.0f, 2000000}};
-    for (const auto& c : hashes) {
+    for (const auto& c : hashes)
         EXPECT_EQ(generate_lsh_hash(v.data(), plane.data(), c.offset), c.hash) << c.offset;
-    }
     // Exactly 128 components summed in float in index order: v[128] is never read, and
     // 1e8 + 1 rounds back to 1e8, where a double or reordered sum would give 1.5e6.
     v.assign(129, 0.0f);
@@ -49,21 +47,20 @@ TEST(LshFormulas, CollisionProbabilityAndHash) {
     EXPECT_EQ(generate_lsh_hash(v.data(), plane.data(), 0.5f), 500000u);
 }
 
-// An index with a small capacity, destroyed at scope exit.
+// An index made with ORVE_VECTOR_CAPACITY at `capacity` (null: unset), destroyed at scope exit.
 struct ScopedLsh {
     enhanced_lsh_index rec{};
-    explicit ScopedLsh(uint32_t dim = 128, uint32_t n_hashes = 8) {
-        setenv("ORVE_VECTOR_CAPACITY", "2000", 1);
+    explicit ScopedLsh(uint32_t dim = 128, uint32_t n_hashes = 8, const char* capacity = "2000") {
+        capacity ? setenv("ORVE_VECTOR_CAPACITY", capacity, 1) : unsetenv("ORVE_VECTOR_CAPACITY");
         EXPECT_EQ(enhanced_lsh_index_create(&rec, dim, n_hashes), 0);
         unsetenv("ORVE_VECTOR_CAPACITY");
     }
     ~ScopedLsh() { enhanced_lsh_index_destroy(&rec); }
 };
 
-// The block hash and the filing from precomputed hashes (the ingestion path) against the
-// one-row hash and add: every hash, entry and bucket equal, for row counts on either side of
-// the block's row grouping, hyperplane strides above 128, fewer than 8 hashes and rows holding
-// extreme values.
+// The block hash and the filing of precomputed hashes (ingestion) against the one-row hash and
+// add: every hash, entry and bucket equal, for row counts either side of the block's grouping,
+// hyperplane strides above 128, fewer than 8 hashes and rows holding extreme values.
 TEST(LshBlock, MatchesTheOneRowPath) {
     std::mt19937 gen(11);
     std::uniform_real_distribution<float> u(-3.0f, 3.0f);
@@ -138,9 +135,8 @@ TEST(LshSearch, HitsNeedAnEqualHashAndFullBucketsDropEntries) {
     EXPECT_EQ(ix.hits(AxisIndex::sixty_fourths({0, 0, 0, 4})), std::vector<uint32_t>{5u});
     EXPECT_TRUE(ix.hits(AxisIndex::sixty_fourths({17})).empty());
 
-    for (uint32_t id = 2; id <= 101; ++id) {
+    for (uint32_t id = 2; id <= 101; ++id)
         ASSERT_EQ(enhanced_lsh_index_add_vector(&ix.rec, spread.data(), id), 0);
-    }
     EXPECT_EQ(ix.rec.count, 101u);
     const auto ids = ix.hits(spread);  // 8 full buckets of 100; node 101 is in none
     ASSERT_EQ(ids.size(), 800u);
@@ -152,14 +148,8 @@ TEST(LshCreate, CapacityFromTheEnvironment) {
     const std::pair<const char*, uint32_t> cases[] = {{nullptr, 1100000},   {"0", 1100000},
                                                       {"abc", 1100000},     {"  +25xyz", 25},
                                                       {"1200000", 1200000}, {"4294967297", 1}};
-    for (const auto& [env, capacity] : cases) {
-        env ? setenv("ORVE_VECTOR_CAPACITY", env, 1) : unsetenv("ORVE_VECTOR_CAPACITY");
-        enhanced_lsh_index idx{};
-        ASSERT_EQ(enhanced_lsh_index_create(&idx, 128, 8), 0);
-        EXPECT_EQ(idx.capacity, capacity) << (env ? env : "(unset)");
-        enhanced_lsh_index_destroy(&idx);
-    }
-    unsetenv("ORVE_VECTOR_CAPACITY");
+    for (const auto& [env, capacity] : cases)
+        EXPECT_EQ(ScopedLsh(128, 8, env).rec.capacity, capacity) << (env ? env : "(unset)");
 }
 
 }  // namespace

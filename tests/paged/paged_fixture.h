@@ -1,5 +1,4 @@
-// Shared by the paged tests: hand-built H-IVFs, an encoder of the file format that shares no
-// code with the library's writer, plain scoring, and scratch files.
+// For the paged tests: hand-built H-IVFs, an encoder sharing no code with the writer, scoring.
 #pragma once
 
 #include <bit>
@@ -84,17 +83,10 @@ struct hand_hivf {
             const auto rows = static_cast<uint32_t>(s.row_ids.size());
             total_rows += rows;
             if (b.leaves.empty()) continue;  // the all-zero entry of a bucket without rows
-            records_[i] = {rows,
-                           static_cast<uint32_t>(b.leaves.size()),
-                           s.codes.data(),
-                           s.row_scales.data(),
-                           s.row_norms.data(),
-                           s.centroid_codes.data(),
-                           s.centroid_scales.data(),
-                           s.centroid_norms.data(),
-                           s.offsets.data(),
-                           s.sizes.data(),
-                           s.row_ids.data()};
+            records_[i] = orve_ivf_index(
+                rows, static_cast<uint32_t>(b.leaves.size()), s.codes.data(), s.row_scales.data(),
+                s.row_norms.data(), s.centroid_codes.data(), s.centroid_scales.data(),
+                s.centroid_norms.data(), s.offsets.data(), s.sizes.data(), s.row_ids.data());
         }
         rec_ = {b1, b2, l1_codes_.data(), l1_scales_.data(), l1_norms_.data(), records_.data()};
     }
@@ -137,8 +129,7 @@ inline std::vector<bucket_plan> random_buckets(uint32_t b1, uint32_t b2, uint32_
             n += out[i].leaves.back().rows();
         }
     }
-    // Scramble the global ids (1000003 is a prime above any n used here), so that a reader
-    // mixing up row ids and positions is caught.
+    // Scrambled ids (1000003: a prime above any n here) catch readers mixing ids and positions.
     for (bucket_plan& b : out)
         for (leaf_plan& l : b.leaves)
             for (uint32_t& r : l.row_ids) r = static_cast<uint32_t>((r * 1000003ull + 3) % n);
@@ -220,9 +211,6 @@ inline float plain_cosine(const int8_t* a, const int8_t* b, float qs, float rs, 
     return d <= 0 ? 0.0f : static_cast<float>(dot) / d;
 }
 
-using test_files::file_exists;
-using test_files::read_file;
-using test_files::scratch_dir;
-using test_files::write_file;
+using namespace test_files;
 
 }  // namespace paged_test

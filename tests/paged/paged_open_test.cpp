@@ -1,5 +1,4 @@
-// Opening: each check with its code and line, in order, on files encoded by the fixture and
-// damaged by hand; a refusal leaks no descriptor or mapping.
+// Each open check's code and line, in order, on damaged files; refusals leak no fd or mapping.
 #include <gtest/gtest.h>
 
 #include <cstring>
@@ -47,8 +46,7 @@ TEST(PagedOpen, EachCheckHasItsCodeAndLineInOrder) {
     hand_hivf h(2, 3, random_buckets(2, 3, 4, 31));
     const uint32_t n = h.total_rows;
     const bytes good = encode_ivfp(h, node_table(n), 2);
-    // Bucket 0 has three leaves, the first empty; bucket 1 has none. So slot 1 is the first
-    // leaf with rows and slot 2 the last.
+    // Bucket 0: three leaves, the first empty (slot 1: first with rows, slot 2: last); 1: none.
     const uint64_t slot1 = kLD + 24, slot2 = kLD + 48;
     const uint64_t m2 = get<uint32_t>(good, slot2 + 16);
     auto g64 = [&](uint64_t at) { return get<uint64_t>(good, at); };

@@ -1,6 +1,5 @@
-// Search results are compared with a plain re-computation over the hand-built H-IVF the file
-// was encoded from: its own cosines, bucket and leaf choice by a stable sort (best first, ties
-// to the lower index), and every row of the chosen leaves.
+// Results against a plain re-computation over the hand-built H-IVF the file was encoded from: its
+// cosines, bucket and leaf choice by a stable sort (ties to the lower index), every chosen row.
 #include <gtest/gtest.h>
 
 #include <algorithm>

@@ -123,8 +123,7 @@ def test_stale_indexes_are_never_searched_silently(rows, queries, tmp_path):
     (1100, None, "indexes 1200 rows, but this index holds 1100"),
     (1200, "truncated", "not a usable paged file: leaf slot"),
 ])
-def test_open_paged_refuses_a_file_of_other_rows(rows, queries, tmp_path, rows_added, ids,
-                                                 message):
+def test_open_paged_refuses_other_rows(rows, queries, tmp_path, rows_added, ids, message):
     paged = tmp_path / "p.ivfp"
     with orve.Index(capacity=2000) as ix:
         ix.add(rows[:1200])

@@ -1,6 +1,5 @@
 #include <gtest/gtest.h>
 
-#include <cmath>
 #include <cstring>
 #include <limits>
 #include <random>
@@ -43,11 +42,10 @@ TEST(QuantizeBulk, EveryVariantMatchesTheOneRowFunction) {
     }
     std::vector<int8_t> want(kRows * 512);
     std::vector<float> want_scale(kRows), want_norm(kRows);
-    for (std::size_t r = 0; r < kRows; ++r) {
+    for (std::size_t r = 0; r < kRows; ++r)
         ASSERT_EQ(orve_quantize_float_vector_symmetric(&in[r * 512], 512, &want[r * 512],
                                                        &want_scale[r], &want_norm[r]),
                   0);
-    }
     std::size_t count = 0;
     const orve::quantize_rows_kernel* ks = orve::quantize_rows_available(&count);
     ASSERT_GE(count, 1u);

@@ -63,8 +63,7 @@ TEST(Quantize, BadArgumentsFailWithoutWriting) {
     for (int8_t c : codes) ASSERT_EQ(c, 42);
 }
 
-// A non-positive factor gives 0, and so does a product of factors that underflows (not an
-// infinity).
+// A non-positive factor gives 0, and so does a product of factors that underflows (not inf).
 TEST(CosineFromDot, FactorsAndEdgeCases) {
     struct Case {
         int32_t dot;

@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <cmath>
+#include <cstring>
 #include <vector>
 
 #include "core/system.h"
@@ -12,7 +13,6 @@
 
 namespace {
 
-using orve_test::create_with_capacity;
 using orve_test::int8_query;
 using orve_test::search;
 using orve_test::system_block;
@@ -42,8 +42,7 @@ float model_cosine(const model_row& a, const model_row& b) {
 
 TEST(BruteForce, MatchesIndependentModelThresholdAndArguments) {
     constexpr uint32_t kRows = 3000;
-    system_block b;
-    ASSERT_EQ(create_with_capacity(b.get(), "5000"), 0);
+    system_block b("5000");
     const auto vecs = orve_test::gaussian_vectors(kRows, 21);
     ASSERT_EQ(semantic_vector_indexing_system_load_vectors_f32(b.get(), vecs.data(), kRows), 3000);
     std::vector<model_row> rows;
@@ -66,8 +65,7 @@ TEST(BruteForce, MatchesIndependentModelThresholdAndArguments) {
         }
         EXPECT_TRUE(qi > 0 || res[0].node_id == 1235u);
     }
-    // A threshold exactly equal to the best similarity keeps that row (>=); slots past the
-    // returned count are left alone.
+    // A threshold equal to the best similarity keeps that row (>=); later slots are left alone.
     auto q = int8_query(&vecs[7 * 512], 2);
     q.min_similarity = search(b.get(), q)[0].similarity;
     vector_similarity_result res[2] = {};
@@ -86,15 +84,13 @@ TEST(BruteForce, MatchesIndependentModelThresholdAndArguments) {
         EXPECT_EQ(semantic_vector_indexing_system_search_similar(b.get(), qp, out, &n), -1);
 }
 
-// A batch answers each query exactly as a lone search does: same count, same result bytes
-// (ids, order, score bits, zeroed tail), across blocks of the batch, partial row tiles, a row
-// without a vector in the middle of the store, ties, zero vectors, thresholds and re-ranking
-// from the sidecar.
+// A batch answers each query as a lone search does, to the byte, across blocks of the batch,
+// partial row tiles, a row without a vector mid-store, ties, zero vectors, thresholds and
+// re-ranking from the sidecar.
 TEST(BruteForce, BatchEqualsOneQueryAtATime) {
     orve_test::scratch_dir dir;
-    system_block b;
+    system_block b("1000");
     auto* sys = b.get();
-    ASSERT_EQ(create_with_capacity(sys, "1000"), 0);
     ASSERT_EQ(semantic_vector_indexing_system_open_sidecar(sys, dir.file("v.sidecar").c_str()), 0);
     auto vecs = orve_test::gaussian_vectors(700, 50);
     // Rows 1-3 repeat row 0, so a query equal to it meets ties at its heap's weakest entry, and
@@ -138,9 +134,8 @@ TEST(BruteForce, BatchEqualsOneQueryAtATime) {
 
 // The all-zero query lists rows in table order with zero scores, by cluster when asked.
 TEST(BruteForce, LegacyListingInTableOrder) {
-    system_block b;
+    system_block b("10");
     auto* sys = b.get();
-    ASSERT_EQ(create_with_capacity(sys, "10"), 0);
     const auto vecs = orve_test::gaussian_vectors(5, 40);
     ASSERT_EQ(semantic_vector_indexing_system_load_vectors_f32(sys, vecs.data(), 5), 5);
     sys->nodes[1].cluster_id = sys->nodes[3].cluster_id = 7;

@@ -1,6 +1,5 @@
-// The IVF and H-IVF paths and the batch search through the public entry points. With every
-// bucket (or leaf) probed an index scan sees every row, so its answer must equal brute force;
-// that is the independent check used here.
+// The IVF and H-IVF paths and the batch search through the public entry points; probing every
+// bucket (or leaf), an index scan sees every row, so its answer must equal brute force's.
 #include <gtest/gtest.h>
 
 #include <cstring>
@@ -13,7 +12,6 @@
 
 namespace {
 
-using orve_test::create_with_capacity;
 using orve_test::system_block;
 
 constexpr uint32_t kRows = 1200;
@@ -21,7 +19,6 @@ constexpr uint32_t kRows = 1200;
 class IndexedSearch : public ::testing::Test {
   protected:
     void SetUp() override {
-        ASSERT_EQ(create_with_capacity(b.get(), "4000"), 0);
         vecs = orve_test::gaussian_vectors(kRows, 90);
         ASSERT_EQ(semantic_vector_indexing_system_load_vectors_f32(sys(), vecs.data(), kRows),
                   static_cast<int>(kRows));
@@ -58,7 +55,7 @@ class IndexedSearch : public ::testing::Test {
         ASSERT_EQ(semantic_vector_indexing_system_build_ivf_level2(sys(), b1, b2, l2_seed), 0);
     }
 
-    system_block b;
+    system_block b{"4000"};
     std::vector<float> vecs, queries;
 };
 
@@ -70,14 +67,12 @@ TEST_F(IndexedSearch, BuildLimits) {
     EXPECT_EQ(semantic_vector_indexing_system_build_ivf_level2(sys(), 12, 100, 1), 0);
     EXPECT_EQ(semantic_vector_indexing_system_build_ivf(nullptr, 4, 1), -1);
 
-    system_block small;
-    ASSERT_EQ(create_with_capacity(small.get(), "2000"), 0);
+    system_block small("2000");
     ASSERT_EQ(semantic_vector_indexing_system_load_vectors_f32(small.get(), vecs.data(), 999), 999);
     EXPECT_EQ(semantic_vector_indexing_system_build_ivf(small.get(), 4, 1), -1);
     EXPECT_EQ(semantic_vector_indexing_system_build_ivf_level2(small.get(), 2, 2, 1), -1);
     // One row without a vector makes both builds impossible.
-    unsigned char host[632] = {};
-    host[0] = 1;
+    unsigned char host[632] = {1};
     ASSERT_EQ(semantic_vector_indexing_system_add_node(small.get(), host), 0);
     ASSERT_EQ(semantic_vector_indexing_system_load_vectors_f32(small.get(), vecs.data(), 10), 10);
     EXPECT_EQ(semantic_vector_indexing_system_build_ivf(small.get(), 4, 1), -1);
@@ -88,8 +83,8 @@ TEST_F(IndexedSearch, FullProbeEqualsBruteForceAndGenerationsTrackStaleness) {
     build(16, 7, 4, 4, 3);
     EXPECT_EQ(semantic_vector_indexing_system_get_ivf_generation(sys()), kRows);
     EXPECT_EQ(semantic_vector_indexing_system_get_ivf_built_generation(sys()), kRows);
-    // Probe counts at or past the buckets mean all of them, also where an H-IVF product wraps
-    // in 32 bits; zero level-2 probes skip the H-IVF (brute force answers).
+    // Probes at or past the buckets mean all, also where an H-IVF product wraps in 32 bits;
+    // zero level-2 probes skip the H-IVF (brute force answers).
     const struct {
         uint32_t ivf_probes, l1, l2;
     } table[] = {
@@ -105,8 +100,7 @@ TEST_F(IndexedSearch, FullProbeEqualsBruteForceAndGenerationsTrackStaleness) {
     ASSERT_GE(few.size(), 1u);
     EXPECT_EQ(few[0].node_id, 1u);  // a stored row finds itself in its own bucket
 
-    // One more row: the IVF is stale, and the answer (which includes the new row) comes from
-    // brute force until the next build.
+    // One more row: the IVF is stale and brute force answers (with the new row) until a build.
     auto extra = orve_test::gaussian_vectors(1, 92);
     ASSERT_EQ(semantic_vector_indexing_system_add_embedding_orve512(sys(), 5000, extra.data()), 0);
     EXPECT_EQ(semantic_vector_indexing_system_get_ivf_generation(sys()),
@@ -120,8 +114,7 @@ TEST_F(IndexedSearch, FullProbeEqualsBruteForceAndGenerationsTrackStaleness) {
     ivf_live_release(pinned);
 }
 
-// The cluster filter on both index scans, against an independent model: every row's score from
-// an unfiltered brute-force search, filtered here and cut to k.
+// The cluster filter on both index scans against an unfiltered brute force, filtered here.
 TEST_F(IndexedSearch, ClusterFilterOnIvfAndHivfScans) {
     for (uint32_t s = 0; s < kRows; ++s) sys()->nodes[s].cluster_id = s % 3 + 1;
     build(16, 7, 4, 4, 3);
@@ -141,9 +134,8 @@ TEST_F(IndexedSearch, ClusterFilterOnIvfAndHivfScans) {
 }
 
 TEST_F(IndexedSearch, KBeyondTheRowsReturnsEveryRowOnEveryPath) {
-    // k = 2^32 - 1 must neither ask for a heap of that many candidates nor lose rows: the
-    // answer is every row, as with k equal to the row count. The result array holds only the
-    // rows, which is all a search can write.
+    // k = 2^32 - 1 must neither ask for a heap that large nor lose rows: every row is answered,
+    // as with k equal to the row count, into an array that holds only the rows.
     build(8, 2, 4, 4, 2);
     auto exact = orve_test::int8_query(queries.data(), kRows);
     exact.min_similarity = -2.0f;
@@ -161,7 +153,7 @@ TEST_F(IndexedSearch, KBeyondTheRowsReturnsEveryRowOnEveryPath) {
     }
 }
 
-TEST_F(IndexedSearch, TeardownsAndGenerations) {
+TEST_F(IndexedSearch, TeardownsPinnedIndexesAndTheDroppedStore) {
     build(8, 1, 4, 4, 1);
     hivf_live* h = nullptr;
     ASSERT_EQ(hivf_rcu_pin_live(sys(), &h), 0);
@@ -178,9 +170,7 @@ TEST_F(IndexedSearch, TeardownsAndGenerations) {
     EXPECT_EQ(hivf_rcu_pin_live(sys(), &h), -1) << "an IVF teardown makes the H-IVF stale";
     semantic_vector_indexing_system_destroy_ivf(nullptr);
     semantic_vector_indexing_system_destroy_hivf(nullptr);
-}
 
-TEST_F(IndexedSearch, PinnedIndexOutlivesItsReplacement) {
     build(8, 1);
     ivf_live* old = nullptr;
     ASSERT_EQ(ivf_rcu_pin_live(sys(), &old), 0);
@@ -195,26 +185,20 @@ TEST_F(IndexedSearch, PinnedIndexOutlivesItsReplacement) {
     ASSERT_EQ(search_similar_orve512_ivf_rcu_pinned(sys(), old, &q, r, &n), 0);
     EXPECT_EQ(n, 5u);
     ivf_live_release(old);
-}
-
-TEST_F(IndexedSearch, DroppedStoreKeepsPublishedIndexesServing) {
-    build(8, 1);
     ASSERT_EQ(semantic_vector_indexing_system_evict_flat_slab(sys()), 0);
     EXPECT_EQ(semantic_vector_indexing_system_build_ivf(sys(), 8, 1), -1);
     EXPECT_EQ(semantic_vector_indexing_system_build_ivf_level2(sys(), 2, 2, 1), -1);
-    EXPECT_EQ(search(route(orve_test::int8_query(vecs.data() + 512 * 3, 3), 8))[0].node_id, 4u);
+    EXPECT_EQ(search(route(orve_test::int8_query(vecs.data() + 512 * 3, 3), 12))[0].node_id, 4u);
 }
 
 TEST_F(IndexedSearch, ObjectBuildEqualsTheFloatBuildOnDequantisedRows) {
-    // The object trains from its int8 rows; the module builder given float rows made from the
-    // same codes (code x 1/scale, the dequantised copy earlier builds trained on) must produce
-    // the same index, array for array.
+    // The object trains from its int8 rows; the module builder given the dequantised rows
+    // (code x 1/scale, what earlier builds trained on) must produce the same arrays.
     std::vector<float> floats(static_cast<std::size_t>(kRows) * 512);
     for (uint32_t r = 0; r < kRows; ++r) {
         const float w = 1.0f / sys()->row_scale[r];
-        for (int i = 0; i < 512; ++i) {
+        for (int i = 0; i < 512; ++i)
             floats[r * 512 + i] = static_cast<float>(sys()->slab_i8[r * 512 + i]) * w;
-        }
     }
     ASSERT_EQ(semantic_vector_indexing_system_build_ivf(sys(), 8, 5), 0);
     ivf_live* a = nullptr;
@@ -233,13 +217,11 @@ TEST_F(IndexedSearch, ObjectBuildEqualsTheFloatBuildOnDequantisedRows) {
     ivf_live_release(a);
 }
 
-// Each case's batch answer must equal its queries searched one at a time, whole records
-// compared, so ids, ranks, score bits and the zeroed tail all count. The cases cover exact ties
-// (copies of 60 rows, whose winners depend on the order candidates are offered in), a batch
-// whose dot products overflow what is held at once (answered in chunks), and a pinned index
-// whose routing refuses, after which the batch is answered again one query at a time over
-// buffers the failed attempt may have scribbled on. 4000 queries probing every row make more
-// dot products than one chunk holds (4 Mi).
+// Each batch answer equals its queries searched one at a time, whole records compared. Cases:
+// exact ties (60 copied rows: winners depend on the order candidates are offered in), 4000
+// queries probing every row (more dot products than one 4 Mi chunk: answered in chunks), and
+// routing that refuses, so the batch is answered again one query at a time over buffers the
+// failed attempt may have scribbled on.
 TEST_F(IndexedSearch, BatchMatchesSingleQueries) {
     ASSERT_EQ(semantic_vector_indexing_system_load_vectors_f32(sys(), vecs.data(), 60), 60);
     ASSERT_EQ(semantic_vector_indexing_system_build_ivf(sys(), 16, 9), 0);
@@ -256,17 +238,15 @@ TEST_F(IndexedSearch, BatchMatchesSingleQueries) {
     int8_t* const centroids = live.centroid_codes;
     for (const Case& c : cases) {
         std::vector<float> qs(static_cast<std::size_t>(c.n_queries) * 512);
-        for (uint32_t i = 0; i < c.n_queries; ++i) {
+        for (uint32_t i = 0; i < c.n_queries; ++i)
             std::memcpy(&qs[512 * i], &pool[512 * (i % c.repeat)], 2048);
-        }
         std::vector<vector_similarity_result> results(c.n_queries * c.k);
         std::memset(results.data(), 0xAB, results.size() * sizeof results[0]);
         std::vector<uint32_t> counts(c.n_queries, 99);
         const orve512_batch_query bq{c.n_queries, c.k,       c.min_similarity, 1,
                                      c.n_probe,   qs.data(), results.data(),   counts.data(),
                                      0,           0};
-        // An index without centroids cannot come from a build; routing refuses it, and every
-        // search falls back (the lone ones to brute force).
+        // No build makes an index without centroids: routing refuses it, every search falls back.
         live.centroid_codes = c.routing_refuses ? nullptr : centroids;
         ASSERT_EQ(semantic_vector_indexing_system_search_similar_orve512_batch(sys(), &bq), 0);
         for (uint32_t i = 0; i < c.n_queries; ++i) {
@@ -283,14 +263,13 @@ TEST_F(IndexedSearch, BatchMatchesSingleQueries) {
         }
     }
     live.centroid_codes = centroids;
-    // Bad arguments, missing counts, and brute force refused after the drop failing the batch.
-    // (Batches without an index are compared with single queries in the brute-force tests.)
+    // Bad arguments, missing counts, and a batch failing once the store's drop refuses it.
     std::vector<vector_similarity_result> results(3 * 2);
     orve512_batch_query bq{3, 0, -2.0f, 0, 0, queries.data(), results.data(), nullptr, 0, 0};
     EXPECT_EQ(semantic_vector_indexing_system_search_similar_orve512_batch(sys(), &bq), -1);
     bq.k = 2;
     EXPECT_EQ(semantic_vector_indexing_system_search_similar_orve512_batch(sys(), nullptr), -1);
-    // Counts are optional, on the pinned path and on brute force.
+    // Counts are optional on the pinned path and on brute force.
     bq.use_ivf = bq.n_probe = 1;
     EXPECT_EQ(semantic_vector_indexing_system_search_similar_orve512_batch(sys(), &bq), 0);
     semantic_vector_indexing_system_destroy_ivf(sys());

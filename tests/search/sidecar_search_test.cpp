@@ -1,10 +1,8 @@
 // Exact re-ranking from the sidecar file.
 #include <gtest/gtest.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
-#include <cmath>
 #include <cstring>
 #include <string>
 #include <thread>
@@ -14,10 +12,10 @@
 #include "core/system.h"
 #include "search/topk.h"
 #include "support/system_fixture.h"
+#include "support/test_math.h"
 
 namespace {
 
-using orve_test::create_with_capacity;
 using orve_test::system_block;
 
 class SidecarSearch : public ::testing::Test {
@@ -26,42 +24,27 @@ class SidecarSearch : public ::testing::Test {
     std::string path = dir.file("vectors.sidecar");
 };
 
-double exact_cosine(const float* a, const float* b) {
-    double ab = 0, aa = 0, bb = 0;
-    for (int i = 0; i < 512; ++i) {
-        ab += static_cast<double>(a[i]) * b[i];
-        aa += static_cast<double>(a[i]) * a[i];
-        bb += static_cast<double>(b[i]) * b[i];
-    }
-    return ab / (std::sqrt(aa) * std::sqrt(bb));
-}
-
-// Re-ranking reads rows through the file's mapping, or by positional reads when there is none:
-// both give every candidate its own row's exact cosine, bit for bit, in the same descending
-// order. Object rows and file rows part ways here: rows appended after the mapping was made
-// (two vectored writes' worth), a row ingested before the attach (no file row) and an all-zero row
-// (no cosine) keep the score they came with; a dead file row is never replayed and later rows
-// land behind it.
+// Re-ranking through the file's mapping and by positional reads gives every candidate its own
+// row's exact cosine, bit for bit, in the same order. Rows appended after the mapping (two vectored
+// writes' worth), a row ingested before the attach (no file row) and an all-zero row keep their
+// score; a dead file row is never replayed and later rows land behind it.
 TEST_F(SidecarSearch, MappedRerankEqualsTheReadPathAndTheExactCosine) {
     auto v = orve_test::gaussian_vectors(340, 73);
     std::fill(v.begin() + 100 * 512, v.begin() + 101 * 512, 0.0f);  // a row with no direction
     for (int layout = 0; layout < 2; ++layout) {
         SCOPED_TRACE(layout);
         unlink(path.c_str());
-        std::vector<uint32_t> file_ids;  // ids the file holds alive, in row order
-        if (layout == 1) {               // the file: ids 1 .. 30, id 2 dead
+        if (layout == 1) {  // the file: ids 1 .. 30, id 2 dead
             orve_vec_sidecar* h = nullptr;
             ASSERT_EQ(orve_vec_sidecar_open(path.c_str(), &h), 0);
-            for (uint32_t id = 1; id <= 30; ++id) {
+            for (uint32_t id = 1; id <= 30; ++id)
                 ASSERT_EQ(orve_vec_sidecar_append(h, id, &v[(id - 1) * 512]), 0);
-            }
             const uint8_t dead = 0;
             ASSERT_EQ(pwrite(h->fd, &dead, 1, 32 + 2056 + 4), 1);
             orve_vec_sidecar_close(h);
         }
-        system_block b;
+        system_block b("1000");
         auto* sys = b.get();
-        ASSERT_EQ(create_with_capacity(sys, "1000"), 0);
         if (layout == 1) {
             ASSERT_EQ(
                 semantic_vector_indexing_system_add_embedding_orve512(sys, 331, &v[330 * 512]), 0);
@@ -87,16 +70,14 @@ TEST_F(SidecarSearch, MappedRerankEqualsTheReadPathAndTheExactCosine) {
         a->mapped = {};
         rerank_from_sidecar(read.data(), rows, query, sys);
         a->mapped = kept;
-        struct stat st;
-        ASSERT_EQ(stat(path.c_str(), &st), 0);
-        EXPECT_EQ(st.st_size, 32 + (layout == 1 ? 330 : 300) * 2056);
+        EXPECT_EQ(test_files::read_file(path).size(), 32u + (layout == 1 ? 330 : 300) * 2056);
         for (uint32_t i = 0; i < rows; ++i) {
             ASSERT_EQ(mapped[i].row, read[i].row) << i;
             EXPECT_TRUE(i == 0 || mapped[i - 1].score >= mapped[i].score) << i;
             ASSERT_EQ(std::memcmp(&mapped[i].score, &read[i].score, sizeof(float)), 0) << i;
             const bool in_file = orve::sidecar_file_row_of(sys, mapped[i].row) != orve::kNoFileRow;
             const bool zero = vec_of[mapped[i].row] == &v[100 * 512];
-            EXPECT_EQ(mapped[i].score, in_file && !zero ? static_cast<float>(exact_cosine(
+            EXPECT_EQ(mapped[i].score, in_file && !zero ? static_cast<float>(test_math::cosine512(
                                                               query, vec_of[mapped[i].row]))
                                                         : -1.0f)
                 << i;
@@ -104,14 +85,12 @@ TEST_F(SidecarSearch, MappedRerankEqualsTheReadPathAndTheExactCosine) {
     }
 }
 
-// Searches re-rank while another thread appends rows: every row a search can see was written
-// before it was counted, so each answer carries its own row's exact cosine, however far the
-// file has grown past the length it had at the attach.
+// Searches re-rank while another thread appends: a row is written before it is counted, so each
+// answer has its own row's exact cosine, however far the file grew past its length at the attach.
 TEST_F(SidecarSearch, RerankDuringIngestionReadsOnlyWrittenRows) {
     const auto v = orve_test::gaussian_vectors(1200, 74);
-    system_block b;
+    system_block b("2000");
     auto* sys = b.get();
-    ASSERT_EQ(create_with_capacity(sys, "2000"), 0);
     ASSERT_EQ(semantic_vector_indexing_system_open_sidecar(sys, path.c_str()), 0);
     ASSERT_EQ(semantic_vector_indexing_system_load_vectors_f32(sys, v.data(), 100), 100);
     std::thread writer([&] {
@@ -124,7 +103,7 @@ TEST_F(SidecarSearch, RerankDuringIngestionReadsOnlyWrittenRows) {
         q.rerank = 1;
         for (const auto& r : orve_test::search(sys, q))
             EXPECT_EQ(r.similarity,
-                      static_cast<float>(exact_cosine(query, &v[(r.node_id - 1) * 512])));
+                      static_cast<float>(test_math::cosine512(query, &v[(r.node_id - 1) * 512])));
     }
     writer.join();
 }

@@ -1,22 +1,14 @@
-// The sidecar file is checked byte for byte against encodings spelled out here, never against
-// the module's own encoder, and files for the reader are written by hand.
+// The sidecar file against encodings spelled out here, byte for byte; reader files by hand.
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <gtest/gtest.h>
 
-#include <initializer_list>
-#include <cstdint>
-#include <cstdlib>
 #include <cstring>
-#include <string>
-#include <vector>
 
 #include "core/system.h"
-#include "semantic_vector_indexing.h"
 #include "support/system_fixture.h"
-#include "support/test_files.h"
 #include "support/test_math.h"
 
 namespace {
@@ -53,14 +45,12 @@ bytes row(uint32_t id, uint8_t live, const std::vector<float>& v) {
     return b;
 }
 
-// Distinct per seed, with a negative zero and a NaN carrying a payload, which only survive a
-// bit-exact round trip.
+// Distinct per seed, with a negative zero and a NaN payload that only a bit-exact trip keeps.
 std::vector<float> vec(float seed) {
     std::vector<float> v(512);
     for (int i = 0; i < 512; ++i) v[i] = seed + 0.25f * static_cast<float>(i) - 40.0f;
     v[0] = -0.0f;
-    uint32_t nan_bits = 0x7FC01234u;
-    std::memcpy(&v[1], &nan_bits, 4);
+    v[1] = std::bit_cast<float>(0x7FC01234u);
     return v;
 }
 
@@ -94,10 +84,9 @@ collected load(const std::string& p, int32_t* rc, size_t stop_at = 0, int32_t st
     return c;
 }
 
-// What load hands over from a file as it lies on disk (without changing it), and what the file
-// is once a handle has opened it and appended two rows: foreign or short headers start over,
-// reserved header bytes are kept, a torn last row is cut so the new rows keep their numbers,
-// and dead rows and rows with id 0 are skipped by load but keep their place.
+// What load hands over from a file as it lies (unchanged), and the file once opened and given two
+// rows: foreign or short headers start over, reserved header bytes stay, a torn last row is cut so
+// new rows keep their numbers, dead rows and id 0 are skipped by load but keep their place.
 TEST(SidecarFile, LoadAndOpenThenAppendOnEveryKindOfFile) {
     test_files::scratch_dir dir;
     const bytes one_row = row(1, 1, vec(1));
@@ -171,8 +160,7 @@ TEST(SidecarFile, SecondWriterIsRefusedUntilTheFirstCloses) {
     EXPECT_EQ(orve_vec_sidecar_open(p.c_str(), &second), -1);
     EXPECT_EQ(second, nullptr);
     {
-        orve_test::system_block b;
-        ASSERT_EQ(orve_test::create_with_capacity(b.get(), "8"), 0);
+        orve_test::system_block b("8");
         EXPECT_EQ(semantic_vector_indexing_system_open_sidecar(b.get(), p.c_str()), -1);
         EXPECT_EQ(b.get()->node_count, 0u);  // nothing replayed either
     }
@@ -188,15 +176,13 @@ TEST(SidecarFile, SecondWriterIsRefusedUntilTheFirstCloses) {
     EXPECT_EQ(read_file(p), one);
 
     orve_vec_sidecar_close(h);
-    orve_test::system_block b;
-    ASSERT_EQ(orve_test::create_with_capacity(b.get(), "8"), 0);
+    orve_test::system_block b("8");
     ASSERT_EQ(semantic_vector_indexing_system_open_sidecar(b.get(), p.c_str()), 0);
     EXPECT_EQ(b.get()->node_count, 1u);
     EXPECT_EQ(orve_vec_sidecar_open(p.c_str(), &second), -1);  // the attachment holds it now
 }
 
-// A directory, a missing directory and a pipe cannot hold a sidecar; load sees no rows in
-// them (and must not wait for a writer on the pipe).
+// A directory, a missing one and a pipe hold no sidecar; load sees no rows (nor waits on the pipe).
 TEST(SidecarFile, UnusablePathsFailWithoutSideEffects) {
     test_files::scratch_dir dir;
     orve_vec_sidecar no_file{};

@@ -1,6 +1,5 @@
-// Compiled into the suites that ctest also runs once per kernel set (ORVE_KERNELS=<set>): a run
-// that names a set must really be scoring with it, or its passing would only repeat the run on
-// the fastest set.
+// In the suites ctest also runs once per kernel set (ORVE_KERNELS=<set>): a run naming a set must
+// score with it, or its passing would only repeat the run on the fastest set.
 #include <gtest/gtest.h>
 
 #include <cstdlib>

@@ -5,7 +5,6 @@
 
 #include <algorithm>
 #include <cstdlib>
-#include <cstring>
 #include <random>
 #include <string>
 #include <vector>
@@ -14,19 +13,6 @@
 #include "test_files.h"
 
 namespace orve_test {
-
-// Owns a host block for the object; create and destroy are explicit so tests can check them.
-class system_block {
-  public:
-    semantic_vector_indexing_system* get() {
-        return reinterpret_cast<semantic_vector_indexing_system*>(mem_.data());
-    }
-    ~system_block() { semantic_vector_indexing_system_destroy(get()); }
-
-  private:
-    std::vector<unsigned char> mem_ =
-        std::vector<unsigned char>(semantic_vector_indexing_system_sizeof());
-};
 
 // Sets ORVE_VECTOR_CAPACITY for one create and restores the old value afterwards.
 inline int create_with_capacity(semantic_vector_indexing_system* sys, const char* capacity) {
@@ -40,6 +26,23 @@ inline int create_with_capacity(semantic_vector_indexing_system* sys, const char
     set(old ? saved.c_str() : nullptr);
     return rc;
 }
+
+// Owns a host block for the object; create and destroy are explicit so tests can check them.
+class system_block {
+  public:
+    system_block() = default;
+    explicit system_block(const char* capacity) {  // created, with room for `capacity` rows
+        EXPECT_EQ(create_with_capacity(get(), capacity), 0);
+    }
+    semantic_vector_indexing_system* get() {
+        return reinterpret_cast<semantic_vector_indexing_system*>(mem_.data());
+    }
+    ~system_block() { semantic_vector_indexing_system_destroy(get()); }
+
+  private:
+    std::vector<unsigned char> mem_ =
+        std::vector<unsigned char>(semantic_vector_indexing_system_sizeof());
+};
 
 // n Gaussian vectors of 512 floats, back to back.
 inline std::vector<float> gaussian_vectors(std::size_t n, unsigned seed) {

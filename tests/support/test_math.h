@@ -1,5 +1,4 @@
-// Small independent computations shared by the tests: a byte digest for golden values, float
-// bit patterns and the exact cosine of two 512-float rows.
+// Independent computations for the tests: a byte digest, float bits, the exact 512-float cosine.
 #pragma once
 
 #include <bit>
@@ -30,7 +29,7 @@ inline double cosine512(const float* a, const float* b) {
     double ab = 0, aa = 0, bb = 0;
     for (int i = 0; i < 512; ++i)
         ab += double{a[i]} * b[i], aa += double{a[i]} * a[i], bb += double{b[i]} * b[i];
-    return ab / std::sqrt(aa * bb);
+    return ab / (std::sqrt(aa) * std::sqrt(bb));
 }
 
 }  // namespace test_math

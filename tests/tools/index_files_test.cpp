@@ -35,8 +35,7 @@ bytes sidecar(std::vector<std::pair<uint32_t, uint8_t>> rows, uint32_t version =
 
 // A paged index written by the library from n Gaussian rows with a b1 x b2 H-IVF.
 std::string write_paged(const scratch_dir& dir, uint32_t n, uint32_t b1, uint32_t b2) {
-    orve_test::system_block b;
-    EXPECT_EQ(orve_test::create_with_capacity(b.get(), std::to_string(n).c_str()), 0);
+    orve_test::system_block b(std::to_string(n).c_str());
     const std::vector<float> v = mixture(n, 11, 0);
     EXPECT_EQ(semantic_vector_indexing_system_load_vectors_f32(b.get(), v.data(), n),
               static_cast<int>(n));
@@ -51,8 +50,7 @@ bool mentions(const std::vector<std::string>& problems, const std::string& text)
                        [&](const std::string& p) { return p.find(text) != std::string::npos; });
 }
 
-// Counts of a well-formed file; headers the library would discard are flagged and their rows
-// not counted.
+// Counts of a well-formed file; headers the library would discard flagged, their rows uncounted.
 TEST(SidecarReport, CountsRowsAndFlagsHeadersTheLibraryWouldDiscard) {
     scratch_dir dir;
     // id 0 is dead whatever the live byte says; live byte 0 is dead; id 5 comes twice.

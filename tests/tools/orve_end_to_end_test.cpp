@@ -1,6 +1,5 @@
-// The orve program as a user runs it: build from generated files, query in CSV, and compare
-// every answer with the library called directly on the same vectors. Also the promises about
-// bad input: one line naming the file, a non-zero exit, no file left behind or damaged.
+// The orve program as a user runs it, every answer compared with the library called directly on
+// the same vectors; bad input gets one line naming the file, a non-zero exit, no file left behind.
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -8,11 +7,11 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <cmath>
 #include <limits>
 #include <sstream>
 
 #include "semantic_vector_indexing.h"
+#include "support/test_math.h"
 #include "tool_test_files.h"
 
 namespace {
@@ -24,8 +23,8 @@ struct run_result {
     std::string out, err;
 };
 
-// Runs the tool with stdout and stderr captured through files; `shell_setup` runs first in the
-// same shell (resource limits, ignored signals), and `out_to` replaces the stdout capture.
+// Runs the tool inside `dir` (paths are relative to it) with stdout and stderr captured through
+// files; `shell_setup` runs first in the same shell, and `out_to` replaces the stdout capture.
 run_result run_orve(const scratch_dir& dir, const std::string& args,
                     const std::string& shell_setup = "", const std::string& out_to = "") {
     const char* tool = std::getenv("ORVE_TOOL");
@@ -36,8 +35,9 @@ run_result run_orve(const scratch_dir& dir, const std::string& args,
         return r;
     }
     const std::string out = out_to.empty() ? dir.file("stdout.txt") : out_to;
-    const std::string cmd = shell_setup + (launcher ? launcher : "") + " '" + tool + "' " + args +
-                            " >'" + out + "' 2>'" + dir.file("stderr.txt") + "'";
+    const std::string cmd = "cd '" + dir.path() + "' && " + shell_setup +
+                            (launcher ? launcher : "") + " '" + tool + "' " + args + " >'" + out +
+                            "' 2>'" + dir.file("stderr.txt") + "'";
     const int status = std::system(cmd.c_str());
     r.exit_code = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
     // A redirection target such as /dev/full is not read back: it reads as endless zeros.
@@ -65,11 +65,10 @@ std::vector<answer> parse_csv(const std::string& text) {
     std::getline(in, line);
     EXPECT_EQ(line, "query,rank,node_id,similarity");
     while (std::getline(in, line)) {
-        answer a{};
-        char sim[64] = {0};
-        EXPECT_EQ(std::sscanf(line.c_str(), "%u,%u,%u,%63s", &a.query, &a.rank, &a.node_id, sim),
-                  4);
-        a.similarity = std::strtof(sim, nullptr);
+        answer a{};  // %f converts as strtof does
+        EXPECT_EQ(
+            std::sscanf(line.c_str(), "%u,%u,%u,%f", &a.query, &a.rank, &a.node_id, &a.similarity),
+            4);
         out.push_back(a);
     }
     return out;
@@ -78,8 +77,8 @@ std::vector<answer> parse_csv(const std::string& text) {
 // The library used directly, without the tool: a fresh object holding the same vectors.
 class direct_library {
   public:
-    direct_library(const std::vector<float>& v, size_t rows, const std::vector<uint32_t>& ids) {
-        EXPECT_EQ(orve_test::create_with_capacity(sys(), std::to_string(rows).c_str()), 0);
+    direct_library(const std::vector<float>& v, size_t rows, const std::vector<uint32_t>& ids)
+        : block_(std::to_string(rows).c_str()) {
         for (size_t r = 0; r < rows; ++r)
             EXPECT_EQ(
                 semantic_vector_indexing_system_add_embedding_orve512(sys(), ids[r], &v[r * 512]),
@@ -118,14 +117,14 @@ TEST(OrveEndToEnd, BuildThenQueryMatchesTheLibraryCalledDirectly) {
     write_file(dir.file("ids.npy"), npy_u32(ids));
     write_file(dir.file("q.npy"), npy_f32(q, kQueries));
     const run_result b =
-        run_orve(dir, "build --quiet --vectors " + dir.file("v.fvecs") + " --ids " +
-                          dir.file("ids.npy") + " --sidecar " + dir.file("s.sc") + " --ivfp " +
-                          dir.file("i.ivfp") + " --b1 4 --b2 5");
+        run_orve(dir,
+                 "build --quiet --vectors v.fvecs --ids ids.npy --sidecar s.sc --ivfp i.ivfp "
+                 "--b1 4 --b2 5");
     ASSERT_EQ(b.exit_code, 0) << b.err;
     EXPECT_EQ(b.err, "");  // --quiet
 
     direct_library lib(v, kRows, ids);
-    const std::string files = " --sidecar " + dir.file("s.sc") + " --queries " + dir.file("q.npy");
+    const std::string files = " --sidecar s.sc --queries q.npy";
     const run_result brute = run_orve(dir, "query --quiet" + files + " -k 6 --format csv");
     ASSERT_EQ(brute.exit_code, 0) << brute.err;
     EXPECT_EQ(parse_csv(brute.out), lib.search(q, kQueries, 6));
@@ -138,14 +137,13 @@ TEST(OrveEndToEnd, BuildThenQueryMatchesTheLibraryCalledDirectly) {
     // The paged path: the library given the tool's .ivfp file answers the same.
     ASSERT_EQ(semantic_vector_indexing_system_open_ivf_paged(lib.sys(), dir.file("i.ivfp").c_str()),
               0);
-    const std::string paged_files = files + " --ivfp " + dir.file("i.ivfp");
+    const std::string paged_files = files + " --ivfp i.ivfp";
     const run_result paged = run_orve(
         dir, "query --quiet" + paged_files + " -k 4 --nprobe-l1 2 --nprobe-l2 3 --format csv");
     ASSERT_EQ(paged.exit_code, 0) << paged.err;
     EXPECT_EQ(parse_csv(paged.out), lib.search(q, kQueries, 4, 2, 3));
 
-    // tune: the setting it chooses reaches the target against exact float neighbours
-    // computed here, with the library searched at that setting.
+    // tune: the library searched at the chosen setting reaches the target on exact neighbours.
     const run_result tune = run_orve(dir, "tune --quiet" + paged_files + " --target-recall 0.9");
     ASSERT_EQ(tune.exit_code, 0) << tune.err;
     unsigned l1 = 0, l2 = 0;
@@ -158,14 +156,8 @@ TEST(OrveEndToEnd, BuildThenQueryMatchesTheLibraryCalledDirectly) {
     size_t found = 0;
     for (size_t qi = 0; qi < kQueries; ++qi) {
         std::vector<std::pair<double, uint32_t>> exact;
-        for (size_t r = 0; r < kRows; ++r) {
-            double dot = 0, nr = 0;
-            for (size_t j = 0; j < 512; ++j) {
-                dot += double(q[qi * 512 + j]) * v[r * 512 + j];
-                nr += double(v[r * 512 + j]) * v[r * 512 + j];
-            }
-            exact.push_back({-dot / std::sqrt(nr), ids[r]});  // the query's norm ranks nothing
-        }
+        for (size_t r = 0; r < kRows; ++r)
+            exact.push_back({-test_math::cosine512(&q[qi * 512], &v[r * 512]), ids[r]});
         std::partial_sort(exact.begin(), exact.begin() + 10, exact.end());
         for (const answer& a : tuned)
             for (size_t i = 0; i < 10; ++i) found += a.query == qi && a.node_id == exact[i].second;
@@ -176,16 +168,12 @@ TEST(OrveEndToEnd, BuildThenQueryMatchesTheLibraryCalledDirectly) {
 TEST(OrveEndToEnd, AFailedWriteGetsOneLineAndLeavesNoFiles) {
     scratch_dir dir;
     write_file(dir.file("v.npy"), npy_f32(mixture(kRows, 5), kRows));
-    // A write that fails during the build (a file size limit stands in for a full disk): one
-    // line naming the sidecar and the cause, and neither output nor a temporary survives.
-    const run_result r = run_orve(dir,
-                                  "build --quiet --vectors " + dir.file("v.npy") + " --sidecar " +
-                                      dir.file("s.sc") + " --ivfp " + dir.file("i.ivfp"),
+    // A write failing mid-build (a file size limit for a full disk): one line naming the sidecar
+    // and the cause; neither output nor a temporary survives.
+    const run_result r = run_orve(dir, "build --quiet --vectors v.npy --sidecar s.sc --ivfp i.ivfp",
                                   "ulimit -f 1024; trap '' XFSZ; ");
     EXPECT_EQ(r.exit_code, 1);
-    EXPECT_EQ(r.err.rfind("orve: " + dir.file("s.sc") + ": writing the sidecar failed after ", 0),
-              0u)
-        << r.err;
+    EXPECT_EQ(r.err.rfind("orve: s.sc: writing the sidecar failed after ", 0), 0u) << r.err;
     EXPECT_NE(r.err.find(" of 1500 rows: File too large\n"), std::string::npos) << r.err;
     EXPECT_EQ(lines(r.err), 1u) << r.err;
     ASSERT_EQ(std::system(("ls -A '" + dir.path() + "' > '" + dir.file("ls.txt") + "'").c_str()),
@@ -195,9 +183,8 @@ TEST(OrveEndToEnd, AFailedWriteGetsOneLineAndLeavesNoFiles) {
               "ls.txt\nstderr.txt\nstdout.txt\nv.npy\n");
 }
 
-// Existing outputs, paths of the wrong kind, paths that name one file, and out-of-range options
-// are refused before any work: the vectors file here has the wrong dtype, so reaching it would
-// print a different message. Devices, FIFOs, inputs and a non-empty sidecar are left as they were.
+// Existing outputs, paths of the wrong kind or naming one file, and bad options are refused before
+// any work (reaching the <f2 vectors would print another message); nothing is changed.
 TEST(OrveEndToEnd, PathsOfTheWrongKindAndBadOptionsAreRefusedFirst) {
     scratch_dir dir;
     bytes f2 = npy_preamble(npy_dict("<f2", "(1500, 512)"));
@@ -209,47 +196,36 @@ TEST(OrveEndToEnd, PathsOfTheWrongKindAndBadOptionsAreRefusedFirst) {
     ASSERT_EQ(::mkfifo(dir.file("fifo").c_str(), 0644), 0);
     ASSERT_EQ(::mkdir(dir.file("sub").c_str(), 0755), 0);
     ASSERT_EQ(::link(dir.file("s.sc").c_str(), dir.file("hard.ivfp").c_str()), 0);
-    const std::string d = dir.path() + "/", v = " --vectors " + d + "v2.npy";
-    const std::string q = "query --sidecar " + d + "s.sc --queries " + d + "v2.npy";
+    const std::string v = "build --vectors v2.npy", b = v + " --sidecar n.sc --ivfp ",
+                      q = "query --sidecar s.sc --queries v2.npy";
     const struct {
         std::string args;
         int exit_code;
         std::string message;
     } cases[] = {
-        {"build" + v + " --sidecar " + d + "s.sc --ivfp " + d + "i.ivfp", 1,
-         d + "s.sc: exists and is not empty (use --force to replace it)"},
-        {"build" + v + " --force --sidecar " + d + "null --ivfp " + d + "i.ivfp", 1,
-         d + "null: is a character device; an output must be a regular file or not exist yet"},
-        {"build" + v + " --sidecar " + d + "n.sc --ivfp " + d + "sub", 1,
-         d + "sub: is a directory; an output must be"},
-        {"build" + v + " --sidecar " + d + "n.sc --ivfp " + d + "sub/../n.sc", 2,
-         d + "n.sc and " + d + "sub/../n.sc are the same file"},
-        {"build" + v + " --force --sidecar " + d + "s.sc --ivfp " + d + "hard.ivfp", 2,
-         d + "s.sc and " + d + "hard.ivfp are the same file"},
-        {"build" + v + " --sidecar " + d + "n.sc --ivfp " + d + "v2.npy", 2,
-         "output " + d + "v2.npy is the input " + d + "v2.npy"},
-        {"build" + v + " --sidecar " + d + "n.sc --ivfp " + d + "i.ivfp --b2 65", 2,
-         "--b2 65: the paged index supports at most 64 buckets per level"},
-        {"build --vectors " + d + "fifo --sidecar " + d + "n.sc --ivfp " + d + "i.ivfp", 1,
-         d + "fifo: is a FIFO, not a regular file"},
-        {"inspect " + d + "fifo", 1, d + "fifo: is a FIFO, not a regular file"},
-        {"query --sidecar " + d + "s.sc --queries " + d + "fifo", 1,
-         d + "fifo: is a FIFO, not a regular file"},
-        {q + " --ivfp " + d + "sub", 1, d + "sub: is a directory, not a regular file"},
+        {v + " --sidecar s.sc --ivfp i.ivfp", 1,
+         "s.sc: exists and is not empty (use --force to replace it)"},
+        {v + " --force --sidecar null --ivfp i.ivfp", 1,
+         "null: is a character device; an output must be a regular file or not exist yet"},
+        {b + "sub", 1, "sub: is a directory; an output must be"},
+        {b + "sub/../n.sc", 2, "n.sc and sub/../n.sc are the same file"},
+        {v + " --force --sidecar s.sc --ivfp hard.ivfp", 2, "s.sc and hard.ivfp are the same file"},
+        {b + "v2.npy", 2, "output v2.npy is the input v2.npy"},
+        {b + "i.ivfp --b2 65", 2, "--b2 65: the paged index supports at most 64 buckets per level"},
+        {"build --vectors fifo --sidecar n.sc --ivfp i.ivfp", 1, "fifo: is a FIFO, not a regular"},
+        {"inspect fifo", 1, "fifo: is a FIFO, not a regular file"},
+        {"query --sidecar s.sc --queries fifo", 1, "fifo: is a FIFO, not a regular file"},
+        {q + " --ivfp sub", 1, "sub: is a directory, not a regular file"},
         {q + " -k 0", 2, "-k expects a whole number from 1 to 100000, got '0'"},
-        {"build" + v + " --sidecar " + d + "n.sc --ivfp " + d + "no/dir/i.ivfp", 1,
-         d + "no/dir/i.ivfp: cannot write in"},
-        {"query --sidecar " + d + "v2.npy --queries " + d + "v2.npy", 1,
-         d + "v2.npy: not a sidecar file (bad magic)"},
-        {"query --dir " + d + "sub --queries " + d + "v2.npy", 1,
-         d + "sub: not a sharded directory (no manifest)"},
-        {"build" + v + " --shard-rows 999 --dir " + d + "sharded", 2,
-         "--shard-rows expects a whole number from 1000 to 1100000"},
+        {b + "no/dir/i.ivfp", 1, "no/dir/i.ivfp: cannot write in"},
+        {"query --sidecar v2.npy --queries v2.npy", 1, "v2.npy: not a sidecar file (bad magic)"},
+        {"query --dir sub --queries v2.npy", 1, "sub: not a sharded directory (no manifest)"},
+        {v + " --shard-rows 999 --dir sharded", 2, "--shard-rows expects a whole number from 1000"},
     };
     for (const auto& c : cases) {
         const run_result r = run_orve(dir, c.args);
         EXPECT_EQ(r.exit_code, c.exit_code) << c.args << "\n" << r.err;
-        EXPECT_NE(r.err.find(c.message), std::string::npos) << c.args << "\n" << r.err;
+        EXPECT_NE(r.err.find(": " + c.message), std::string::npos) << c.args << "\n" << r.err;
         EXPECT_EQ(lines(r.err), 1u) << r.err;
     }
     struct stat st {};
@@ -260,9 +236,8 @@ TEST(OrveEndToEnd, PathsOfTheWrongKindAndBadOptionsAreRefusedFirst) {
     EXPECT_FALSE(file_exists(dir.file("n.sc")) || file_exists(dir.file("i.ivfp")));
 }
 
-// Temporaries are named after the output and the process; a killed build's are removed by the
-// next build, and nothing else is: not a live process's, not another output's. --force replaces
-// a non-empty sidecar.
+// The next build removes a killed build's temporaries (named after output and process), not a
+// live process's or another output's; --force replaces a non-empty sidecar.
 TEST(OrveEndToEnd, TheNextBuildRemovesTemporariesOfKilledBuilds) {
     scratch_dir dir;
     write_file(dir.file("v.npy"), npy_f32(mixture(kRows, 8), kRows));
@@ -279,8 +254,7 @@ TEST(OrveEndToEnd, TheNextBuildRemovesTemporariesOfKilledBuilds) {
     for (const std::string& f : stale) write_file(dir.file(f), {1, 2, 3});
     for (const std::string& f : kept) write_file(dir.file(f), {1, 2, 3});
     const run_result r =
-        run_orve(dir, "build --force --vectors " + dir.file("v.npy") + " --sidecar " +
-                          dir.file("s.sc") + " --ivfp " + dir.file("i.ivfp"));
+        run_orve(dir, "build --force --vectors v.npy --sidecar s.sc --ivfp i.ivfp");
     ASSERT_EQ(r.exit_code, 0) << r.err;
     EXPECT_NE(r.err.find("removed 3 temporary files left by killed runs"), std::string::npos)
         << r.err;
@@ -289,8 +263,7 @@ TEST(OrveEndToEnd, TheNextBuildRemovesTemporariesOfKilledBuilds) {
     EXPECT_EQ(read_file(dir.file("s.sc")).size(), 32 + kRows * 2056);
 }
 
-// A paged index answers only for the sidecar it was built with: one from another data set of
-// the same size (same ids 1..n), of another size, or with other ids is refused by name.
+// A paged index of other rows (same size and ids 1..n, another size, other ids) is refused.
 TEST(OrveEndToEnd, QueryRefusesAPagedIndexBuiltFromOtherRows) {
     scratch_dir dir;
     std::vector<uint32_t> ids(kRows);
@@ -305,24 +278,21 @@ TEST(OrveEndToEnd, QueryRefusesAPagedIndexBuiltFromOtherRows) {
     } cases[] = {{"a", "a", "", ""},
                  {"b", "b", "", "holds another vector than the sidecar's"},
                  {"c", "c", "", "it holds 1501 rows, the sidecar 1500"},
-                 {"aids", "a", " --ids " + dir.file("ids.npy"), "the sidecar's row has id"}};
+                 {"aids", "a", " --ids ids.npy", "the sidecar's row has id"}};
     for (const auto& c : cases) {
-        const std::string ivfp = dir.file(c.name + ".ivfp");
+        const std::string ivfp = c.name + ".ivfp";
         const run_result b =
-            run_orve(dir, "build --quiet --vectors " + dir.file(c.vectors + ".npy") + c.extra +
-                              " --sidecar " + dir.file(c.name + ".sc") + " --ivfp " + ivfp);
+            run_orve(dir, "build --quiet --vectors " + c.vectors + ".npy" + c.extra +
+                              " --sidecar " + c.name + ".sc --ivfp " + ivfp);
         ASSERT_EQ(b.exit_code, 0) << b.err;
         const run_result r =
-            run_orve(dir, "query --quiet --sidecar " + dir.file("a.sc") + " --ivfp " + ivfp +
-                              " --queries " + dir.file("q.npy"));
+            run_orve(dir, "query --quiet --sidecar a.sc --ivfp " + ivfp + " --queries q.npy");
         if (c.problem.empty()) {  // its own index
             EXPECT_EQ(r.exit_code, 0) << r.err;
             continue;
         }
         EXPECT_EQ(r.exit_code, 1) << c.name;
-        EXPECT_EQ(
-            r.err.rfind("orve: " + ivfp + ": does not belong to " + dir.file("a.sc") + ": ", 0), 0u)
-            << r.err;
+        EXPECT_EQ(r.err.rfind("orve: " + ivfp + ": does not belong to a.sc: ", 0), 0u) << r.err;
         EXPECT_NE(r.err.find(c.problem), std::string::npos) << r.err;
         EXPECT_EQ(lines(r.err), 1u) << r.err;
         EXPECT_EQ(r.out, "");

@@ -13,11 +13,7 @@ namespace orve_tool_test {
 
 using bytes = std::vector<uint8_t>;
 
-using orve_test::scratch_dir;
-
-using test_files::file_exists;
-using test_files::read_file;
-using test_files::write_file;
+using namespace test_files;
 
 // Appends the raw bytes of n values.
 template <class T>

@@ -1,6 +1,6 @@
-// The tool's readers against well-formed and malformed .npy, .fvecs and manifest files written
-// here: every malformed or hostile input is refused by a tool_error naming the file and the
-// problem, never a crash or a path outside the directory.
+// The tool's readers against well-formed and malformed .npy, .fvecs and manifest files: each bad
+// input is refused by a tool_error naming the file and the problem, never a crash or a path
+// outside.
 #include <gtest/gtest.h>
 
 #include <cstring>
@@ -139,8 +139,7 @@ TEST(VectorFile, RefusesMalformedFilesNamingTheFileAndTheProblem) {
         {"fo.npy", npy_preamble("{'descr': '<f4', 'fortran_order': 0, 'shape': (1, 512)}"),
          as::open, "'fortran_order' is not True or False"},
         {"open.npy", npy_preamble(f4 + ", 'shape': (1, 512"), as::open, "malformed NPY header"},
-        // A hostile header is refused by its nesting depth and its length, before recursion
-        // or allocation could exhaust the stack or memory.
+        // A hostile header is refused by depth and length, before it could exhaust stack or memory.
         {"deep.npy", npy_preamble(f4 + ", 'shape': " + std::string(60000, '(')), as::open,
          "nested more than 16 levels deep"},
         {"huge.npy", huge, as::open, "NPY header of 65537 bytes (at most 65536 accepted)"},
@@ -191,8 +190,7 @@ TEST(VectorFile, RefusesMalformedFilesNamingTheFileAndTheProblem) {
     }
 }
 
-// As json.dump(indent=1, sort_keys=True) writes it for two shards, one of them sealed; each
-// case below breaks it in one way.
+// json.dump(indent=1, sort_keys=True) of two shards, one sealed; each case breaks it once.
 const std::string kPython = R"({
  "format": "orve-sharded",
  "next_shard": 3,
@@ -236,9 +234,8 @@ TEST(ShardedManifest, MalformedOrHostileManifestsAreRefused) {
         with("\"name\": \"shard-000002\", ", ""),
         with("\"shard-000002\"", "\"shard-0000\\"),
     };
-    for (const std::string& text : cases) {
+    for (const std::string& text : cases)
         EXPECT_THROW(orve::tool::parse_manifest(text, "m"), tool_error) << text;
-    }
 }
 
 }  // namespace

@@ -73,9 +73,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     uint64_t loaded = 0;
     check(orve_vec_sidecar_load(path, count_row, &loaded) == 0);
     walk w{data, whole};
-    if (valid) {
-        check(sc::replay_rows(fd, on_rows, &w) == 0);
-    }
+    if (valid) check(sc::replay_rows(fd, on_rows, &w) == 0);
     check(w.count == loaded);
 
     orve_vec_sidecar* h = nullptr;
