@@ -5,6 +5,7 @@
 #include "ivf/ivf_internal.h"
 #include "quant/dot512_kernels.h"
 #include "util/c_alloc.h"
+#include "util/huge_pages.h"
 
 namespace {
 
@@ -17,9 +18,13 @@ struct quantised_rows {
 
     // False when any of the three arrays cannot be allocated.
     bool allocate(uint32_t count) {
-        codes = orve::c_aligned_array<int8_t>(static_cast<std::size_t>(count) * orve::kCodeBytes,
-                                              orve::kRowAlignment);
+        const std::size_t bytes = static_cast<std::size_t>(count) * orve::kCodeBytes;
+        codes = orve::c_aligned_array<int8_t>(bytes, orve::kRowAlignment);
         if (!codes) return false;
+        // Every search streams these rows bucket by bucket; on small pages each 4 KiB of them
+        // costs a page walk the flat store's huge pages do not pay. The whole array is written
+        // right after, so the advice makes nothing resident that would not be anyway.
+        orve::advise_huge_pages(codes.get(), bytes, 0, bytes);
         scales = orve::c_alloc_array<float>(count);
         if (!scales) return false;
         norms = orve::c_alloc_array<float>(count);
