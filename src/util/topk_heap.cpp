@@ -17,24 +17,26 @@ void bf_topk_heap_push(bf_topk_entry* heap, uint32_t* count, uint32_t capacity,
         return;
     }
     if (!(entry->score > heap[0].score)) return;
-    heap[0] = *entry;
+    // Sift down with a hole: each smaller child moves up one place and the entry is written
+    // once where it stops. The comparisons are those of swapping it down level by level, so
+    // every entry ends where the swaps would leave it, at a third of the moves.
+    const float score = entry->score;
     uint32_t i = 0;
     for (;;) {
         const uint32_t l = 2 * i + 1;
         const uint32_t r = 2 * i + 2;
         uint32_t child;
-        if (l < capacity && heap[l].score < heap[i].score) {
+        if (l < capacity && heap[l].score < score) {
             child = (r < capacity && heap[r].score < heap[l].score) ? r : l;
-        } else if (r < capacity && heap[r].score < heap[i].score) {
+        } else if (r < capacity && heap[r].score < score) {
             child = r;
         } else {
             break;
         }
-        const bf_topk_entry t = heap[i];
         heap[i] = heap[child];
-        heap[child] = t;
         i = child;
     }
+    heap[i] = *entry;
 }
 
 int cmp_bf_topk_desc(const void* a, const void* b) {

@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <random>
 #include <vector>
 
 #include "util/topk_heap.h"
@@ -37,6 +38,32 @@ TEST(TopkHeap, KeepsTheBestAndRefusesEqualsOnceFull) {
     const bf_topk_entry e{1, 1, 0, 0.0f, 0};
     bf_topk_heap_push(nullptr, &n, 0, &e);  // no room: nothing kept
     EXPECT_EQ(n, 0u);
+}
+
+// Where each kept entry sits decides the order of equal scores in the results, so the push
+// must leave the array exactly as the plain swap-down of a new root does. Few distinct scores
+// make ties at every level.
+TEST(TopkHeap, EntriesEndWhereSwappingThemDownLeavesThem) {
+    std::mt19937 rng(7);
+    for (uint32_t cap : {1u, 2u, 5u, 16u, 50u}) {
+        std::vector<bf_topk_entry> heap(cap), ref(cap);
+        uint32_t n = 0, m = 0;
+        for (uint32_t k = 0; k < 2000; ++k) {
+            const bf_topk_entry e{static_cast<float>(rng() % 9), k, 0, 0.0f, k};
+            bf_topk_heap_push(heap.data(), &n, cap, &e);
+            if (m < cap) {
+                bf_topk_heap_push(ref.data(), &m, cap, &e);  // filling: the same code path
+            } else if (e.score > ref[0].score) {
+                ref[0] = e;
+                for (uint32_t i = 0, c; (c = 2 * i + 1) < cap; i = c) {
+                    if (c + 1 < cap && ref[c + 1].score < ref[c].score) ++c;
+                    if (!(ref[c].score < ref[i].score)) break;
+                    std::swap(ref[i], ref[c]);
+                }
+            }
+            for (uint32_t i = 0; i < n; ++i) ASSERT_EQ(heap[i].row, ref[i].row) << cap << " " << k;
+        }
+    }
 }
 
 }  // namespace
