@@ -170,6 +170,7 @@ int brute_force_search(semantic_vector_indexing_system* sys, const vector_simila
     query_context ctx;
     if (!begin_query(sys, q, view.rows, view.rows, false, ctx)) return -1;
     scan_rows(sys, view.store, 0, view.rows, ctx);
+    ctx.sink.name_candidates();
     finish_results(ctx.sink.heap, ctx.sink.count, q, sys, results, count);
     return 0;
 }
@@ -206,6 +207,7 @@ int brute_force_search_block(semantic_vector_indexing_system* sys,
     for (uint32_t i = 0; i < nq; ++i) {
         vector_similarity_result* block = results + static_cast<std::size_t>(stride) * i;
         std::memset(block, 0, sizeof(vector_similarity_result) * stride);
+        ctxs[i].sink.name_candidates();
         finish_results(ctxs[i].sink.heap, ctxs[i].sink.count, &qs[i], sys, block, &counts[i]);
     }
     return 0;

@@ -181,6 +181,7 @@ bool answer_chunk(batch_plan& p, uint32_t i0, uint32_t i1) {
         vector_similarity_result* block = p.b->results + static_cast<std::size_t>(p.b->k) * i;
         std::memset(block, 0, sizeof(vector_similarity_result) * p.b->k);
         uint32_t found = 0;
+        c.sink.name_candidates();
         finish_results(c.sink.heap, c.sink.count, &p.queries[i], p.sys, block, &found);
         if (p.b->counts != nullptr) p.b->counts[i] = found;
     }

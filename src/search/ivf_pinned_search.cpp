@@ -24,6 +24,7 @@ int search_similar_orve512_ivf_rcu_pinned(semantic_vector_indexing_system* sys, 
         if (i + 1 < n) orve::prefetch_bucket(index, buckets[i + 1]);
         orve::scan_bucket(index, buckets[i], ctx);
     }
+    ctx.sink.name_candidates();
     orve::finish_results(ctx.sink.heap, ctx.sink.count, q, sys, results, count);
     return 0;
 }
@@ -68,6 +69,7 @@ int search_similar_orve512_hivf_pinned(semantic_vector_indexing_system* sys,
         }
         orve::scan_bucket(leaf, l2[i], ctx);
     }
+    ctx.sink.name_candidates();
     orve::finish_results(ctx.sink.heap, ctx.sink.count, q, sys, results, count);
     return 0;
 }

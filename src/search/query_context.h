@@ -2,6 +2,8 @@
 // budget sizes, and the one filter every candidate passes through.
 #pragma once
 
+#include <cstddef>
+
 #include "quant/dot512_kernels.h"
 #include "search/topk.h"
 
@@ -32,10 +34,29 @@ struct candidate_sink {
         // changes no answer.
         if (count == capacity && !(score > heap[0].score)) return;
         if (slot >= slot_limit) return;
-        const indexed_node& n = nodes[slot];
-        if (q->cluster_filter != 0 && n.cluster_id != q->cluster_filter) return;
-        const bf_topk_entry e{score, n.node_id, n.cluster_id, n.score, slot};
+        if (q->cluster_filter != 0 && nodes[slot].cluster_id != q->cluster_filter) return;
+        // The node's fields wait for name_candidates: a scan keeps many more candidates than
+        // it returns, and reading each one's node here would miss the cache once per kept row.
+        const bf_topk_entry e{score, 0, 0, 0.0f, slot};
         bf_topk_heap_push(heap, &count, capacity, &e);
+    }
+
+    // Fills in the kept candidates' node fields, every node asked for before any is read. The
+    // heap orders by score alone, so when they are read moves no candidate; node records below
+    // the slot limit are written once, at ingestion, so what is read is what offer() would
+    // have read.
+    void name_candidates() {
+        for (uint32_t i = 0; i < count; ++i) {
+            const char* n = reinterpret_cast<const char*>(nodes + heap[i].row);
+            __builtin_prefetch(n);
+            __builtin_prefetch(n + offsetof(indexed_node, score));
+        }
+        for (uint32_t i = 0; i < count; ++i) {
+            const indexed_node& n = nodes[heap[i].row];
+            heap[i].node_id = n.node_id;
+            heap[i].cluster_id = n.cluster_id;
+            heap[i].node_score = n.score;
+        }
     }
 };
 
