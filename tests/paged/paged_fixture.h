@@ -83,10 +83,18 @@ struct hand_hivf {
             const auto rows = static_cast<uint32_t>(s.row_ids.size());
             total_rows += rows;
             if (b.leaves.empty()) continue;  // the all-zero entry of a bucket without rows
-            records_[i] = orve_ivf_index(
-                rows, static_cast<uint32_t>(b.leaves.size()), s.codes.data(), s.row_scales.data(),
-                s.row_norms.data(), s.centroid_codes.data(), s.centroid_scales.data(),
-                s.centroid_norms.data(), s.offsets.data(), s.sizes.data(), s.row_ids.data());
+            const orve_ivf_index leaf = {rows,
+                                         static_cast<uint32_t>(b.leaves.size()),
+                                         s.codes.data(),
+                                         s.row_scales.data(),
+                                         s.row_norms.data(),
+                                         s.centroid_codes.data(),
+                                         s.centroid_scales.data(),
+                                         s.centroid_norms.data(),
+                                         s.offsets.data(),
+                                         s.sizes.data(),
+                                         s.row_ids.data()};
+            records_[i] = leaf;
         }
         rec_ = {b1, b2, l1_codes_.data(), l1_scales_.data(), l1_norms_.data(), records_.data()};
     }

@@ -17,7 +17,8 @@ constexpr kernel_table kPortable{"portable",
                                  l2sq_partials_portable,
                                  screen_dots4_portable,
                                  screen_bounds_portable,
-                                 screen_candidates_portable};
+                                 screen_candidates_portable,
+                                 rerank_sums8_portable};
 }  // namespace
 
 const kernel_table* kernel_tables_available(std::size_t* count) {
