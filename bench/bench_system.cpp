@@ -33,6 +33,7 @@
 
 #include "bench_rng.h"
 #include "stream_read.h"
+#include "thread_clock.h"
 
 namespace {
 
@@ -40,13 +41,6 @@ using clock_type = std::chrono::steady_clock;
 
 double seconds_since(clock_type::time_point t0) {
     return std::chrono::duration<double>(clock_type::now() - t0).count();
-}
-
-// This thread's CPU time: rates from it do not count the time other processes took the core.
-double thread_seconds() {
-    timespec ts;
-    clock_gettime(CLOCK_THREAD_CPUTIME_ID, &ts);
-    return static_cast<double>(ts.tv_sec) + 1e-9 * static_cast<double>(ts.tv_nsec);
 }
 
 // The part of this thread's CPU time spent in the kernel on its behalf (page faults, file
@@ -175,7 +169,7 @@ std::vector<float> generated_rows(std::size_t rows, const std::vector<float>& ce
 // load and the last.
 double load_generated(object& o, const std::vector<float>& all, cpu_use* cpu) {
     const std::size_t rows = all.size() / 512;
-    const double c0 = thread_seconds();
+    const double c0 = orve_bench::thread_seconds();
     const double k0 = thread_kernel_seconds();
     const auto t0 = clock_type::now();
     for (std::size_t done = 0; done < rows; done += 10000) {
@@ -187,7 +181,7 @@ double load_generated(object& o, const std::vector<float>& all, cpu_use* cpu) {
         }
     }
     const double wall = seconds_since(t0);
-    *cpu = cpu_use{thread_seconds() - c0, thread_kernel_seconds() - k0};
+    *cpu = cpu_use{orve_bench::thread_seconds() - c0, thread_kernel_seconds() - k0};
     return wall;
 }
 
@@ -229,13 +223,13 @@ void ingestion_figures(std::size_t rows, const std::vector<float>& centres) {
     }
     {
         object o(rows);
-        const double c0 = thread_seconds();
+        const double c0 = orve_bench::thread_seconds();
         const double k0 = thread_kernel_seconds();
         const auto t0 = clock_type::now();
         if (semantic_vector_indexing_system_open_sidecar(o.sys, path.c_str()) != 0) std::exit(1);
         const double wall = seconds_since(t0);
         print_rate("sidecar replay:", rows, wall,
-                   cpu_use{thread_seconds() - c0, thread_kernel_seconds() - k0});
+                   cpu_use{orve_bench::thread_seconds() - c0, thread_kernel_seconds() - k0});
     }
     unlink(path.c_str());
     rmdir(dir);
@@ -507,12 +501,12 @@ void rerank_figures(std::size_t rows, const std::vector<float>& centres) {
             vector_similarity_result res[10];
             uint32_t n = 0;
             const int reps = 1000;
-            const double t0 = thread_seconds();
+            const double t0 = orve_bench::thread_seconds();
             for (int i = 0; i < reps; ++i) {
                 q.query_vector = &queries[(i % 256) * 512];
                 semantic_vector_indexing_system_search_similar(o.sys, &q, res, &n);
             }
-            return reps / (thread_seconds() - t0);
+            return reps / (orve_bench::thread_seconds() - t0);
         };
         auto* a = orve::attachment_of(o.sys->sidecar);
         const orve::sidecar::row_mapping kept = a->mapped;

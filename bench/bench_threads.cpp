@@ -26,6 +26,7 @@
 #include "semantic_vector_indexing.h"
 
 #include "bench_rng.h"
+#include "thread_clock.h"
 
 namespace {
 
@@ -65,12 +66,6 @@ struct figures {
     double waits_per_1k;
 };
 
-double thread_cpu_seconds() {
-    timespec ts;
-    clock_gettime(CLOCK_THREAD_CPUTIME_ID, &ts);
-    return static_cast<double>(ts.tv_sec) + 1e-9 * static_cast<double>(ts.tv_nsec);
-}
-
 long voluntary_switches() {
     rusage u;
     getrusage(RUSAGE_THREAD, &u);
@@ -91,7 +86,7 @@ figures run(semantic_vector_indexing_system* sys, const path& p, const std::vect
             vector_similarity_query q = p.q;
             vector_similarity_result res[10];
             const std::size_t nq = queries.size() / 512;
-            const double cpu0 = thread_cpu_seconds();
+            const double cpu0 = orve_bench::thread_seconds();
             const long waits0 = voluntary_switches();
             for (std::size_t i = t * 7; !stop.load(std::memory_order_relaxed); ++i) {
                 q.query_vector = &queries[(i % nq) * 512];
@@ -103,7 +98,7 @@ figures run(semantic_vector_indexing_system* sys, const path& p, const std::vect
                 }
                 lat[t].push_back(seconds_since(s0) * 1e6);
             }
-            cpu[t] = thread_cpu_seconds() - cpu0;
+            cpu[t] = orve_bench::thread_seconds() - cpu0;
             waits[t] = voluntary_switches() - waits0;
         });
     }
