@@ -110,11 +110,8 @@ void scan_tile(const semantic_vector_indexing_system* sys, const flat_rows* stor
         orve::query_context& ctx = ctxs[i];
         orve::candidate_sink& sink = ctx.sink;
         if (sink.capacity == 0) continue;
-        // Once the heap is full, a row scoring no more than its weakest entry is refused, and
-        // that entry only rises as the tile's offers go in: a row not above the entry as it was
-        // at the tile's start is one offer() would refuse, and skipping it changes nothing.
         const bool full = sink.count == sink.capacity;
-        const float bar = full ? sink.heap[0].score : 0.0f;
+        const float bar = sink.bar();
         // Scores of the whole tile at once; a row that was not scored gets a score from a stale
         // dot product, which the loops below never read.
         bool any_above = true;
@@ -122,19 +119,13 @@ void scan_tile(const semantic_vector_indexing_system* sys, const flat_rows* stor
             any_above = orve::cosine_from_dots(dots + i * kTileRows, ctx.scale, store->scale + t,
                                                ctx.norm, store->norm + t, n, bar, scores);
         }
-        if (full && all_scored) {
-            // The common case on a long scan: usually no row of the tile is above the bar, and
-            // otherwise one comparison per row, the bar following the weakest entry up.
-            if (!any_above) continue;
-            float top = bar;
-            for (uint32_t r = 0; r < n; ++r) {
-                if (scores[r] > top) {
-                    sink.offer(t + r, scores[r]);
-                    top = sink.heap[0].score;
-                }
-            }
+        if (all_scored) {
+            // The common case on a long scan: usually no row of the tile is above the bar.
+            sink.offer_block(scores, n, any_above, [t](uint32_t r) { return t + r; });
             continue;
         }
+        // A row not above a full heap's weakest entry as it was at the tile's start is one
+        // offer() would refuse, since that entry only rises.
         for (uint32_t r = 0; r < n; ++r) {
             float score;
             if (scored[r]) {

@@ -18,28 +18,14 @@ inline void offer_rows(const orve_ivf_index& index, uint32_t p0, uint32_t len, c
     candidate_sink& sink = ctx.sink;
     const uint32_t* ids = index.row_ids + p0;
     // The cosines of a block first, several rows per instruction, then the offers: a division
-    // per row in the offer loop cost as much as a fifth of the kernel's time. Once the heap is
-    // full, a row not above its weakest entry is one offer() refuses, and that entry only rises
-    // as offers go in, so a block with no row above it is passed over whole, and otherwise one
-    // comparison per row decides which rows are offered at all.
+    // per row in the offer loop cost as much as a fifth of the kernel's time.
     float scores[kScanBlockRows];
     for (uint32_t b0 = 0; b0 < len; b0 += kScanBlockRows) {
         const uint32_t n = len - b0 < kScanBlockRows ? len - b0 : kScanBlockRows;
-        const bool full = sink.count == sink.capacity;
-        float top = full ? sink.heap[0].score : 0.0f;
         const bool any_above =
             cosine_from_dots(dots + b0, ctx.scale, index.row_scales + p0 + b0, ctx.norm,
-                             index.row_norms + p0 + b0, n, top, scores);
-        if (!full) {
-            for (uint32_t j = 0; j < n; ++j) sink.offer(ids[b0 + j], scores[j]);
-            continue;
-        }
-        if (!any_above) continue;
-        for (uint32_t j = 0; j < n; ++j) {
-            if (!(scores[j] > top)) continue;
-            sink.offer(ids[b0 + j], scores[j]);
-            top = sink.heap[0].score;
-        }
+                             index.row_norms + p0 + b0, n, sink.bar(), scores);
+        sink.offer_block(scores, n, any_above, [&](uint32_t j) { return ids[b0 + j]; });
     }
 }
 

@@ -41,6 +41,29 @@ struct candidate_sink {
         bf_topk_heap_push(heap, &count, capacity, &e);
     }
 
+    // The score a row must beat to enter: the weakest kept one once the heap is full. Before
+    // that every row is offered, and the value only feeds cosine_from_dots' answer, unused.
+    float bar() const { return count == capacity ? heap[0].score : 0.0f; }
+
+    // Offers n scored rows in order, row j at slot_of(j); any_above is cosine_from_dots' answer
+    // for bar() as it stands. Once the heap is full a row not above its weakest entry is one
+    // offer() refuses, and that entry only rises as offers go in: a block with no row above it
+    // is passed over whole, and otherwise one comparison per row decides what is offered.
+    template <class SlotOf>
+    void offer_block(const float* scores, uint32_t n, bool any_above, SlotOf slot_of) {
+        if (count < capacity) {
+            for (uint32_t j = 0; j < n; ++j) offer(slot_of(j), scores[j]);
+            return;
+        }
+        if (!any_above) return;
+        float top = heap[0].score;
+        for (uint32_t j = 0; j < n; ++j) {
+            if (!(scores[j] > top)) continue;
+            offer(slot_of(j), scores[j]);
+            top = heap[0].score;
+        }
+    }
+
     // Fills in the kept candidates' node fields, every node asked for before any is read. The
     // heap orders by score alone, so when they are read moves no candidate; node records below
     // the slot limit are written once, at ingestion, so what is read is what offer() would
