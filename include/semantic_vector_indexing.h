@@ -378,7 +378,9 @@ ORVE_STATIC_ASSERT(offsetof(orve_ivf_index, row_ids) == 72, ivf_index_row_ids);
 /* A two-level inverted file: b1 level-1 buckets, each holding an ordinary IVF (its leaves) over
  * the rows of that bucket with min(rows, b2) buckets, or an all-zero entry when the bucket got
  * no rows. Leaf row_ids are global input-row indexes. The record belongs to the caller, every
- * array to the H-IVF; an all-zero record is the empty H-IVF. 40 bytes. */
+ * array to the H-IVF; an all-zero record is the empty H-IVF. The leaf indexes keep their codes in one
+ * block, one after the other, so a leaf index is never freed on its own: orve_hivf_index_destroy
+ * frees them all. 40 bytes. */
 typedef struct orve_hivf_index {
     uint32_t b1;                /* level-1 buckets */
     uint32_t b2;                /* leaves wanted per level-1 bucket (an upper bound) */

@@ -16,15 +16,18 @@ struct quantised_rows {
     orve::c_unique<float[]> scales;
     orve::c_unique<float[]> norms;
 
-    // False when any of the three arrays cannot be allocated.
-    bool allocate(uint32_t count) {
+    // False when any array cannot be allocated. The codes are not allocated when the caller
+    // provides their place.
+    bool allocate(uint32_t count, bool with_codes = true) {
         const std::size_t bytes = static_cast<std::size_t>(count) * orve::kCodeBytes;
-        codes = orve::c_aligned_array<int8_t>(bytes, orve::kRowAlignment);
-        if (!codes) return false;
-        // Every search streams these rows bucket by bucket; on small pages each 4 KiB of them
-        // costs a page walk the flat store's huge pages do not pay. The whole array is written
-        // right after, so the advice makes nothing resident that would not be anyway.
-        orve::advise_huge_pages(codes.get(), bytes, 0, bytes);
+        if (with_codes) {
+            codes = orve::c_aligned_array<int8_t>(bytes, orve::kRowAlignment);
+            if (!codes) return false;
+            // Every search streams these rows bucket by bucket; on small pages each 4 KiB of
+            // them costs a page walk the flat store's huge pages do not pay. The whole array is
+            // written right after, so the advice makes nothing resident that would not be anyway.
+            orve::advise_huge_pages(codes.get(), bytes, 0, bytes);
+        }
         scales = orve::c_alloc_array<float>(count);
         if (!scales) return false;
         norms = orve::c_alloc_array<float>(count);
@@ -46,7 +49,7 @@ int cmp_route(const void* a, const void* b) {
 
 int ivf_finish_index(uint32_t n, uint32_t n_buckets, const uint32_t* assignment,
                      const float* centroids, const int8_t* codes, const float* scales,
-                     const float* norms, orve_ivf_index* out) {
+                     const float* norms, orve_ivf_index* out, int8_t* codes_into) {
     using orve::kCodeBytes;
     std::memset(out, 0, sizeof *out);
 
@@ -69,13 +72,14 @@ int ivf_finish_index(uint32_t n, uint32_t n_buckets, const uint32_t* assignment,
     }
 
     quantised_rows rows;
-    if (!rows.allocate(n)) return -1;
+    if (!rows.allocate(n, codes_into == nullptr)) return -1;
+    int8_t* const dst = codes_into != nullptr ? codes_into : rows.codes.get();
     orve::c_unique<uint32_t[]> row_ids = orve::c_alloc_array<uint32_t>(n);
     if (!row_ids) return -1;
     for (uint32_t p = 0; p < n; ++p) {
         const uint32_t r = pairs[p].row;
         row_ids[p] = r;
-        std::memcpy(rows.codes.get() + static_cast<std::size_t>(p) * kCodeBytes,
+        std::memcpy(dst + static_cast<std::size_t>(p) * kCodeBytes,
                     codes + static_cast<std::size_t>(r) * kCodeBytes, kCodeBytes);
         rows.scales[p] = scales[r];
         rows.norms[p] = norms[r];
@@ -95,7 +99,7 @@ int ivf_finish_index(uint32_t n, uint32_t n_buckets, const uint32_t* assignment,
 
     out->n_rows = n;
     out->n_buckets = n_buckets;
-    out->codes = rows.codes.release();
+    out->codes = codes_into != nullptr ? codes_into : rows.codes.release();
     out->row_scales = rows.scales.release();
     out->row_norms = rows.norms.release();
     out->centroid_codes = centroid_rows.codes.release();

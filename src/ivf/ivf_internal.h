@@ -43,11 +43,12 @@ void score_and_select_multi(const int8_t* const* qcodes, const float* qscales, c
 
 // Builds `out` from rows that already have a bucket each: rows are copied bucket by bucket in
 // ascending input order and the float centroids (n_buckets x 512) are quantised. Every value of
-// `assignment` must be below n_buckets; the caller checks its inputs. 0, or -1 with `out` all
-// zero.
+// `assignment` must be below n_buckets; the caller checks its inputs. With `codes_into` (n x 512,
+// 64-byte aligned, the caller's) the compacted rows go there and `out->codes` points at it
+// without owning it; otherwise the index allocates its own. 0, or -1 with `out` all zero.
 int ivf_finish_index(uint32_t n, uint32_t n_buckets, const uint32_t* assignment,
                      const float* centroids, const int8_t* codes, const float* scales,
-                     const float* norms, orve_ivf_index* out);
+                     const float* norms, orve_ivf_index* out, int8_t* codes_into = nullptr);
 
 // Frees the nine arrays of a non-null index (null arrays are skipped) and zeroes the record.
 namespace orve {
@@ -124,6 +125,11 @@ int kmeans_codes_train(const int8_t* codes, const float* scales, uint32_t n, uin
 // requirements (1 <= n_buckets <= n, checked by the caller): the same index, without the floats.
 int ivf_build_from_codes(const int8_t* codes, const float* scales, const float* norms, uint32_t n,
                          uint32_t n_buckets, uint32_t seed, orve_ivf_index* out);
+
+// orve_ivf_build_kmeans_centroids with its arguments checked by the caller, and the compacted
+// rows written to `codes_into` when it is not null (as ivf_finish_index).
+int ivf_build_f32(const float* rows, uint32_t n, uint32_t k, uint32_t seed, const int8_t* codes,
+                  const float* scales, const float* norms, orve_ivf_index* out, int8_t* codes_into);
 
 // Spherical k-means directly over m int8 codes (raw integer dot products for the assignment,
 // dequantised codes for the updates). Fills the k float centroids (k x 512), their k int8 codes

@@ -42,6 +42,17 @@ int ivf_build_from_codes(const int8_t* codes, const float* scales, const float* 
     return ivf_finish_index(n, k, assignment.get(), centroids.get(), codes, scales, norms, out);
 }
 
+int ivf_build_f32(const float* rows, uint32_t n, uint32_t k, uint32_t seed, const int8_t* codes,
+                  const float* scales, const float* norms, orve_ivf_index* out,
+                  int8_t* codes_into) {
+    c_unique<float[]> centroids = c_alloc_array<float>(static_cast<std::size_t>(k) * kCodeBytes);
+    c_unique<uint32_t[]> assignment = c_alloc_array<uint32_t>(n);
+    if (!centroids || !assignment) return -1;
+    if (kmeans_f32_train(rows, n, k, seed, centroids.get(), assignment.get()) != 0) return -1;
+    return ivf_finish_index(n, k, assignment.get(), centroids.get(), codes, scales, norms, out,
+                            codes_into);
+}
+
 namespace {
 
 int train(row_source raw, uint32_t n, uint32_t k, uint32_t seed, float* centroids,
@@ -118,13 +129,5 @@ extern "C" ORVE_API int orve_ivf_build_kmeans_centroids(
         out == nullptr || n == 0 || !(n > n_buckets - 1u)) {
         return -1;
     }
-    const uint32_t k = n_buckets;
-    orve::c_unique<float[]> centroids =
-        orve::c_alloc_array<float>(static_cast<std::size_t>(k) * orve::kCodeBytes);
-    orve::c_unique<uint32_t[]> assignment = orve::c_alloc_array<uint32_t>(n);
-    if (!centroids || !assignment) return -1;
-    if (orve::kmeans_f32_train(rows, n, k, seed, centroids.get(), assignment.get()) != 0) {
-        return -1;
-    }
-    return ivf_finish_index(n, k, assignment.get(), centroids.get(), codes, scales, norms, out);
+    return orve::ivf_build_f32(rows, n, n_buckets, seed, codes, scales, norms, out, nullptr);
 }
