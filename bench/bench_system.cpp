@@ -94,19 +94,7 @@ void fill_rows(std::vector<float>& buf, std::size_t first_row, const std::vector
 }
 
 double stream_bandwidth() {
-    const std::size_t bytes = std::size_t{1} << 30;
-    auto block = orve::c_aligned_array<uint64_t>(bytes / 8, 64);
-    if (!block) return 0;
-    std::memset(block.get(), 1, bytes);
-    double best = 0;
-    for (int rep = 0; rep < 5; ++rep) {
-        const auto t0 = clock_type::now();
-        const uint64_t sum = orve_bench::sum_words(block.get(), bytes / 8);
-        const double s = seconds_since(t0);
-        if (sum == 42) std::puts("");
-        best = std::max(best, bytes / s);
-    }
-    return best;
+    return orve_bench::stream_read_rate(std::size_t{1} << 30, 1);
 }
 
 struct object {

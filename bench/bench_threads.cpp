@@ -26,6 +26,7 @@
 #include "semantic_vector_indexing.h"
 
 #include "bench_rng.h"
+#include "stream_read.h"
 #include "thread_clock.h"
 
 namespace {
@@ -309,6 +310,14 @@ int main(int argc, char** argv) {
     hivf.q.n_probe_l2 = 8;
     std::printf("IVF nlist %u at n_probe 8; H-IVF %u x %u at probes 4 x 8\n", nlist, b, b);
 
+    // Brute force streams the whole store from memory, so two of its scans at once can go no
+    // faster than two streaming reads of a store-sized buffer each: the ceiling of its ratio.
+    const double read1 = orve_bench::stream_read_rate(rows * 512, 1);
+    const double read2 = orve_bench::stream_read_rate(rows * 512, 2);
+    std::printf(
+        "streaming read of a store-sized buffer (%zu MB) per thread: one thread %.1f GB/s, two "
+        "threads %.1f GB/s together (%.2fx one)\n",
+        rows * 512 / 1000000, read1 / 1e9, read2 / 1e9, read2 / read1);
     thread_figures(sys, brute, queries, seconds);
     thread_figures(sys, ivf, queries, seconds);
     thread_figures(sys, hivf, queries, seconds);

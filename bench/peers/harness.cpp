@@ -157,21 +157,7 @@ dataset make_hrr_dataset(const options& opt) {
 }
 
 double read_bandwidth_gbs() {
-    // 512 MiB of 64-bit words, written once so every page is resident before the timed reads.
-    const std::size_t words = (std::size_t{512} << 20) / sizeof(uint64_t);
-    std::vector<uint64_t> buf(words);
-    for (std::size_t i = 0; i < words; ++i) buf[i] = i;
-    double best = 0.0;
-    volatile uint64_t sink = 0;
-    for (int pass = 0; pass < 5; ++pass) {
-        const auto t0 = clock_type::now();
-        const uint64_t sum = orve_bench::sum_words(buf.data(), words);
-        const double s = seconds_since(t0);
-        sink = sink + sum;
-        const double gbs = static_cast<double>(words * sizeof(uint64_t)) / s / 1e9;
-        best = std::max(best, gbs);
-    }
-    return best;
+    return orve_bench::stream_read_rate(std::size_t{512} << 20, 1) / 1e9;
 }
 
 answers exact_answers_plain(const dataset& d) {
