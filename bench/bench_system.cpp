@@ -32,6 +32,7 @@
 #include "util/c_alloc.h"
 
 #include "bench_rng.h"
+#include "process_memory.h"
 #include "stream_read.h"
 #include "thread_clock.h"
 
@@ -51,35 +52,8 @@ double thread_kernel_seconds() {
     return static_cast<double>(u.ru_stime.tv_sec) + 1e-6 * static_cast<double>(u.ru_stime.tv_usec);
 }
 
-long resident_bytes() {
-    long pages = 0, resident = 0;
-    FILE* f = std::fopen("/proc/self/statm", "r");
-    if (f == nullptr) return 0;
-    if (std::fscanf(f, "%ld %ld", &pages, &resident) != 2) resident = 0;
-    std::fclose(f);
-    return resident * sysconf(_SC_PAGESIZE);
-}
-
-// The process's peak resident memory in bytes, and a reset of it to the current resident size
-// (writing 5 to clear_refs), so that every stage can report its own peak.
-long peak_resident_bytes() {
-    FILE* f = std::fopen("/proc/self/status", "r");
-    if (f == nullptr) return 0;
-    char line[256];
-    long kb = 0;
-    while (std::fgets(line, sizeof line, f) != nullptr) {
-        if (std::sscanf(line, "VmHWM: %ld kB", &kb) == 1) break;
-    }
-    std::fclose(f);
-    return kb * 1024;
-}
-
-bool reset_peak() {
-    FILE* f = std::fopen("/proc/self/clear_refs", "w");
-    if (f == nullptr) return false;
-    const bool ok = std::fputs("5", f) >= 0;
-    return std::fclose(f) == 0 && ok;
-}
+using orve_bench::peak_resident_bytes;
+using orve_bench::resident_bytes;
 
 using orve_bench::rng;
 
@@ -94,7 +68,7 @@ void fill_rows(std::vector<float>& buf, std::size_t first_row, const std::vector
 }
 
 double stream_bandwidth() {
-    return orve_bench::stream_read_rate(std::size_t{1} << 30, 1);
+    return orve_bench::stream_read_rate(std::size_t{1} << 30);
 }
 
 struct object {
@@ -426,7 +400,7 @@ void batch_only(std::size_t rows, const std::vector<float>& centres) {
 // in total and above what was resident when the stage began.
 template <typename Stage>
 void build_stage(const char* name, std::size_t rows, Stage stage) {
-    const bool reset = reset_peak();
+    const bool reset = orve_bench::reset_peak_resident();
     const long before = resident_bytes();
     const auto t0 = clock_type::now();
     const int rc = stage();

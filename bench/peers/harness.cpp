@@ -1,5 +1,6 @@
 #include "harness.h"
 
+#include "../process_memory.h"
 #include "../stream_read.h"
 #include "semantic_vector_indexing.h"
 
@@ -82,22 +83,6 @@ void draw_members(const std::vector<float>& centres, std::size_t n_centres, floa
     }
 }
 
-long read_status_kib(const char* key) {
-    FILE* f = std::fopen("/proc/self/status", "r");
-    if (f == nullptr) return -1;
-    char line[256];
-    long value = -1;
-    const std::size_t key_len = std::strlen(key);
-    while (std::fgets(line, sizeof line, f) != nullptr) {
-        if (std::strncmp(line, key, key_len) == 0 && line[key_len] == ':') {
-            value = std::strtol(line + key_len + 1, nullptr, 10);
-            break;
-        }
-    }
-    std::fclose(f);
-    return value;
-}
-
 double mib(long bytes) {
     return static_cast<double>(bytes) / (1024.0 * 1024.0);
 }
@@ -157,7 +142,7 @@ dataset make_hrr_dataset(const options& opt) {
 }
 
 double read_bandwidth_gbs() {
-    return orve_bench::stream_read_rate(std::size_t{512} << 20, 1) / 1e9;
+    return orve_bench::stream_read_rate(std::size_t{512} << 20) / 1e9;
 }
 
 answers exact_answers_plain(const dataset& d) {
@@ -225,32 +210,18 @@ std::string load_average() {
     return text;
 }
 
-long resident_bytes() {
-    long pages = 0, resident = 0;
-    FILE* f = std::fopen("/proc/self/statm", "r");
-    if (f == nullptr) return 0;
-    if (std::fscanf(f, "%ld %ld", &pages, &resident) != 2) resident = 0;
-    std::fclose(f);
-    return resident * sysconf(_SC_PAGESIZE);
-}
-
 void memory_probe::before() {
     malloc_trim(0);
-    // Writing 5 to clear_refs resets the process's peak resident size (VmHWM).
-    if (FILE* f = std::fopen("/proc/self/clear_refs", "w")) {
-        std::fputs("5", f);
-        std::fclose(f);
-    }
-    start_ = resident_bytes();
+    orve_bench::reset_peak_resident();
+    start_ = orve_bench::resident_bytes();
 }
 
 void memory_probe::after() {
     // Scratch freed into the C heap is handed back first, so the growth is what the index keeps.
     malloc_trim(0);
-    const long now = resident_bytes();
-    growth = now - start_;
-    const long hwm_kib = read_status_kib("VmHWM");
-    peak_growth = hwm_kib >= 0 ? std::max(hwm_kib * 1024 - start_, growth) : growth;
+    growth = orve_bench::resident_bytes() - start_;
+    const long peak = orve_bench::peak_resident_bytes();
+    peak_growth = peak > 0 ? std::max(peak - start_, growth) : growth;
 }
 
 void report::add_search(const std::string& engine, const std::string& index,

@@ -88,8 +88,6 @@ class memory_probe {
     long start_ = 0;
 };
 
-long resident_bytes();
-
 struct build_row {
     std::string engine, index;
     double load_s = 0;   // ingestion or add
