@@ -285,7 +285,10 @@ int main(int argc, char** argv) {
 
     std::vector<unsigned char> mem(semantic_vector_indexing_system_sizeof());
     auto* sys = reinterpret_cast<semantic_vector_indexing_system*>(mem.data());
-    setenv("ORVE_VECTOR_CAPACITY", std::to_string(rows + rows / 2).c_str(), 1);
+    // Room for what the ingester can add: four figures of `seconds` each, at most 32 rows per
+    // 2 ms. A full object would leave the last figures without any ingestion.
+    const auto headroom = static_cast<std::size_t>(4 * seconds * 16000);
+    setenv("ORVE_VECTOR_CAPACITY", std::to_string(rows + headroom).c_str(), 1);
     if (semantic_vector_indexing_system_create(sys) != 0) return 1;
     {
         std::vector<float> buf(10000 * 512);
