@@ -6,7 +6,6 @@
 // candidate; a positional read serves only when the system refused the mapping.
 #include <bit>
 #include <cmath>
-#include <cstdlib>
 #include <cstring>
 
 #include "core/sidecar_attachment.h"
@@ -124,5 +123,5 @@ void rerank_from_sidecar(bf_topk_entry* candidates, uint32_t count, const float*
         for (uint32_t l = lanes; l < kLanes; ++l) rows.row[l] = kZeroRow;
         score_lanes(query, qq, rows, which, lanes, candidates);
     }
-    std::qsort(candidates, count, sizeof(bf_topk_entry), cmp_bf_topk_desc);
+    sort_candidates_desc(candidates, count);
 }

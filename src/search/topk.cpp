@@ -1,7 +1,6 @@
 // The candidate budget of a query and the step that turns kept candidates into results.
 #include "search/topk.h"
 
-#include <cstdlib>
 
 #include "core/sidecar_attachment.h"
 
@@ -29,9 +28,7 @@ void finish_results(bf_topk_entry* candidates, uint32_t found, const vector_simi
     if (q->rerank && sidecar_rerank_ready(sys)) {
         rerank_from_sidecar(candidates, found, q->query_vector, sys);
     } else {
-        // qsort rather than std::sort: NaN scores make the order inconsistent, which qsort
-        // tolerates and std::sort does not.
-        std::qsort(candidates, found, sizeof(bf_topk_entry), cmp_bf_topk_desc);
+        sort_candidates_desc(candidates, found);
     }
     const uint32_t n = found < q->max_results ? found : q->max_results;
     for (uint32_t i = 0; i < n; ++i) {

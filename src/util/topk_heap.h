@@ -19,5 +19,9 @@ static_assert(sizeof(bf_topk_entry) == 20);
 void bf_topk_heap_push(bf_topk_entry* heap, uint32_t* count, uint32_t capacity,
                        const bf_topk_entry* entry);
 
-// Descending by score for qsort; NaN compares equal to everything.
-int cmp_bf_topk_desc(const void* a, const void* b);
+// Sorts candidates by descending score, equal scores keeping their order, the way every path
+// has always ordered them: a top-down merge sort that halves at n / 2 and, in each merge, takes
+// from the left run unless its entry scores below the right one's. A NaN compares equal to
+// everything, so the order it leaves depends on that exact sequence of comparisons, which this
+// fixes whatever the C library's own sort does.
+void sort_candidates_desc(bf_topk_entry* candidates, uint32_t count);

@@ -3,6 +3,8 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <cmath>
+#include <cstdlib>
 #include <random>
 #include <vector>
 
@@ -62,6 +64,41 @@ TEST(TopkHeap, EntriesEndWhereSwappingThemDownLeavesThem) {
                 }
             }
             for (uint32_t i = 0; i < n; ++i) ASSERT_EQ(heap[i].row, ref[i].row) << cap << " " << k;
+        }
+    }
+}
+
+// Results are ordered by descending score with equal scores in heap order: a stable sort. Few
+// distinct scores make long runs of ties; lengths past the on-stack scratch take the other
+// branch. With NaN among the scores the order is whatever the merge's comparisons leave, which
+// must be what the C library's merge sort has always left (glibc's qsort is that merge sort).
+TEST(TopkHeap, SortIsStableDescendingAndKeepsTheLibraryOrderWithNaN) {
+    std::mt19937 rng(11);
+    for (uint32_t n : {0u, 1u, 2u, 3u, 7u, 50u, 255u, 256u, 257u, 1000u}) {
+        for (const bool with_nan : {false, true}) {
+            std::vector<bf_topk_entry> v(n);
+            for (uint32_t i = 0; i < n; ++i) {
+                const bool nan = with_nan && rng() % 7 == 0;
+                v[i] = bf_topk_entry{nan ? std::nanf("") : static_cast<float>(rng() % 5), i, 0,
+                                     0.0f, i};
+            }
+            std::vector<bf_topk_entry> want = v;
+            if (!with_nan) {
+                std::stable_sort(want.begin(), want.end(),
+                                 [](const auto& a, const auto& b) { return a.score > b.score; });
+            } else {
+#ifdef __GLIBC__
+                std::qsort(want.data(), n, sizeof(bf_topk_entry), [](const void* a, const void* b) {
+                    const float sa = static_cast<const bf_topk_entry*>(a)->score;
+                    const float sb = static_cast<const bf_topk_entry*>(b)->score;
+                    return sa > sb ? -1 : sa < sb ? 1 : 0;
+                });
+#else
+                continue;
+#endif
+            }
+            sort_candidates_desc(v.data(), n);
+            for (uint32_t i = 0; i < n; ++i) ASSERT_EQ(v[i].row, want[i].row) << n << " " << i;
         }
     }
 }
