@@ -1,7 +1,6 @@
 // The candidate budget of a query and the step that turns kept candidates into results.
 #include "search/topk.h"
 
-
 #include "core/sidecar_attachment.h"
 
 namespace orve {
