@@ -1,4 +1,4 @@
-#include "ivf/batch_routing.h"
+#include "ivf/quantised_routing.h"
 
 #include "ivf/ivf_internal.h"
 #include "quant/dot512_kernels.h"

@@ -4,6 +4,7 @@
 #include <cstdlib>
 
 #include "ivf/ivf_internal.h"
+#include "ivf/quantised_routing.h"
 #include "ivf/routing_query.h"
 #include "quant/cosine.h"
 #include "quant/kernel_table.h"
@@ -89,9 +90,11 @@ void score_and_select_multi(const int8_t* const* qcodes, const float* qscales, c
     for (uint32_t j = 0; j < kQ; ++j) select_best(pairs[j], count, best, any_nan[j]);
 }
 
-extern "C" ORVE_API int orve_ivf_route_top_buckets(const orve_ivf_index* index, const float* query,
-                                                   uint32_t n_probe, uint32_t* out_buckets) {
-    if (index == nullptr || query == nullptr || out_buckets == nullptr || index->n_buckets == 0 ||
+namespace orve {
+
+int route_top_buckets(const orve_ivf_index* index, const int8_t* code, float scale, float norm,
+                      uint32_t n_probe, uint32_t* out_buckets) {
+    if (index == nullptr || code == nullptr || out_buckets == nullptr || index->n_buckets == 0 ||
         n_probe == 0) {
         return -1;
     }
@@ -103,13 +106,23 @@ extern "C" ORVE_API int orve_ivf_route_top_buckets(const orve_ivf_index* index, 
     }
     const uint32_t nb = index->n_buckets;
     const uint32_t p = n_probe < nb ? n_probe : nb;
-
-    routing_query q;
-    if (!q.quantise(query)) return -1;
-    orve::c_unique<ivf_scored_pair[]> pairs = orve::c_alloc_array<ivf_scored_pair>(nb);
+    c_unique<ivf_scored_pair[]> pairs = c_alloc_array<ivf_scored_pair>(nb);
     if (!pairs) return -1;
-    score_and_select(q.code.get(), q.scale, q.norm, index->centroid_codes, index->centroid_scales,
+    score_and_select(code, scale, norm, index->centroid_codes, index->centroid_scales,
                      index->centroid_norms, nb, p, pairs.get());
     for (uint32_t t = 0; t < p; ++t) out_buckets[t] = pairs[t].index;
     return 0;
+}
+
+}  // namespace orve
+
+extern "C" ORVE_API int orve_ivf_route_top_buckets(const orve_ivf_index* index, const float* query,
+                                                   uint32_t n_probe, uint32_t* out_buckets) {
+    if (index == nullptr || query == nullptr || out_buckets == nullptr || index->n_buckets == 0 ||
+        n_probe == 0) {
+        return -1;
+    }
+    routing_query q;
+    if (!q.quantise(query)) return -1;
+    return orve::route_top_buckets(index, q.code.get(), q.scale, q.norm, n_probe, out_buckets);
 }

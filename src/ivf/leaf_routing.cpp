@@ -3,16 +3,18 @@
 #include <cstdlib>
 
 #include "ivf/ivf_internal.h"
+#include "ivf/quantised_routing.h"
 #include "ivf/routing_query.h"
 #include "quant/cosine.h"
 #include "quant/dot512_kernels.h"
 #include "util/c_alloc.h"
 
-extern "C" ORVE_API int orve_hivf_route_top_leaves(const orve_hivf_index* index, const float* query,
-                                                   uint32_t n_probe_l1, uint32_t n_probe_l2,
-                                                   uint32_t* out_l1, uint32_t* out_l2,
-                                                   uint32_t* out_count) {
-    if (index == nullptr || query == nullptr || out_l1 == nullptr || out_l2 == nullptr ||
+namespace orve {
+
+int route_top_leaves(const orve_hivf_index* index, const int8_t* code, float scale, float norm,
+                     uint32_t n_probe_l1, uint32_t n_probe_l2, uint32_t* out_l1, uint32_t* out_l2,
+                     uint32_t* out_count) {
+    if (index == nullptr || code == nullptr || out_l1 == nullptr || out_l2 == nullptr ||
         out_count == nullptr || index->b1 == 0 || index->b2 == 0) {
         return -1;
     }
@@ -26,13 +28,11 @@ extern "C" ORVE_API int orve_hivf_route_top_leaves(const orve_hivf_index* index,
     const uint32_t p1 = n_probe_l1 < b1 ? n_probe_l1 : b1;
     const uint32_t p2 = n_probe_l2 < b2 ? n_probe_l2 : b2;
 
-    routing_query q;
-    if (!q.quantise(query)) return -1;
-    orve::c_unique<ivf_scored_pair[]> level1 = orve::c_alloc_array<ivf_scored_pair>(b1);
+    c_unique<ivf_scored_pair[]> level1 = c_alloc_array<ivf_scored_pair>(b1);
     if (!level1) return -1;
-    score_and_select(q.code.get(), q.scale, q.norm, index->l1_centroid_codes,
-                     index->l1_centroid_scales, index->l1_centroid_norms, b1, p1, level1.get());
-    orve::c_unique<ivf_scored_pair[]> leaves = orve::c_alloc_array<ivf_scored_pair>(b2);
+    score_and_select(code, scale, norm, index->l1_centroid_codes, index->l1_centroid_scales,
+                     index->l1_centroid_norms, b1, p1, level1.get());
+    c_unique<ivf_scored_pair[]> leaves = c_alloc_array<ivf_scored_pair>(b2);
     if (!leaves) return -1;
 
     uint32_t count = 0;
@@ -48,8 +48,8 @@ extern "C" ORVE_API int orve_hivf_route_top_leaves(const orve_hivf_index* index,
             return -1;
         }
         const uint32_t take = p2 < nb ? p2 : nb;
-        score_and_select(q.code.get(), q.scale, q.norm, e.centroid_codes, e.centroid_scales,
-                         e.centroid_norms, nb, take, leaves.get());
+        score_and_select(code, scale, norm, e.centroid_codes, e.centroid_scales, e.centroid_norms,
+                         nb, take, leaves.get());
         for (uint32_t t = 0; t < take; ++t) {
             out_l1[count] = i;
             out_l2[count] = leaves[t].index;
@@ -58,4 +58,20 @@ extern "C" ORVE_API int orve_hivf_route_top_leaves(const orve_hivf_index* index,
     }
     *out_count = count;
     return 0;
+}
+
+}  // namespace orve
+
+extern "C" ORVE_API int orve_hivf_route_top_leaves(const orve_hivf_index* index, const float* query,
+                                                   uint32_t n_probe_l1, uint32_t n_probe_l2,
+                                                   uint32_t* out_l1, uint32_t* out_l2,
+                                                   uint32_t* out_count) {
+    if (index == nullptr || query == nullptr || out_l1 == nullptr || out_l2 == nullptr ||
+        out_count == nullptr || index->b1 == 0 || index->b2 == 0) {
+        return -1;
+    }
+    routing_query q;
+    if (!q.quantise(query)) return -1;
+    return orve::route_top_leaves(index, q.code.get(), q.scale, q.norm, n_probe_l1, n_probe_l2,
+                                  out_l1, out_l2, out_count);
 }

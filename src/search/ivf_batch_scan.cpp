@@ -15,7 +15,7 @@
 
 #include "core/publication.h"
 #include "core/system.h"
-#include "ivf/batch_routing.h"
+#include "ivf/quantised_routing.h"
 #include "search/index_scan.h"
 #include "search/query_context.h"
 

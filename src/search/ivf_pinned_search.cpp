@@ -4,6 +4,7 @@
 
 #include "core/publication.h"
 #include "core/system.h"
+#include "ivf/quantised_routing.h"
 #include "search/index_scan.h"
 
 int search_similar_orve512_ivf_rcu_pinned(semantic_vector_indexing_system* sys, ivf_live* holder,
@@ -13,12 +14,14 @@ int search_similar_orve512_ivf_rcu_pinned(semantic_vector_indexing_system* sys, 
     const orve_ivf_index& index = holder->index;
     const uint32_t n = index.n_buckets < q->n_probe ? index.n_buckets : q->n_probe;
     if (n == 0) return -1;
-    auto buckets = orve::c_alloc_array<uint32_t>(n);
-    if (!buckets || orve_ivf_route_top_buckets(&index, q->query_vector, n, buckets.get()) != 0) {
-        return -1;
-    }
+    // The query is quantised once, for the scan, and routed with the same code.
     orve::query_context ctx;
     if (!orve::begin_query(sys, q, index.n_rows, index.n_rows, true, ctx)) return -1;
+    auto buckets = orve::c_alloc_array<uint32_t>(n);
+    if (!buckets ||
+        orve::route_top_buckets(&index, ctx.codes, ctx.scale, ctx.norm, n, buckets.get()) != 0) {
+        return -1;
+    }
     for (uint32_t i = 0; i < n; ++i) {
         if (buckets[i] >= index.n_buckets) continue;
         if (i + 1 < n) orve::prefetch_bucket(index, buckets[i + 1]);
@@ -49,17 +52,17 @@ int search_similar_orve512_hivf_pinned(semantic_vector_indexing_system* sys,
     const std::size_t room = static_cast<std::size_t>(p1 * p2);
     auto l1 = orve::c_alloc_array<uint32_t>(room);
     auto l2 = orve::c_alloc_array<uint32_t>(room);
-    uint32_t leaves = 0;
-    if (!l1 || !l2 ||
-        orve_hivf_route_top_leaves(&index, q->query_vector, q->n_probe_l1, q->n_probe_l2, l1.get(),
-                                   l2.get(), &leaves) != 0) {
-        return -1;
-    }
     orve::query_context ctx;
     // Rows appended after the build have slots at or past the build's row count; the node
     // count bounds the slots the node table can answer for.
     const uint32_t slot_limit = orve::load_node_count(sys);
     if (!orve::begin_query(sys, q, slot_limit, slot_limit, true, ctx)) return -1;
+    uint32_t leaves = 0;
+    if (!l1 || !l2 ||
+        orve::route_top_leaves(&index, ctx.codes, ctx.scale, ctx.norm, q->n_probe_l1, q->n_probe_l2,
+                               l1.get(), l2.get(), &leaves) != 0) {
+        return -1;
+    }
     for (uint32_t i = 0; i < leaves; ++i) {
         if (l1[i] >= index.b1) continue;
         const orve_ivf_index& leaf = index.l2_indexes[l1[i]];
