@@ -1,5 +1,7 @@
 // The streaming read the benchmarks compare scans against: every word of a buffer summed in
-// order, four independent sums so that the adds are never the limit, only memory.
+// order, in four independent sums. A yardstick, not the machine's ceiling: it is one plain loop
+// as a compiler builds it, and a scan with wider loads and its own prefetching can read faster
+// (brute force here reaches 115 to 140 % of it).
 #pragma once
 
 #include <algorithm>
