@@ -74,7 +74,7 @@ TEST(TopkHeap, EntriesEndWhereSwappingThemDownLeavesThem) {
 // must be what the C library's merge sort has always left (glibc's qsort is that merge sort).
 TEST(TopkHeap, SortIsStableDescendingAndKeepsTheLibraryOrderWithNaN) {
     std::mt19937 rng(11);
-    for (uint32_t n : {0u, 1u, 2u, 3u, 7u, 50u, 255u, 256u, 257u, 1000u}) {
+    for (uint32_t n : {1u, 2u, 3u, 7u, 50u, 255u, 256u, 257u, 1000u}) {
         for (const bool with_nan : {false, true}) {
             std::vector<bf_topk_entry> v(n);
             for (uint32_t i = 0; i < n; ++i) {
