@@ -72,6 +72,9 @@ struct batch_plan {
     c_unique<uint32_t[]> routes;   // probes per query, in routed order
     c_unique<std::size_t[]> need;  // dot products per query
     c_unique<vector_similarity_query[]> queries;
+    c_unique<int8_t[]> codes;  // each query quantised once, for routing and for its scan
+    c_unique<float[]> scales;
+    c_unique<float[]> norms;
     c_unique<int32_t[]> dots;
     c_unique<std::size_t[]> offsets;  // per (query, probe) of a chunk; kNoSlot if skipped
     c_unique<probe_slot[]> slots;
@@ -85,24 +88,24 @@ bool plan_batch(batch_plan& p) {
     p.routes = c_alloc_array<uint32_t>(pairs);
     p.need = c_alloc_array<std::size_t>(nq);
     p.queries = c_alloc_array<vector_similarity_query>(nq);
-    auto codes = c_alloc_array<int8_t>(static_cast<std::size_t>(nq) * kCodeBytes);
+    p.codes = c_alloc_array<int8_t>(static_cast<std::size_t>(nq) * kCodeBytes);
     auto code_of = c_alloc_array<const int8_t*>(nq);
-    auto scales = c_alloc_array<float>(nq);
-    auto norms = c_alloc_array<float>(nq);
-    if (!p.routes || !p.need || !p.queries || !codes || !code_of || !scales || !norms) {
+    p.scales = c_alloc_array<float>(nq);
+    p.norms = c_alloc_array<float>(nq);
+    if (!p.routes || !p.need || !p.queries || !p.codes || !code_of || !p.scales || !p.norms) {
         return false;
     }
     for (uint32_t i = 0; i < nq; ++i) {
         p.queries[i] = batch_query_for(p.b, i, true);
-        int8_t* code = &codes[static_cast<std::size_t>(i) * kCodeBytes];
+        int8_t* code = &p.codes[static_cast<std::size_t>(i) * kCodeBytes];
         code_of[i] = code;
         // The quantisation the one-query routing applies to the float query.
         if (orve_quantize_float_vector_symmetric(p.queries[i].query_vector, ORVE512_DIM, code,
-                                                 &scales[i], &norms[i]) != 0) {
+                                                 &p.scales[i], &p.norms[i]) != 0) {
             return false;
         }
     }
-    if (route_top_buckets_batch(p.index, code_of.get(), scales.get(), norms.get(), nq, p.probes,
+    if (route_top_buckets_batch(p.index, code_of.get(), p.scales.get(), p.norms.get(), nq, p.probes,
                                 p.routes.get()) != 0) {
         return false;
     }
@@ -167,7 +170,11 @@ bool answer_chunk(batch_plan& p, uint32_t i0, uint32_t i1) {
     if (!ctx.allocate(m)) return false;
     for (uint32_t i = i0; i < i1; ++i) {
         const uint32_t rows = p.index->n_rows;
-        if (!begin_query(p.sys, &p.queries[i], rows, rows, true, ctx.mem[i - i0])) return false;
+        const quantised_query quantised{&p.codes[static_cast<std::size_t>(i) * kCodeBytes],
+                                        p.scales[i], p.norms[i]};
+        if (!begin_query(p.sys, &p.queries[i], rows, rows, true, ctx.mem[i - i0], &quantised)) {
+            return false;
+        }
     }
     score_chunk(p, ctx, lay_out_chunk(p, i0, i1));
     for (uint32_t i = i0; i < i1; ++i) {
@@ -207,7 +214,7 @@ vector_similarity_query batch_query_for(const orve512_batch_query* b, uint32_t i
 bool answer_batch_by_bucket(semantic_vector_indexing_system* sys, const orve512_batch_query* b,
                             ivf_live* holder) {
     if (holder == nullptr) return false;
-    batch_plan p{sys, b, &holder->index, 0, {}, {}, {}, {}, {}, {}};
+    batch_plan p{sys, b, &holder->index, 0, {}, {}, {}, {}, {}, {}, {}, {}, {}};
     p.probes = p.index->n_buckets < b->n_probe ? p.index->n_buckets : b->n_probe;
     if (p.probes == 0 || !plan_batch(p)) return false;
     for (uint32_t i0 = 0; i0 < b->n_queries;) {

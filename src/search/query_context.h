@@ -93,9 +93,18 @@ struct query_context {
     candidate_sink sink{};
 };
 
-// Quantises the query and allocates a heap for at most `offerable` candidates; candidates at
-// slots from slot_limit on are refused. False when the quantisation or allocation fails.
+// The query's code, scale and norm as the symmetric quantiser gives them for its vector.
+struct quantised_query {
+    const int8_t* code;
+    float scale;
+    float norm;
+};
+
+// Quantises the query, or takes `quantised` when the caller already did, and allocates a heap
+// for at most `offerable` candidates; candidates at slots from slot_limit on are refused. False
+// when the quantisation or allocation fails.
 bool begin_query(const semantic_vector_indexing_system* sys, const vector_similarity_query* q,
-                 uint32_t offerable, uint32_t slot_limit, bool nan_passes, query_context& ctx);
+                 uint32_t offerable, uint32_t slot_limit, bool nan_passes, query_context& ctx,
+                 const quantised_query* quantised = nullptr);
 
 }  // namespace orve
