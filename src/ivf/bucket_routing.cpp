@@ -24,17 +24,21 @@ int cmp_scored_desc(const void* a, const void* b) {
 namespace {
 
 // Cosines of dots[0 .. len) against centroids c0 .. c0 + len into pairs; true if any is NaN.
+// Four centroids per division, the same float operations as the lone cosine, so the same bits.
 bool score_block(const int32_t* dots, float qscale, float qnorm, const float* scales,
                  const float* norms, uint32_t c0, uint32_t len, ivf_scored_pair* pairs) {
+    float scores[orve::kScanBlockRows];
+    orve::cosine_from_dots(dots, qscale, scales + c0, qnorm, norms + c0, len, 0.0f, scores);
     bool any_nan = false;
     for (uint32_t j = 0; j < len; ++j) {
-        const uint32_t c = c0 + j;
-        const float s = orve::cosine_from_dot(dots[j], qscale, scales[c], qnorm, norms[c]);
-        any_nan |= s != s;
-        pairs[c] = ivf_scored_pair{s, c};
+        any_nan |= scores[j] != scores[j];
+        pairs[c0 + j] = ivf_scored_pair{scores[j], c0 + j};
     }
     return any_nan;
 }
+
+// Above this many wanted, a partial sort; at or below, insertion into the front.
+constexpr uint32_t kInsertedMost = 32;
 
 // Moves the best `best` scored pairs, in cmp_scored_desc order, to the front.
 void select_best(ivf_scored_pair* pairs, uint32_t count, uint32_t best, bool any_nan) {
@@ -45,12 +49,27 @@ void select_best(ivf_scored_pair* pairs, uint32_t count, uint32_t best, bool any
         return;
     }
     // Without NaN, score descending then index ascending is a strict total order, so the best
-    // `best` pairs in order are exactly the first `best` of the full sort, at a fraction of
-    // its cost when few of many centroids are wanted.
-    std::partial_sort(pairs, pairs + best, pairs + count,
-                      [](const ivf_scored_pair& a, const ivf_scored_pair& b) {
-                          return a.score > b.score || (a.score == b.score && a.index < b.index);
-                      });
+    // `best` pairs in order are exactly the first `best` of the full sort, whichever way they
+    // are found.
+    const auto before = [](const ivf_scored_pair& a, const ivf_scored_pair& b) {
+        return a.score > b.score || (a.score == b.score && a.index < b.index);
+    };
+    if (best == 0) return;  // routing with no probes asked for: nothing to move
+    if (best > kInsertedMost) {
+        std::partial_sort(pairs, pairs + best, pairs + count, before);
+        return;
+    }
+    // Few wanted (the usual probe counts): one pass keeps them in order at the front, most
+    // pairs costing one comparison against the last kept. While the front fills, pair i is
+    // written no further right than slot i, its own, so nothing unread is overwritten.
+    uint32_t kept = 0;
+    for (uint32_t i = 0; i < count; ++i) {
+        const ivf_scored_pair p = pairs[i];
+        if (kept == best && !before(p, pairs[best - 1])) continue;
+        uint32_t at = kept < best ? kept++ : best - 1;
+        for (; at > 0 && before(p, pairs[at - 1]); --at) pairs[at] = pairs[at - 1];
+        pairs[at] = p;
+    }
 }
 
 }  // namespace
