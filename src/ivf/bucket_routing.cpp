@@ -137,10 +137,8 @@ int route_top_buckets(const orve_ivf_index* index, const int8_t* code, float sca
 
 extern "C" ORVE_API int orve_ivf_route_top_buckets(const orve_ivf_index* index, const float* query,
                                                    uint32_t n_probe, uint32_t* out_buckets) {
-    if (index == nullptr || query == nullptr || out_buckets == nullptr || index->n_buckets == 0 ||
-        n_probe == 0) {
-        return -1;
-    }
+    // Every other argument is checked where the quantised query is routed.
+    if (query == nullptr) return -1;
     routing_query q;
     if (!q.quantise(query)) return -1;
     return orve::route_top_buckets(index, q.code.get(), q.scale, q.norm, n_probe, out_buckets);

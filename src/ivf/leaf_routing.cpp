@@ -66,10 +66,8 @@ extern "C" ORVE_API int orve_hivf_route_top_leaves(const orve_hivf_index* index,
                                                    uint32_t n_probe_l1, uint32_t n_probe_l2,
                                                    uint32_t* out_l1, uint32_t* out_l2,
                                                    uint32_t* out_count) {
-    if (index == nullptr || query == nullptr || out_l1 == nullptr || out_l2 == nullptr ||
-        out_count == nullptr || index->b1 == 0 || index->b2 == 0) {
-        return -1;
-    }
+    // Every other argument is checked where the quantised query is routed.
+    if (query == nullptr) return -1;
     routing_query q;
     if (!q.quantise(query)) return -1;
     return orve::route_top_leaves(index, q.code.get(), q.scale, q.norm, n_probe_l1, n_probe_l2,
